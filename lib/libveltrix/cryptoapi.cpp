@@ -1,0 +1,838 @@
+// The crypto registry, the plug-in front object and the crypto objects built on the plug-in.
+#include "cryptoapi.h"
+
+#include "vxGuard.h"
+#include "vxVersions.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+namespace veltrix {
+
+vxReg* cryptoRegistry = nullptr;
+
+namespace {
+
+/** Binds one registry field from an untyped address. */
+struct registryField
+{
+    const char* name;
+    void (*bind)(vxReg& registry, void* function);
+};
+
+#define VX_REG_BINDER(entry, result, params)                     \
+    {#entry, [](vxReg& registry, void* function) {               \
+         registry.entry = reinterpret_cast<entry##_t>(function); \
+     }},
+const registryField registryFields[] = {VX_PLUGIN_ENTRY_POINTS(VX_REG_BINDER)};
+#undef VX_REG_BINDER
+
+/** The entry points the library accepts, in the order it asks for them. */
+const char* const acceptedNames[] = {"vxPluginMdOpen",
+                                     "vxPluginMdInit",
+                                     "vxPluginMdClose",
+                                     "vxPluginMdFinal",
+                                     "vxPluginMdUpdate",
+                                     "vxPluginMdDigest",
+                                     "vxPluginMdDigestSize",
+                                     "vxPluginRsaOpen",
+                                     "vxPluginRsaSign",
+                                     "vxPluginRsaClose",
+                                     "vxPluginRsaVerify",
+                                     "vxPluginRsaKeySize",
+                                     "vxPluginRsaKeyCheck",
+                                     "vxPluginRsaIsPublic",
+                                     "vxPluginRsaIsPrivate",
+                                     "vxPluginRsaBlindingOn",
+                                     "vxPluginRsaBlindingOff",
+                                     "vxPluginRsaGetExponent",
+                                     "vxPluginRsaPublicEncrypt",
+                                     "vxPluginRsaPrivateDecrypt",
+                                     "vxPluginRsaGeneratePrivate",
+                                     "vxPluginRsaMakeKeyFromExps",
+                                     "vxPluginCipherOpen",
+                                     "vxPluginCipherClose",
+                                     "vxPluginCipherSetKey",
+                                     "vxPluginCipherGetKeySize",
+                                     "vxPluginCipherEncryptBlock",
+                                     "vxPluginCipherDecryptBlock",
+                                     "vxPluginCipherGetBlockSize",
+                                     "vxPluginRandOpen",
+                                     "vxPluginRandRead",
+                                     "vxPluginRandClose",
+                                     "vxPluginRandGetBytes",
+                                     "vxPluginRandGetNumFromZero"};
+
+const vxReg& plugin()
+{
+    return *cryptoRegistry;
+}
+
+} // namespace
+
+// ---- registry and front object ----
+
+vxReg::vxReg()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxReg::~vxReg()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxReg::linkResolvedSymbols(vxPluginAccepts& accepts)
+{
+    for (const vxPluginAccepts::entry& entry : accepts.symbols) {
+        const auto* field = std::find_if(
+            std::begin(registryFields), std::end(registryFields),
+            [&entry](const registryField& candidate) { return entry.name == candidate.name; });
+        if (field == std::end(registryFields)) {
+            const std::string text = LVX_MSG_NO_SYMBOL + entry.name;
+            LVX_GUARD_LATCH();
+            LVX_FAIL("%s", text.c_str());
+        }
+        field->bind(*this, entry.function);
+    }
+    return true;
+}
+
+vxApi::vxApi() : searchPath(VX_DEFAULT_PLUGIN_PATH)
+{
+    LVX_INIT_OBJECT();
+}
+
+vxApi::~vxApi()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxApi::Open(const std::string& pluginName)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(cryptoRegistry == nullptr, LVX_MSG_PLUGIN_LOADED);
+    LVX_CHECK(populatePluginAccepts());
+    LVX_CHECK(loader.loadPlugin(searchPath, pluginName, accepts));
+    cryptoRegistry = new vxReg();
+    LVX_CHECK(cryptoRegistry->linkResolvedSymbols(accepts));
+    return true;
+}
+
+bool vxApi::Close()
+{
+    delete cryptoRegistry;
+    cryptoRegistry = nullptr;
+    return true;
+}
+
+bool vxApi::makeSymbol(std::string symbol)
+{
+    accepts.symbols.push_back({std::move(symbol), nullptr});
+    return true;
+}
+
+bool vxApi::populatePluginAccepts()
+{
+    for (const char* symbol : acceptedNames) {
+        (void)makeSymbol(symbol);
+    }
+    return true;
+}
+
+// ---- algorithm identifiers ----
+
+vxHashId::vxHashId()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxHashId::~vxHashId()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxHashId::Open(uint32_t id)
+{
+    switch (id) {
+    case md5:
+    case sha1:
+    case sha256:
+    case sha512:
+    case sha384:
+    case sha256_128:
+        value = id;
+        return true;
+    default:
+        return false; // quiet: the owner reports an unknown algorithm
+    }
+}
+
+bool vxHashId::GetValue(uint32_t& id) const
+{
+    id = value;
+    return true;
+}
+
+vxCipherId::vxCipherId()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxCipherId::~vxCipherId()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxCipherId::Open(uint32_t id)
+{
+    if (id < none || id > aes256) {
+        return false; // quiet: the owner reports an unknown algorithm
+    }
+    value = id;
+    return true;
+}
+
+bool vxCipherId::GetValue(uint32_t& id) const
+{
+    id = value;
+    return true;
+}
+
+// ---- message digest ----
+
+vxMd::vxMd()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxMd::~vxMd()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxMd::Open(const vxHashId& id)
+{
+    if (cryptoRegistry == nullptr) {
+        return false; // quiet: without a plug-in there is nothing to bind to
+    }
+    LVX_GUARD_LATCH();
+    uint32_t value = 0;
+    LVX_CHECK(id.GetValue(value));
+    storage.isopen = plugin().vxPluginMdOpen(&storage, value);
+    return storage.isopen;
+}
+
+bool vxMd::Init()
+{
+    finalized = false;
+    length = 0;
+    return plugin().vxPluginMdInit(&storage);
+}
+
+bool vxMd::update(const unsigned char* data, uint32_t size)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(!finalized, LVX_MSG_NOT_FINALIZED);
+    length += size;
+    (void)plugin().vxPluginMdUpdate(&storage, data, size);
+    return true;
+}
+
+bool vxMd::Update(const char* data, uint32_t size)
+{
+    return update(reinterpret_cast<const unsigned char*>(data), size);
+}
+
+bool vxMd::Update(const std::string& text)
+{
+    return Update(text.data(), static_cast<uint32_t>(text.size()));
+}
+
+bool vxMd::Update(std::string&& text)
+{
+    return Update(text.data(), static_cast<uint32_t>(text.size()));
+}
+
+bool vxMd::Update(const std::string* text)
+{
+    return Update(text->data(), static_cast<uint32_t>(text->size()));
+}
+
+bool vxMd::Update(const vxBytes& data)
+{
+    // Passed in place: a copy would cost time and, for large buffers, stack.
+    return update(data.bytes.data(), static_cast<uint32_t>(data.bytes.size()));
+}
+
+bool vxMd::Final()
+{
+    finalized = true;
+    (void)plugin().vxPluginMdFinal(&storage);
+    return true;
+}
+
+bool vxMd::GetLength(uint32_t& size)
+{
+    size = length;
+    return true;
+}
+
+void vxMd::appendDigest(std::vector<unsigned char>& out)
+{
+    const vxByteVector& digest = *plugin().vxPluginMdDigest(&storage);
+    const uint32_t size = plugin().vxPluginMdDigestSize(&storage);
+    if (size == 0) {
+        return;
+    }
+    (void)digest.at(size - 1); // a plug-in vector shorter than its digest size is a fault
+    out.insert(out.end(), digest.begin(), digest.begin() + size);
+}
+
+bool vxMd::GetBytes(vxBytes& digest)
+{
+    if (!storage.isopen) {
+        return false; // quiet: nothing to read from an unbound digest
+    }
+    digest.bytes.clear();
+    appendDigest(digest.bytes);
+    return true;
+}
+
+bool vxMd::GetString(std::string& text)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(finalized, LVX_MSG_FINALIZED);
+    std::vector<unsigned char> digest;
+    appendDigest(digest);
+    text = hexString(std::move(digest)).text;
+    return true;
+}
+
+bool vxMd::Close()
+{
+    (void)plugin().vxPluginMdClose(&storage);
+    storage.isopen = false;
+    return true;
+}
+
+std::ostream& operator<<(std::ostream& out, const vxMd& md)
+{
+    vxMd copy(md);
+    std::string text;
+    const bool ok = copy.GetString(text);
+    copy.opened = false; // the copy shares the original's plug-in state; it owns nothing
+    return out << (ok ? text : LVX_MSG_STREAM_ERROR);
+}
+
+// ---- keyed digest ----
+
+vxHmacMd::vxHmacMd()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxHmacMd::~vxHmacMd()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxHmacMd::Open(vxHashId& id)
+{
+    LVX_CALL_OPEN(inner, id);
+    LVX_CALL_OPEN(outer, id);
+    return true;
+}
+
+bool vxHmacMd::SetKey(const vxBytes& key)
+{
+    const size_t size = key.bytes.size();
+    innerKey.bytes.resize(size);
+    outerKey.bytes.resize(size);
+    for (size_t i = 0; i < size; ++i) {
+        innerKey.bytes[i] = key.bytes[i] ^ 0x36U;
+        outerKey.bytes[i] = key.bytes[i] ^ 0x5CU;
+    }
+    return true;
+}
+
+bool vxHmacMd::SetKey(const std::string& key)
+{
+    LVX_CHECK(result.Replace(key));
+    LVX_CHECK(SetKey(result));
+    return true;
+}
+
+bool vxHmacMd::Init()
+{
+    LVX_CHECK(inner.Init());
+    LVX_CHECK(outer.Init());
+    LVX_CHECK(inner.Update(innerKey));
+    return true;
+}
+
+bool vxHmacMd::Update(const vxBytes& data)
+{
+    LVX_CHECK(inner.Update(data));
+    return true;
+}
+
+bool vxHmacMd::Final()
+{
+    LVX_CHECK(inner.Final());
+    result.bytes.clear();
+    LVX_CHECK(inner.GetBytes(result));
+    LVX_CHECK(outer.Update(outerKey));
+    LVX_CHECK(outer.Update(result));
+    LVX_CHECK(outer.Final());
+    return true;
+}
+
+bool vxHmacMd::GetBytes(vxBytes& mac)
+{
+    mac = result;
+    return true;
+}
+
+bool vxHmacMd::Close()
+{
+    LVX_CALL_CLOSE(inner);
+    LVX_CALL_CLOSE(outer);
+    return true;
+}
+
+// ---- block cipher ----
+
+vxCipher::vxCipher()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxCipher::~vxCipher()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxCipher::Open(const vxCipherId& id)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(!storage.isopen, LVX_MSG_STORAGE_CLOSED);
+    LVX_ENSURE(cryptoRegistry != nullptr, LVX_MSG_REGISTRY);
+    uint32_t value = 0;
+    LVX_CHECK(id.GetValue(value));
+    storage.isopen = plugin().vxPluginCipherOpen(&storage, value);
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(storage.isopen, LVX_MSG_STORAGE_OPEN);
+    LVX_CALL_OPEN(cipherId, value);
+    return true;
+}
+
+bool vxCipher::SetKey(const vxBytes& key)
+{
+    LVX_GUARD();
+    const bool accepted = plugin().vxPluginCipherSetKey(&storage, &key.bytes);
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(accepted, LVX_MSG_SETKEY_FAILED);
+    return true;
+}
+
+bool vxCipher::GetBlockSize(uint32_t& size)
+{
+    LVX_GUARD();
+    size = plugin().vxPluginCipherGetBlockSize(&storage);
+    return true;
+}
+
+bool vxCipher::GetKeySize(uint32_t& size)
+{
+    LVX_GUARD();
+    size = plugin().vxPluginCipherGetKeySize(&storage);
+    return true;
+}
+
+bool vxCipher::Encrypt(const vxBytes& in, vxBytes& out)
+{
+    return plugin().vxPluginCipherEncryptBlock(&storage, &in.bytes, &out.bytes);
+}
+
+bool vxCipher::Decrypt(const vxBytes& in, vxBytes& out)
+{
+    return plugin().vxPluginCipherDecryptBlock(&storage, &in.bytes, &out.bytes);
+}
+
+bool vxCipher::Close()
+{
+    // The plug-in state is released even while latched; isopen stays set so the object cannot be
+    // opened again.
+    (void)plugin().vxPluginCipherClose(&storage);
+    LVX_GUARD_LATCH();
+    LVX_CALL_CLOSE(cipherId);
+    return true;
+}
+
+// ---- random source ----
+
+vxRand::vxRand()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxRand::~vxRand()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxRand::Open(bool flag)
+{
+    storage.isopen = plugin().vxPluginRandOpen(&storage, flag);
+    return storage.isopen;
+}
+
+bool vxRand::SetTestMode()
+{
+    testMode = true;
+    return true;
+}
+
+bool vxRand::Read(uint32_t count)
+{
+    if (!storage.isopen) {
+        return false; // quiet: an unopened source draws nothing
+    }
+    return plugin().vxPluginRandRead(&storage, count, testMode);
+}
+
+bool vxRand::GetBytes(vxBytes& out)
+{
+    LVX_GUARD_LATCH();
+    out.bytes = *plugin().vxPluginRandGetBytes(&storage);
+    return true;
+}
+
+bool vxRand::GetHashedBytes(vxBytes& out)
+{
+    LVX_GUARD_LATCH();
+    out.bytes.clear();
+    const vxByteVector& drawn = *plugin().vxPluginRandGetBytes(&storage);
+    if (drawn.empty()) {
+        return false; // quiet: an empty draw is the caller's to judge
+    }
+    out.bytes = drawn;
+    return true;
+}
+
+bool vxRand::GetNumFromZero(int limit, uint32_t& number)
+{
+    if (!storage.isopen) {
+        return false; // quiet: an unopened source draws nothing
+    }
+    number = plugin().vxPluginRandGetNumFromZero(&storage, limit);
+    return true;
+}
+
+bool vxRand::Close()
+{
+    (void)plugin().vxPluginRandClose(&storage);
+    return true;
+}
+
+// ---- sequence ----
+
+vxSequence::vxSequence()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxSequence::~vxSequence()
+{
+    LVX_DESTRUCT();
+}
+
+bool vxSequence::Open(uint32_t outputs)
+{
+    range = outputs;
+    state = 1;
+    divisor = 2U * outputs;
+    return true;
+}
+
+bool vxSequence::Seed(const vxBytes& value)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(value.bytes.size() >= 4, LVX_MSG_SEED_SHORT);
+    state = (uint32_t{value.bytes[0]} << 24U) | (uint32_t{value.bytes[1]} << 16U) |
+            (uint32_t{value.bytes[2]} << 8U) | uint32_t{value.bytes[3]};
+    return true;
+}
+
+uint32_t vxSequence::Next()
+{
+    // Dividing by twice the range drops the low bit of the scaled state; both ends rely on it.
+    state = state * 1103515245U + 12345U;
+    const uint32_t quotient = divisor == 0 ? 0 : state / divisor;
+    return range == 0 ? 0 : quotient % range;
+}
+
+} // namespace veltrix
+
+namespace veltrix {
+
+// ---- RSA keys ----
+
+namespace {
+
+const char* const defaultFingerprint =
+    "de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de";
+constexpr uint32_t largeKeyBytes = 512; // a 4096-bit key takes its fingerprint from SHA-512
+constexpr size_t fingerprintDigits = 64;
+constexpr size_t keyLineWidth = 80;
+const char* const keyLabels = "NEPQD"; // body labels in file order, indices 1 to 5
+
+std::string keyHeader(uint32_t keyBytes, bool isPrivate)
+{
+    return std::to_string(keyBytes * 8U) + " BIT " + (isPrivate ? "PRIVATE" : "PUBLIC");
+}
+
+} // namespace
+
+vxRsa::vxRsa() : fingerprint(defaultFingerprint)
+{
+    LVX_INIT_OBJECT();
+}
+
+vxRsa::~vxRsa()
+{
+    LVX_DESTRUCT();
+}
+
+std::string vxRsa::exponent(int index)
+{
+    // The plug-in hands over a heap text; the library owns and releases it.
+    const std::unique_ptr<std::string> text(plugin().vxPluginRsaGetExponent(&storage, index));
+    return text ? *text : std::string();
+}
+
+bool vxRsa::Open()
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(cryptoRegistry != nullptr, LVX_MSG_REGISTRY_BARE);
+    LVX_ENSURE(!storage.isopen, LVX_MSG_STORAGE_CLOSED);
+    storage.isopen = plugin().vxPluginRsaOpen(&storage);
+    return storage.isopen;
+}
+
+bool vxRsa::Close()
+{
+    (void)plugin().vxPluginRsaClose(&storage);
+    return true;
+}
+
+bool vxRsa::GeneratePrivate(uint32_t bits)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(storage.isopen, LVX_MSG_STORAGE_OPEN);
+    LVX_CHECK(plugin().vxPluginRsaGeneratePrivate(&storage, bits));
+    LVX_CHECK(SetFingerprint());
+    return true;
+}
+
+bool vxRsa::MakeKeyFromExps(const std::string& n, const std::string& e, const std::string& p,
+                            const std::string& q, const std::string& d)
+{
+    LVX_CHECK(plugin().vxPluginRsaMakeKeyFromExps(&storage, &n, &e, &p, &q, &d));
+    LVX_CHECK(SetFingerprint());
+    return true;
+}
+
+bool vxRsa::GetExponents(std::string& n, std::string& e, std::string& p, std::string& q,
+                         std::string& d)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(storage.isopen, LVX_MSG_STORAGE_OPEN);
+    const bool isPrivate = plugin().vxPluginRsaIsPrivate(&storage);
+    n = exponent(1);
+    e = exponent(2);
+    p = isPrivate ? exponent(3) : std::string();
+    q = isPrivate ? exponent(4) : std::string();
+    d = isPrivate ? exponent(5) : std::string();
+    return true;
+}
+
+bool vxRsa::SpawnPublicCopy(vxRsa& target)
+{
+    if (!storage.isopen || !plugin().vxPluginRsaIsPrivate(&storage)) {
+        return false; // quiet: only a private key has a public half to hand out
+    }
+    const std::string n = exponent(1);
+    const std::string e = exponent(2);
+    LVX_CHECK(target.MakeKeyFromExps(n, e, "", "", ""));
+    return true;
+}
+
+bool vxRsa::Sign(const vxBytes& message, vxBytes& signature)
+{
+    LVX_CHECK(plugin().vxPluginRsaSign(&storage, &message.bytes, &signature.bytes));
+    return true;
+}
+
+bool vxRsa::Verify(const vxBytes& message, const vxBytes& signature)
+{
+    LVX_CHECK(plugin().vxPluginRsaVerify(&storage, &message.bytes, &signature.bytes));
+    return true;
+}
+
+bool vxRsa::GetKeySize(uint32_t& size)
+{
+    if (!storage.isopen) {
+        return false; // quiet: no key, no size
+    }
+    size = plugin().vxPluginRsaKeySize(&storage, &size);
+    return true;
+}
+
+bool vxRsa::KeyCheck()
+{
+    return plugin().vxPluginRsaKeyCheck(&storage);
+}
+
+bool vxRsa::IsPublic()
+{
+    return plugin().vxPluginRsaIsPublic(&storage);
+}
+
+bool vxRsa::IsPrivate()
+{
+    return plugin().vxPluginRsaIsPrivate(&storage);
+}
+
+bool vxRsa::BlindingOn()
+{
+    return plugin().vxPluginRsaBlindingOn(&storage);
+}
+
+bool vxRsa::BlindingOff()
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(storage.isopen, LVX_MSG_STORAGE_OPEN);
+    return plugin().vxPluginRsaBlindingOff(&storage);
+}
+
+bool vxRsa::PublicEncrypt(uint32_t length, const unsigned char* from, unsigned char* to)
+{
+    return plugin().vxPluginRsaPublicEncrypt(&storage, length, from, to) > 0;
+}
+
+bool vxRsa::PrivateDecrypt(const unsigned char* from, unsigned char* to)
+{
+    return plugin().vxPluginRsaPrivateDecrypt(&storage, from, to) > 0;
+}
+
+bool vxRsa::SetFingerprint()
+{
+    const std::string modulus = exponent(1);
+    LVX_GUARD_LATCH();
+    uint32_t size = 0;
+    LVX_CHECK(GetKeySize(size));
+    vxHashId id;
+    vxMd md;
+    LVX_CALL_OPEN(id, size == largeKeyBytes ? vxHashId::sha512 : vxHashId::sha256);
+    LVX_CALL_OPEN(md, id);
+    LVX_CHECK(md.Init());
+    LVX_CHECK(md.Update(modulus));
+    LVX_CHECK(md.Final());
+    fingerprint.clear();
+    std::string digest;
+    LVX_CHECK(md.GetString(digest));
+    // The first 32 digest bytes as hex pairs joined by ":"; a SHA-512 digest's rest is unused.
+    for (size_t i = 0; i < fingerprintDigits; i += 2) {
+        fingerprint.append(digest, i, 2).push_back(':');
+    }
+    fingerprint.pop_back();
+    LVX_CALL_CLOSE(md);
+    LVX_CALL_CLOSE(id);
+    return true;
+}
+
+bool vxRsa::GetFingerprint(std::string& text)
+{
+    text = fingerprint;
+    return true;
+}
+
+bool vxRsa::WriteKeyToDisk(const std::string& path)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(storage.isopen, LVX_MSG_STORAGE_OPEN);
+    const bool isPrivate = plugin().vxPluginRsaIsPrivate(&storage);
+    uint32_t keyBytes = 0;
+    keyBytes = plugin().vxPluginRsaKeySize(&storage, &keyBytes);
+    const std::string header = keyHeader(keyBytes, isPrivate);
+    std::string body;
+    for (int index = 1; index <= (isPrivate ? 5 : 2); ++index) {
+        body.append(1, keyLabels[index - 1]).append(": ").append(exponent(index)).push_back('\n');
+    }
+    const std::string hex = hexString(std::vector<unsigned char>(body.begin(), body.end())).text;
+
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!file) {
+        return false; // quiet: an unwritable path is the caller's to report
+    }
+    file << "---- BEGIN KEYSEAL " << header << " KEY ----\n";
+    file << "---- FINGERPRINT    " << fingerprint << '\n';
+    for (size_t i = 0; i < hex.size(); i += keyLineWidth) {
+        file << hex.substr(i, keyLineWidth) << '\n';
+    }
+    // The end marker keeps its blank after the dashes; readers skip both markers.
+    file << "---- END KEYSEAL " << header << " KEY ---- \n";
+    file.close();
+    return !file.fail();
+}
+
+bool vxRsa::ReadKeyFromDisk(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        const std::string text = LVX_MSG_NO_KEY_FILE + path;
+        LVX_GUARD_LATCH();
+        LVX_FAIL("%s", text.c_str());
+    }
+    // Markers and the fingerprint line start with "-" and are skipped: the fingerprint is
+    // recomputed from the modulus, so the file's copy is informative only.
+    std::string hex;
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.empty() || line[0] == '-' || line.find_first_not_of(' ') == std::string::npos) {
+            continue;
+        }
+        hex += line;
+    }
+    const hexString decoded(hex);
+    std::istringstream body(std::string(decoded.bytes.begin(), decoded.bytes.end()));
+    std::string numbers[5];
+    while (std::getline(body, line)) {
+        std::istringstream words(line);
+        std::string label;
+        std::string value;
+        words >> label >> value;
+        // A line without any word throws std::out_of_range here.
+        const char* const letter = std::strchr(keyLabels, label.at(0));
+        if (letter == nullptr || *letter == '\0') {
+            break; // an unknown label ends the body
+        }
+        numbers[letter - keyLabels] = value;
+    }
+    storage.isopen = plugin().vxPluginRsaMakeKeyFromExps(&storage, &numbers[0], &numbers[1],
+                                                         &numbers[2], &numbers[3], &numbers[4]);
+    if (!storage.isopen) {
+        return false; // quiet: the plug-in rejected the numbers
+    }
+    LVX_CHECK(SetFingerprint());
+    return true;
+}
+
+} // namespace veltrix

@@ -1,0 +1,343 @@
+// The crypto objects and the registry through which they reach the crypto plug-in.
+#pragma once
+
+#include "pluginLoader.h"
+#include "vxBytes.h"
+#include "vxPlugin.h"
+
+#include <ostream>
+#include <string>
+
+namespace veltrix {
+
+/** One address per plug-in entry point, bound by name from what the loader resolved. */
+class VX_API vxReg : public vxBase
+{
+public:
+#define VX_REG_FIELD(name, result, params) name##_t name = nullptr;
+    VX_PLUGIN_ENTRY_POINTS(VX_REG_FIELD)
+#undef VX_REG_FIELD
+
+    vxReg();
+    vxReg(const vxReg&) = delete;
+    vxReg& operator=(const vxReg&) = delete;
+    vxReg(vxReg&&) = delete;
+    vxReg& operator=(vxReg&&) = delete;
+    ~vxReg() override;
+
+    /** Copies each accepted entry's address into the field of the same name (empty addresses
+     *  too). Fails with "Unable to resolve symbol: <name>" for a name that has no field. */
+    bool linkResolvedSymbols(vxPluginAccepts& accepts);
+};
+
+/** The one process-wide registry; set by vxApi::Open, cleared by vxApi::Close. */
+VX_API extern vxReg* cryptoRegistry;
+
+/** Loads and binds the crypto plug-in; one plug-in per process. */
+class VX_API vxApi : public vxBase
+{
+public:
+    std::string searchPath;
+    pluginLoader loader;
+    vxPluginAccepts accepts;
+
+    vxApi();
+    vxApi(const vxApi&) = delete;
+    vxApi& operator=(const vxApi&) = delete;
+    vxApi(vxApi&&) = delete;
+    vxApi& operator=(vxApi&&) = delete;
+    ~vxApi() override;
+
+    using vxBase::Open;
+    /** Loads the plug-in `name` from the search path and creates the registry. Fails with
+     *  "Plugin already loaded." when a registry exists, or with the loader's texts. */
+    bool Open(const std::string& name);
+    /** Destroys the registry (the plug-in stays mapped); true. */
+    bool Close() override;
+
+    /** Replaces the search path; takes effect at the next Open. */
+    void setSearchPath(const std::string& path) { searchPath = path; }
+
+    bool makeSymbol(std::string name);
+    /** Lists the 34 entry points the library accepts. */
+    bool populatePluginAccepts();
+};
+
+/** A digest algorithm: 1 MD5, 2 SHA-1, 3 SHA-256, 4 SHA-512, 5 SHA-384, 19 SHA-256/128. */
+class VX_API vxHashId : public vxBase
+{
+public:
+    enum : uint32_t
+    {
+        md5 = 1,
+        sha1 = 2,
+        sha256 = 3,
+        sha512 = 4,
+        sha384 = 5,
+        sha256_128 = 19
+    };
+
+    uint32_t value = 0;
+
+    vxHashId();
+    vxHashId(const vxHashId&) = default;
+    vxHashId& operator=(const vxHashId&) = default;
+    vxHashId(vxHashId&&) = default;
+    vxHashId& operator=(vxHashId&&) = default;
+    ~vxHashId() override;
+
+    using vxBase::Open;
+    /** Accepts the six identifiers only; false (no message, no latch) for any other value. */
+    bool Open(uint32_t id);
+    bool GetValue(uint32_t& id) const;
+};
+
+/** A block cipher: 1 none, 2 AES-128, 3 AES-192, 4 AES-256. */
+class VX_API vxCipherId : public vxBase
+{
+public:
+    enum : uint32_t
+    {
+        none = 1,
+        aes128 = 2,
+        aes192 = 3,
+        aes256 = 4
+    };
+
+    uint32_t value = 0;
+
+    vxCipherId();
+    vxCipherId(const vxCipherId&) = default;
+    vxCipherId& operator=(const vxCipherId&) = default;
+    vxCipherId(vxCipherId&&) = default;
+    vxCipherId& operator=(vxCipherId&&) = default;
+    ~vxCipherId() override;
+
+    using vxBase::Open;
+    /** Accepts 1 to 4 only; false (no message, no latch) otherwise. */
+    bool Open(uint32_t id);
+    bool GetValue(uint32_t& id) const;
+};
+
+/** A message digest computed by the plug-in. */
+class VX_API vxMd : public vxBase
+{
+public:
+    bool finalized = false;
+    vxPluginStorage storage;
+    uint32_t length = 0; ///< message bytes since construction or the last Init
+
+    vxMd();
+    vxMd(const vxMd&) = default;
+    vxMd& operator=(const vxMd&) = default;
+    vxMd(vxMd&&) = default;
+    vxMd& operator=(vxMd&&) = default;
+    ~vxMd() override;
+
+    using vxBase::Open;
+    /** Binds the algorithm. False without a message when no plug-in is loaded or the plug-in
+     *  refuses the id. */
+    bool Open(const vxHashId& id);
+    /** Starts a message; no guard. */
+    bool Init();
+    /** Fails with "finalized == false" after Final until the next Init. */
+    bool Update(const char* data, uint32_t size);
+    bool Update(const std::string& text);
+    bool Update(std::string&& text);
+    bool Update(const std::string* text);
+    bool Update(const vxBytes& data);
+    /** Finishes the message; no guard. */
+    bool Final();
+    bool GetLength(uint32_t& size);
+    /** The digest bytes; false without a message when the storage is not open. Final is not
+     *  required. */
+    bool GetBytes(vxBytes& digest);
+    /** The digest as upper-case hex; fails with "( finalized == true )" before Final. */
+    bool GetString(std::string& text);
+    /** Releases the plug-in state. */
+    bool Close() override;
+
+private:
+    bool update(const unsigned char* data, uint32_t size);
+    void appendDigest(std::vector<unsigned char>& out);
+};
+
+/** Writes the hex digest, or "Object protocol error" when it is not available. */
+VX_API std::ostream& operator<<(std::ostream& out, const vxMd& md);
+
+/** The library's keyed digest: value = H((K xor 0x36) || m). The outer digest
+ *  H((K xor 0x5C) || value) is computed and discarded. Peers depend on exactly this; it is not
+ *  HMAC and must not become it. The key is used as it is, neither hashed nor padded. */
+class VX_API vxHmacMd : public vxBase
+{
+public:
+    vxMd inner;
+    vxMd outer;
+    vxBytes innerKey;
+    vxBytes outerKey;
+    vxBytes result;
+
+    vxHmacMd();
+    vxHmacMd(const vxHmacMd&) = delete;
+    vxHmacMd& operator=(const vxHmacMd&) = delete;
+    vxHmacMd(vxHmacMd&&) = delete;
+    vxHmacMd& operator=(vxHmacMd&&) = delete;
+    ~vxHmacMd() override;
+
+    using vxBase::Open;
+    /** Opens both digests with `id`. */
+    bool Open(vxHashId& id);
+    /** Derives both pads from the key; takes effect at the next Init. Always true. */
+    bool SetKey(const vxBytes& key);
+    bool SetKey(const std::string& key);
+    /** Starts a message and feeds the inner pad. */
+    bool Init();
+    bool Update(const vxBytes& data);
+    /** Finishes the inner digest (the value) and computes the outer one. */
+    bool Final();
+    /** Copies the value of the last Final; always true. */
+    bool GetBytes(vxBytes& mac);
+    bool Close() override;
+};
+
+/** One block of the plug-in's cipher at a time. Not reopenable after Close. */
+class VX_API vxCipher : public vxBase
+{
+public:
+    vxPluginStorage storage;
+    vxCipherId cipherId;
+
+    vxCipher();
+    vxCipher(const vxCipher&) = delete;
+    vxCipher& operator=(const vxCipher&) = delete;
+    vxCipher(vxCipher&&) = delete;
+    vxCipher& operator=(vxCipher&&) = delete;
+    ~vxCipher() override;
+
+    using vxBase::Open;
+    /** Fails with "storage.isopen == false" (opened before), "cryptoRegistry != NULL" (no
+     *  plug-in), "storage.isopen == true" (the plug-in refused the id). */
+    bool Open(const vxCipherId& id);
+    /** Fails with "Plugin layer SetKey failed" when the plug-in refuses the key. */
+    bool SetKey(const vxBytes& key);
+    bool GetBlockSize(uint32_t& size);
+    bool GetKeySize(uint32_t& size);
+    /** Exactly one block, unchecked; the plug-in's result. */
+    bool Encrypt(const vxBytes& in, vxBytes& out);
+    bool Decrypt(const vxBytes& in, vxBytes& out);
+    bool Close() override;
+};
+
+/** Random bytes from the plug-in. */
+class VX_API vxRand : public vxBase
+{
+public:
+    uint32_t reserved = 0;
+    bool testMode = false;
+    vxPluginStorage storage;
+    vxBytes scratch;
+
+    vxRand();
+    vxRand(const vxRand&) = delete;
+    vxRand& operator=(const vxRand&) = delete;
+    vxRand(vxRand&&) = delete;
+    vxRand& operator=(vxRand&&) = delete;
+    ~vxRand() override;
+
+    using vxBase::Open;
+    bool Open(bool flag);
+    /** Makes every later Read use the plug-in's reproducible generator. Cannot be undone. */
+    bool SetTestMode();
+    /** Draws `count` bytes; false without a message when not open. */
+    bool Read(uint32_t count);
+    bool GetBytes(vxBytes& out);
+    /** As GetBytes, but false (no message) when the last draw was empty. */
+    bool GetHashedBytes(vxBytes& out);
+    /** A number in [0, limit); false without a message when not open. */
+    bool GetNumFromZero(int limit, uint32_t& number);
+    bool Close() override;
+};
+
+/** A small deterministic sequence computed in the library; both ends of a connection derive the
+ *  same values from the same seed. */
+class VX_API vxSequence : public vxBase
+{
+public:
+    uint32_t state = 0;
+    uint32_t divisor = 0; ///< twice the range
+    uint32_t range = 0;
+
+    vxSequence();
+    vxSequence(const vxSequence&) = default;
+    vxSequence& operator=(const vxSequence&) = default;
+    vxSequence(vxSequence&&) = default;
+    vxSequence& operator=(vxSequence&&) = default;
+    ~vxSequence() override;
+
+    using vxBase::Open;
+    /** Starts the sequence at state 1 with `outputs` distinct values; no guard. */
+    bool Open(uint32_t outputs);
+    /** Fails with "inValue.bytes.size() >= 4" for fewer than four bytes. */
+    bool Seed(const vxBytes& value);
+    uint32_t Next();
+};
+
+/** An RSA key held by the plug-in, with a fingerprint computed in the library. */
+class VX_API vxRsa : public vxBase
+{
+public:
+    vxPluginStorage storage;
+    std::string fingerprint;
+
+    vxRsa();
+    vxRsa(const vxRsa&) = delete;
+    vxRsa& operator=(const vxRsa&) = delete;
+    vxRsa(vxRsa&&) = delete;
+    vxRsa& operator=(vxRsa&&) = delete;
+    ~vxRsa() override;
+
+    /** Fails with "cryptoRegistry" (no plug-in) or "storage.isopen == false" (opened before). */
+    bool Open() override;
+    bool Close() override;
+    /** Fails with "storage.isopen == true" when not open. */
+    bool GeneratePrivate(uint32_t bits);
+    /** A public key when p, q and d are empty. */
+    bool MakeKeyFromExps(const std::string& n, const std::string& e, const std::string& p,
+                         const std::string& q, const std::string& d);
+    /** p, q and d are empty for a public key. */
+    bool GetExponents(std::string& n, std::string& e, std::string& p, std::string& q,
+                      std::string& d);
+    /** Gives `target` (opened by the caller) the public half of this private key; false without a
+     *  message when this key is not private. */
+    bool SpawnPublicCopy(vxRsa& target);
+    /** RSASSA-PKCS1-v1_5 with SHA-256 in the OpenSSL plug-in. */
+    bool Sign(const vxBytes& message, vxBytes& signature);
+    /** A signature that does not verify latches the error: callers treat it as fatal. */
+    bool Verify(const vxBytes& message, const vxBytes& signature);
+    /** Modulus size in bytes. */
+    bool GetKeySize(uint32_t& size);
+    bool KeyCheck();
+    bool IsPublic();
+    bool IsPrivate();
+    bool BlindingOn();
+    bool BlindingOff();
+    /** OAEP in the OpenSSL plug-in; `to` must hold the key size in bytes. */
+    bool PublicEncrypt(uint32_t length, const unsigned char* from, unsigned char* to);
+    /** `from` is one key-size block. */
+    bool PrivateDecrypt(const unsigned char* from, unsigned char* to);
+    /** The first 32 bytes of SHA-256 (SHA-512 for a 4096-bit key) over the modulus text, as 32
+     *  hex pairs joined by ":". */
+    bool SetFingerprint();
+    bool GetFingerprint(std::string& text);
+    /** Writes the key file; false without a message when the file cannot be opened. */
+    bool WriteKeyToDisk(const std::string& path);
+    /** Reads a key file into this opened object; fails with "Unable to locate key: <path>".
+     *  False without a message when the plug-in rejects the numbers. A body line without any
+     *  word throws std::out_of_range. */
+    bool ReadKeyFromDisk(const std::string& path);
+
+private:
+    std::string exponent(int index);
+};
+
+} // namespace veltrix

@@ -1,0 +1,188 @@
+// Base class of every library object, the open/close protocol and the process-wide error trail.
+#pragma once
+
+#include "vxExport.h"
+
+#include <atomic>
+#include <cstdint>
+#include <iosfwd>
+#include <list>
+#include <mutex>
+#include <string>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+namespace veltrix {
+
+/** One message line of an error event. */
+class VX_API vxHistoryLine
+{
+public:
+    std::string message;
+    std::string line; ///< decimal source line, or empty
+    std::string file; ///< last path component of the source file, or empty
+
+    /** Reduces `file` to its last path component (see vxHistoryEvent::CleanupFilename). */
+    void CleanupFilename();
+};
+
+/** One entry of the error trail: where a failure was recorded, and its message lines. */
+class VX_API vxHistoryEvent
+{
+public:
+    std::vector<vxHistoryLine> lines;
+    std::string function; ///< pretty-function signature of the recording operation
+    std::string line;     ///< decimal source line (at most 6 characters)
+    std::string file;     ///< last path component of the source file
+
+    /** Neither `function` nor `file` may be null (std::string throws std::logic_error). */
+    vxHistoryEvent(const char* function, const char* file, int line);
+
+    /** Keeps the text after the last "/" found from index 1 on; a text without one stays whole. */
+    void CleanupFilename();
+};
+
+/** The error trail: the sticky latch and the events, oldest first. */
+class VX_API vxStackTrace
+{
+public:
+    /** Set by every failing guarded operation, cleared only by vxBase::lvxClearLastError. Atomic
+     *  because any thread may fail at any time. */
+    std::atomic<bool> errorLatch{false};
+    /** Guarded by hold(); mutable because recording is const on the recording object. */
+    mutable std::list<vxHistoryEvent> events;
+
+    vxStackTrace() = default;
+    vxStackTrace(const vxStackTrace&) = delete;
+    vxStackTrace& operator=(const vxStackTrace&) = delete;
+    vxStackTrace(vxStackTrace&&) = delete;
+    vxStackTrace& operator=(vxStackTrace&&) = delete;
+    ~vxStackTrace() = default;
+
+    /** Appends a line to the newest event; dropped when the trail is empty. */
+    void addMessage(const std::string& message) const;
+    /** Same, recording `file` (cleaned) and `line` in the message line. */
+    void addMessage(const std::string& file, const std::string& message, unsigned int line) const;
+    /** Clears the latch and every event. */
+    void ClearError();
+
+    /** Locks the trail; an event and its lines recorded under one hold stay together even when
+     *  several threads fail at once. Recursive so that nested records may lock again. */
+    std::unique_lock<std::recursive_mutex> hold() const
+    {
+        return std::unique_lock<std::recursive_mutex>(mutex);
+    }
+
+private:
+    mutable std::recursive_mutex mutex;
+};
+
+/** Base of every library object. Objects are constructed closed, opened through LVX_CALL_OPEN by
+ *  the object that owns them, closed by that owner and only then destroyed. */
+class VX_API vxBase
+{
+public:
+    bool opened = false;
+    int32_t initLine = 0;
+    uint32_t openLine = 0;
+    uint32_t depth = 0;
+    const char* openFile = nullptr;
+    std::string name;
+    vxBase* parent = nullptr;
+
+    vxBase() = default;
+    vxBase(const vxBase&) = default;
+    vxBase& operator=(const vxBase&) = default;
+    vxBase(vxBase&&) = default;
+    vxBase& operator=(vxBase&&) = default;
+
+    /** Does nothing; true. */
+    virtual bool Open() { return true; }
+
+    /** Does nothing; true. */
+    virtual bool Close() { return true; }
+
+    /** Still open and the latch clear: adds "Object: ( <address> ) was not closed." to the newest
+     *  event and latches. */
+    virtual ~vxBase();
+
+    /** First step of the open protocol: links the object under `parent`.
+     *  Fails with "Unable to continue from previous error", "Object in incorrect state:  Expected
+     *  closed, Inited: %d,  Opened: %d", or a linkage violation ("Object protocol violation:
+     *  Unnamed object.", "Object protocol violation.  Linkage depth mismatch.", "Object protocol
+     *  violation:  Linkage to parent not found.") followed by "Opened by" lines. */
+    [[nodiscard]] bool PreOpen(const char* file, uint32_t line, vxBase* parent);
+    /** Last step of the open protocol. False without a message when already open; fails with
+     *  "Object Protocol Violation -- : Use LVX_CALL_OPEN()." when PreOpen never ran. */
+    [[nodiscard]] bool PostOpen(uint32_t line);
+    /** Fails with "Object in incorrect state:  Expected open. " when not open. */
+    [[nodiscard]] bool PreClose();
+    /** Marks the object closed, keeping its links so it may be opened again. */
+    [[nodiscard]] bool PostClose();
+
+    void addHistory(const char* function, const char* file, int line) const;
+    void addMessage(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    void addMessage(const std::string& file, unsigned int line, const char* format, ...) const
+        __attribute__((format(printf, 4, 5)));
+    /** Appends the text of the current errno to the formatted message. */
+    void addMessageWithErrno(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+    /** Adds an "Opened by: <class>" line for `object` and each ancestor of nonzero depth. */
+    void addOpenedByHistory(vxBase* object) const;
+
+    static bool HaveStackTrace();
+    static void lvxClearLastError();
+    /** Prints the trail as a "Filename" / "Line" / "Message Hints" table; the trail is kept. */
+    static void DumpStackTrace(std::ostream& out);
+
+    /** Adds an event recorded at (function, file, line) with one formatted line, as one unit. */
+    void recordEvent(const char* function, const char* file, int line, const char* format,
+                     ...) const __attribute__((format(printf, 5, 6)));
+
+protected:
+    /** The derived-constructor step: closed, unlinked, named with the run-time type name. */
+    void initObject(const std::type_info& type, int line);
+    /** The derived-destructor check of an object that is still open. */
+    void reportUnclosed(const char* function, const char* file, int line) const;
+
+    enum class openStep
+    {
+        latch,
+        preOpen,
+        open
+    };
+
+    /** Records the failure text of one step of LVX_CALL_OPEN when `ok` is false. */
+    [[nodiscard]] bool checkOpenStep(const char* function, const char* file, int line,
+                                     openStep step, bool ok) const;
+
+    /** The open protocol behind LVX_CALL_OPEN: PreOpen, the child's Open(args...), PostOpen. */
+    template <class Child, class... Args>
+    [[nodiscard]] bool callOpen(const char* function, const char* file, int line, Child& child,
+                                Args&&... args)
+    {
+        const auto at = static_cast<uint32_t>(line);
+        return checkOpenStep(function, file, line, openStep::latch, true) &&
+               checkOpenStep(function, file, line, openStep::preOpen,
+                             child.PreOpen(file, at, this)) &&
+               checkOpenStep(function, file, line, openStep::open,
+                             child.Open(std::forward<Args>(args)...)) &&
+               child.PostOpen(at);
+    }
+};
+
+} // namespace veltrix
+
+/** Opens `child` (first argument) with `this` as parent, passing the remaining arguments to its
+ *  Open; returns false from the enclosing operation when any step fails. */
+#define LVX_CALL_OPEN(...)                                                           \
+    do {                                                                             \
+        if (!this->callOpen(__PRETTY_FUNCTION__, __FILE__, __LINE__, __VA_ARGS__)) { \
+            return false;                                                            \
+        }                                                                            \
+    } while (0)
+
+/** The naming step every derived constructor runs. */
+#define LVX_INIT_OBJECT() this->initObject(typeid(*this), __LINE__)
+/** The unclosed-object check every derived destructor runs. */
+#define LVX_DESTRUCT() this->reportUnclosed(__PRETTY_FUNCTION__, __FILE__, __LINE__)

@@ -1,0 +1,66 @@
+// The one process-wide object vxGlobal, and the debug aids it holds.
+#pragma once
+
+#include "vxBase.h"
+#include "vxBytes.h"
+#include "vxSignals.h"
+#include "vxTrace.h"
+
+namespace veltrix {
+
+class vxVersions;
+
+/** Developer aids: byte dumps and digest traces. */
+class VX_API vxDebug : public vxBase
+{
+public:
+    uint32_t level = 20; ///< not read by the operations below
+
+    vxDebug();
+    vxDebug(const vxDebug&) = delete;
+    vxDebug& operator=(const vxDebug&) = delete;
+    vxDebug(vxDebug&&) = delete;
+    vxDebug& operator=(vxDebug&&) = delete;
+    ~vxDebug() override;
+
+    /** Prints each byte as unpadded lower-case hex and a blank, then a line end, to stdout. */
+    static void dumpVec(const std::vector<unsigned char>& data);
+    /** Writes "<message> : <MD5 of data>" to the trace log. Needs this object open; fails with the
+     *  standard guard's texts. */
+    bool TraceMd(const vxBytes& data, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
+};
+
+class VX_API vxGlobalData
+{
+public:
+    bool inited = false;
+    vxBase* root = nullptr;
+    vxDebug debug;
+    vxSignals signals;
+    vxTraceLog traceLog;
+    vxStackTrace stackTrace;
+    vxVersions* versions = nullptr; ///< owned; created by tryInit
+
+    vxGlobalData() = default;
+    vxGlobalData(const vxGlobalData&) = delete;
+    vxGlobalData& operator=(const vxGlobalData&) = delete;
+    vxGlobalData(vxGlobalData&&) = delete;
+    vxGlobalData& operator=(vxGlobalData&&) = delete;
+    ~vxGlobalData();
+
+    /** First call: creates the root object and the version table and records the library. Later
+     *  calls do nothing. Safe to call from several threads. */
+    void tryInit();
+
+private:
+    vxBase* plainRoot = nullptr; ///< the root made by tryInit, kept to release it at exit
+    std::once_flag initOnce;
+};
+
+} // namespace veltrix
+
+VX_API extern veltrix::vxGlobalData vxGlobal;
+
+/** Creates the root object and the version table (vxGlobal.tryInit()). */
+extern "C" VX_API void libveltrix_init();

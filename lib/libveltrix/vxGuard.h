@@ -1,0 +1,115 @@
+// Internal: the standard guard and every message text the library records. Never installed.
+#pragma once
+
+#include "vxGlobal.h"
+
+// Message texts, byte for byte (double and trailing blanks are part of them).
+#define LVX_MSG_UNABLE        "Unable to continue from previous error"
+#define LVX_MSG_EXPECTED_OPEN "Object in incorrect state:  Expected open. "
+#define LVX_MSG_EXPECTED_CLOSED \
+    "Object in incorrect state:  Expected closed, Inited: %d,  Opened: %d"
+#define LVX_MSG_BOOL_FAILED    "Boolean return value failed."
+#define LVX_MSG_INT_FAILED     "Int return value failed. (%d). "
+#define LVX_MSG_PREOPEN_FAILED "Object PreOpen() routine failed."
+#define LVX_MSG_OPEN_FAILED    "Object Open() routine failed."
+#define LVX_MSG_UNNAMED        "Object protocol violation:  Unnamed object."
+#define LVX_MSG_DEPTH_MISMATCH "Object protocol violation.  Linkage depth mismatch."
+#define LVX_MSG_NO_PARENT      "Object protocol violation:  Linkage to parent not found."
+#define LVX_MSG_USE_CALL_OPEN  "Object Protocol Violation -- : Use LVX_CALL_OPEN()."
+#define LVX_MSG_NOT_CLOSED     "Object ( %s ) was not closed before going out of scope. "
+#define LVX_MSG_UNKNOWN_NAME   "Protocol violation -- Unknown object name."
+#define LVX_MSG_NO_DEMANGLE    "Unable to convert C++ name."
+#define LVX_MSG_OPENED_BY      "Opened by: %s"
+// Byte buffers.
+#define LVX_MSG_EXPORT_BOUND "bytes.size() <= maxSize"
+#define LVX_MSG_OFFSETS      "offset2 > offset1"
+// Threads.
+#define LVX_MSG_RV_ZERO        "rv == 0"
+#define LVX_MSG_THREAD_CREATED "threadCreated == false"
+// Plug-in loader and registry.
+#define LVX_MSG_NO_PLUGIN_NAME    "Plugin name not set"
+#define LVX_MSG_NO_PLUGIN_VERSION "Plugin version not set"
+#define LVX_MSG_HANDLE_EXISTS     "Handle already exists"
+#define LVX_MSG_ILLEGAL_NAME      "Illegal string component"
+#define LVX_MSG_NO_SUCH_FILE      "No such file or directory: "
+#define LVX_MSG_NO_VX_INIT        "Unable to locate vx_init"
+#define LVX_MSG_VX_INIT_FAILED    "vx_init function pointer failed"
+#define LVX_MSG_NO_SYMBOL         "Unable to resolve symbol: "
+#define LVX_MSG_PLUGIN_LOADED     "Plugin already loaded."
+// Crypto objects.
+#define LVX_MSG_NOT_FINALIZED  "finalized == false"
+#define LVX_MSG_FINALIZED      "( finalized == true )"
+#define LVX_MSG_STORAGE_CLOSED "storage.isopen == false"
+#define LVX_MSG_STORAGE_OPEN   "storage.isopen == true"
+#define LVX_MSG_REGISTRY       "cryptoRegistry != NULL"
+#define LVX_MSG_REGISTRY_BARE  "cryptoRegistry"
+#define LVX_MSG_SETKEY_FAILED  "Plugin layer SetKey failed"
+#define LVX_MSG_SEED_SHORT     "inValue.bytes.size() >= 4"
+#define LVX_MSG_NO_KEY_FILE    "Unable to locate key: "
+#define LVX_MSG_STREAM_ERROR   "Object protocol error"
+
+/** Records an event at the caller's function, file and line with one formatted line. */
+#define LVX_RECORD(...) this->recordEvent(__PRETTY_FUNCTION__, __FILE__, __LINE__, __VA_ARGS__)
+#define LVX_LATCH()     (vxGlobal.stackTrace.errorLatch = true)
+#define LVX_LATCHED()   (vxGlobal.stackTrace.errorLatch.load())
+
+/** Records, latches and returns false. */
+#define LVX_FAIL(...)            \
+    do {                         \
+        LVX_RECORD(__VA_ARGS__); \
+        LVX_LATCH();             \
+        return false;            \
+    } while (0)
+
+/** Refuses while the latch is set; the latch stays as it is. */
+#define LVX_GUARD_LATCH()                     \
+    do {                                      \
+        if (LVX_LATCHED()) {                  \
+            LVX_RECORD("%s", LVX_MSG_UNABLE); \
+            return false;                     \
+        }                                     \
+    } while (0)
+
+/** The standard guard: the latch check, then the object must be open. */
+#define LVX_GUARD()                                \
+    do {                                           \
+        LVX_GUARD_LATCH();                         \
+        if (!this->opened) {                       \
+            LVX_FAIL("%s", LVX_MSG_EXPECTED_OPEN); \
+        }                                          \
+    } while (0)
+
+/** A violated precondition: records `text`, the condition as the library words it. */
+#define LVX_ENSURE(cond, text)    \
+    do {                          \
+        if (!(cond)) {            \
+            LVX_FAIL("%s", text); \
+        }                         \
+    } while (0)
+
+/** A checked call to a guarded operation, preceded by the latch check. */
+#define LVX_CHECK(call)                          \
+    do {                                         \
+        LVX_GUARD_LATCH();                       \
+        if (!(call)) {                           \
+            LVX_FAIL("%s", LVX_MSG_BOOL_FAILED); \
+        }                                        \
+    } while (0)
+
+/** A checked call that returns an integer status (0 = success). */
+#define LVX_CHECK_INT(call)                          \
+    do {                                             \
+        LVX_GUARD_LATCH();                           \
+        const int lvxStatus = (call);                \
+        if (lvxStatus != 0) {                        \
+            LVX_FAIL(LVX_MSG_INT_FAILED, lvxStatus); \
+        }                                            \
+    } while (0)
+
+/** The close protocol on a member: PreClose, Close, PostClose, each checked. */
+#define LVX_CALL_CLOSE(child)           \
+    do {                                \
+        LVX_CHECK((child).PreClose());  \
+        LVX_CHECK((child).Close());     \
+        LVX_CHECK((child).PostClose()); \
+    } while (0)

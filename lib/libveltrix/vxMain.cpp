@@ -1,0 +1,63 @@
+// The application frame.
+#include "vxMain.h"
+
+#include "vxGuard.h"
+#include "vxVersions.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+namespace veltrix {
+
+vxMain::vxMain() : previousRoot((vxGlobal.tryInit(), vxGlobal.root))
+{
+    name = "vxMain";
+    opened = true;
+    depth = 0;
+    parent = nullptr;
+    initLine = __LINE__;
+    openLine = static_cast<uint32_t>(__LINE__);
+    vxGlobal.root = this;
+}
+
+vxMain::~vxMain()
+{
+    opened = false;
+    if (vxGlobal.root == this) {
+        vxGlobal.root = previousRoot;
+    }
+}
+
+bool vxMain::InitAndRun(const std::string& appName, const std::string& version, int argc,
+                        char** argv)
+{
+    (void)vxGlobal.versions->AddApplication(appName, version);
+    LVX_GUARD_LATCH();
+    LVX_CALL_OPEN(vxGlobal.debug);
+    LVX_CALL_OPEN(vxGlobal.signals);
+    LVX_CHECK(vxGlobal.signals.CreateMainThread());
+    LVX_CHECK(main(argc, argv));
+    return true;
+}
+
+bool vxMain::LoadPlugin(const std::string& pluginName)
+{
+    LVX_GUARD_LATCH();
+    LVX_CALL_OPEN(api, std::string(pluginName.c_str()));
+    return true;
+}
+
+void vxMain::Die(const char* format, ...)
+{
+    char message[1024];
+    va_list args;
+    va_start(args, format);
+    (void)vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    std::cerr << "*** Error: " << message << std::endl;
+    std::exit(1);
+}
+
+} // namespace veltrix

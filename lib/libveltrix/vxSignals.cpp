@@ -1,0 +1,58 @@
+// The signal object and the signal handlers.
+#include "vxSignals.h"
+
+#include "vxGuard.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+namespace veltrix {
+
+vxSignals::vxSignals()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxSignals::~vxSignals()
+{
+    LVX_DESTRUCT();
+}
+
+void vxSignalHandlerDummy(int /*signo*/)
+{
+    (void)signal(SIGINT, vxSignalHandlerDummy);
+    (void)signal(SIGHUP, vxSignalHandlerDummy);
+}
+
+void vxSignalHandlerChld(int /*signo*/)
+{
+    const int saved = errno;
+    for (;;) {
+        const pid_t child = waitpid(-1, nullptr, WNOHANG);
+        if (child > 0) {
+            continue;
+        }
+        if (child < 0 && errno == EINTR) {
+            continue;
+        }
+        break;
+    }
+    (void)signal(SIGCHLD, vxSignalHandlerChld);
+    errno = saved;
+}
+
+void vxSignalHandlerQuit(int /*signo*/)
+{
+    _exit(0); // async-signal-safe, unlike exit()
+}
+
+void* vxSignalsMainThread(void* /*arg*/)
+{
+    return nullptr;
+}
+
+} // namespace veltrix

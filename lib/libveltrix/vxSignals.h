@@ -1,0 +1,34 @@
+// The process-wide signal object and the signal handlers applications may install.
+#pragma once
+
+#include "vxBase.h"
+
+namespace veltrix {
+
+class VX_API vxSignals : public vxBase
+{
+public:
+    vxSignals();
+    vxSignals(const vxSignals&) = delete;
+    vxSignals& operator=(const vxSignals&) = delete;
+    vxSignals(vxSignals&&) = delete;
+    vxSignals& operator=(vxSignals&&) = delete;
+    ~vxSignals() override;
+
+    /** Does nothing; true. */
+    bool Open() override { return true; }
+
+    /** No signal thread is needed; true. */
+    bool CreateMainThread() { return true; }
+};
+
+/** Absorbs SIGINT and SIGHUP: re-installs itself for both. */
+VX_API void vxSignalHandlerDummy(int signo);
+/** Reaps every finished child without blocking, keeping errno intact. */
+VX_API void vxSignalHandlerChld(int signo);
+/** Ends the process with status 0. */
+VX_API void vxSignalHandlerQuit(int signo);
+/** Thread routine of the signal object; returns null at once. */
+VX_API void* vxSignalsMainThread(void* arg);
+
+} // namespace veltrix

@@ -1,0 +1,85 @@
+// Thin wrappers over POSIX threads, mutexes and condition variables. Their operations check only
+// the error latch, not the open state.
+#pragma once
+
+#include "vxBase.h"
+
+#include <pthread.h>
+
+namespace veltrix {
+
+class VX_API vxMutex : public vxBase
+{
+public:
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+
+    vxMutex();
+    vxMutex(const vxMutex&) = delete;
+    vxMutex& operator=(const vxMutex&) = delete;
+    vxMutex(vxMutex&&) = delete;
+    vxMutex& operator=(vxMutex&&) = delete;
+    ~vxMutex() override;
+
+    /** Initialises the mutex; fails with "Int return value failed. (%d). ". */
+    bool Open() override;
+    bool Lock();
+    bool UnLock();
+};
+
+class VX_API vxCondition : public vxBase
+{
+public:
+    vxMutex mutex; ///< never opened: statically initialised
+    pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+
+    vxCondition();
+    vxCondition(const vxCondition&) = delete;
+    vxCondition& operator=(const vxCondition&) = delete;
+    vxCondition(vxCondition&&) = delete;
+    vxCondition& operator=(vxCondition&&) = delete;
+    ~vxCondition() override;
+
+    bool Open() override { return true; }
+
+    /** Waits with `mutex` held by the caller; returns with it released. */
+    bool Sleep();
+    /** Locks `mutex` and wakes one sleeper; returns with `mutex` held (release with UnLock). */
+    bool WakeupOne();
+    /** Locks `mutex` and wakes every sleeper; returns with `mutex` held. */
+    bool WakeupAll();
+
+private:
+    bool wakeup(int (*signalFunction)(pthread_cond_t*));
+};
+
+/** A detached thread. Close neither stops the thread nor closes the members. */
+class VX_API vxThread : public vxBase
+{
+public:
+    bool threadCreated = false;
+    pthread_t thread{};
+    pthread_attr_t attributes{};
+    vxMutex mutex;
+    vxCondition condition;
+
+    vxThread();
+    vxThread(const vxThread&) = delete;
+    vxThread& operator=(const vxThread&) = delete;
+    vxThread(vxThread&&) = delete;
+    vxThread& operator=(vxThread&&) = delete;
+    ~vxThread() override;
+
+    /** Prepares detached attributes and opens the member mutex and condition. */
+    bool Open() override;
+
+    /** Does nothing; true. */
+    bool Close() override { return true; }
+
+    /** Starts `entry` at once with this object as argument. Fails with "rv == 0" when the thread
+     *  cannot be created, or with the latch text (the thread has started all the same). */
+    bool StartMain(void (*&entry)(void*));
+    /** Stack size for threads started afterwards; fails with "rv == 0". */
+    bool SetStackSize(uint32_t size);
+};
+
+} // namespace veltrix

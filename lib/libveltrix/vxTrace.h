@@ -1,0 +1,31 @@
+// Time-stamped developer trace on standard error, and messages to the system log.
+#pragma once
+
+#include "vxBase.h"
+
+namespace veltrix {
+
+class VX_API vxTraceLog : public vxBase
+{
+public:
+    uint32_t flags = 0; ///< room for trace flags; not read
+
+    vxTraceLog();
+    vxTraceLog(const vxTraceLog&) = delete;
+    vxTraceLog& operator=(const vxTraceLog&) = delete;
+    vxTraceLog(vxTraceLog&&) = delete;
+    vxTraceLog& operator=(vxTraceLog&&) = delete;
+    ~vxTraceLog() override;
+
+    /** Writes "[%Y/%m/%d %H:%M:%S] -> message" and a line end to stderr; always true, also while
+     *  the error latch is set. */
+    bool AddMessage(const std::string& message);
+    /** Passes the message to syslog (facility local5, priority info); always true. */
+    bool SysLog(const std::string& message);
+    /** Trace flags are accepted and ignored: every message is written. */
+    bool RegisterTraceFlag(const std::string& flag);
+    bool EnableTraceFlag(const std::string& flag);
+    bool DisableTraceFlag(const std::string& flag);
+};
+
+} // namespace veltrix

@@ -1,0 +1,36 @@
+// One select() over a gathered set of descriptors.
+#pragma once
+
+#include "vxExport.h"
+
+#include <sys/select.h>
+
+#include <cstdint>
+
+namespace oxel {
+
+/** Not a library object: no protocol, no trail. Descriptors of 1024 or more are ignored. */
+class VX_API selectSet
+{
+public:
+    fd_set readSet;
+    fd_set writeSet;
+    uint32_t maxFd = 0;
+    /** Whole seconds for doSelect; 0 waits without a time-out. Survives reset(). */
+    uint32_t timeoutSeconds = 0;
+
+    selectSet();
+    void addFd(uint32_t fd);
+    void addWriteFd(uint32_t fd);
+    /** Empties both sets and maxFd; keeps timeoutSeconds. */
+    void reset();
+    /** Whether `fd` is in the read set (after doSelect, whether it is readable). */
+    bool isSet(uint32_t fd);
+    /** One select(); its result unchanged (ready count, 0 on time-out, -1 with errno). */
+    int doSelect();
+
+private:
+    void add(fd_set& set, uint32_t fd);
+};
+
+} // namespace oxel
