@@ -260,6 +260,15 @@ void vxBase::addMessage(const std::string& file, unsigned int line, const char* 
     vxGlobal.stackTrace.addMessage(file, text, line);
 }
 
+void vxBase::addMessage(const char* file, unsigned int line, const char* format, ...) const
+{
+    va_list args;
+    va_start(args, format);
+    const std::string text = vformat(format, args);
+    va_end(args);
+    vxGlobal.stackTrace.addMessage(file, text, line);
+}
+
 void vxBase::addMessageWithErrno(const char* format, ...) const
 {
     const int error = errno;
@@ -299,8 +308,8 @@ void vxBase::addOpenedByHistory(vxBase* object) const
             addMessage("%s", LVX_MSG_NO_DEMANGLE);
             return;
         }
-        addMessage(std::string(current->openFile != nullptr ? current->openFile : ""),
-                   current->openLine, LVX_MSG_OPENED_BY, readable.c_str());
+        addMessage(current->openFile != nullptr ? current->openFile : "", current->openLine,
+                   LVX_MSG_OPENED_BY, readable.c_str());
     }
 }
 

@@ -125,6 +125,9 @@ public:
     void addMessage(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     void addMessage(const std::string& file, unsigned int line, const char* format, ...) const
         __attribute__((format(printf, 4, 5)));
+    /** The file-and-line form for a file given as a C text (as __FILE__ is). */
+    void addMessage(const char* file, unsigned int line, const char* format, ...) const
+        __attribute__((format(printf, 4, 5)));
     /** Appends the text of the current errno to the formatted message. */
     void addMessageWithErrno(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     /** Adds an "Opened by: <class>" line for `object` and each ancestor of nonzero depth. */
