@@ -1,0 +1,158 @@
+#include "vxTest.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace vxtest {
+
+void vxCryptoTest::SetUp()
+{
+    vxTest::SetUp();
+    ensurePlugin();
+    ASSERT_NE(veltrix::cryptoRegistry, nullptr);
+}
+
+bool latched()
+{
+    return vxGlobal.stackTrace.errorLatch;
+}
+
+std::vector<std::string> trailMessages()
+{
+    std::vector<std::string> messages;
+    for (const auto& event : vxGlobal.stackTrace.events) {
+        for (const auto& line : event.lines) {
+            messages.push_back(line.message);
+        }
+    }
+    return messages;
+}
+
+std::string firstMessage()
+{
+    const auto& events = vxGlobal.stackTrace.events;
+    if (events.empty() || events.front().lines.empty()) {
+        return "<empty trail>";
+    }
+    return events.front().lines.front().message;
+}
+
+std::string dumpTrail()
+{
+    std::ostringstream out;
+    veltrix::vxBase::DumpStackTrace(out);
+    return out.str();
+}
+
+void ensurePlugin()
+{
+    if (veltrix::cryptoRegistry != nullptr) {
+        return;
+    }
+    // The front object may go: the registry and the mapped plug-in outlive it.
+    veltrix::vxApi api;
+    api.setSearchPath(VX_PLUGIN_DIR);
+    if (!api.Open("openssl")) {
+        ADD_FAILURE() << "cannot load the plug-in from " << VX_PLUGIN_DIR << "\n" << dumpTrail();
+    }
+}
+
+std::vector<unsigned char> fromHex(const std::string& hex)
+{
+    const veltrix::hexString decoded(hex);
+    EXPECT_TRUE(decoded.valid) << hex;
+    return decoded.bytes;
+}
+
+std::string toHex(const std::vector<unsigned char>& bytes)
+{
+    return veltrix::hexString(bytes).text;
+}
+
+veltrix::vxBytes bytesOf(const std::string& text)
+{
+    veltrix::vxBytes bytes;
+    bytes.bytes.assign(text.begin(), text.end());
+    return bytes;
+}
+
+std::string run(const std::string& command)
+{
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        ADD_FAILURE() << "cannot run: " << command;
+        return output;
+    }
+    std::array<char, 4096> buffer{};
+    size_t got = 0;
+    while ((got = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) {
+        output.append(buffer.data(), got);
+    }
+    const int status = pclose(pipe);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
+    return output;
+}
+
+tempDir::tempDir()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "vxtest.XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        ADD_FAILURE() << "mkdtemp failed";
+    }
+    dir = pattern;
+}
+
+tempDir::~tempDir()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(dir, ignored);
+}
+
+std::vector<katCase> readKat(const std::string& file)
+{
+    std::ifstream in(std::string(VX_KAT_DIR) + "/" + file);
+    EXPECT_TRUE(in.good()) << file;
+    std::vector<katCase> cases;
+    std::string algorithm;
+    katCase current;
+    const auto flush = [&] {
+        if (!current.fields.empty()) {
+            current.algorithm = algorithm;
+            cases.push_back(current);
+            current.fields.clear();
+        }
+    };
+    std::string line;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line[0] == '#') {
+            continue;
+        }
+        if (line.empty()) {
+            flush();
+            continue;
+        }
+        if (line[0] == '[') {
+            flush();
+            algorithm = line.substr(1, line.find(']') - 1);
+            continue;
+        }
+        const auto equals = line.find(" = ");
+        if (equals == std::string::npos) {
+            ADD_FAILURE() << file << ": bad line: " << line;
+            continue;
+        }
+        current.fields[line.substr(0, equals)] = line.substr(equals + 3);
+    }
+    flush();
+    return cases;
+}
+
+} // namespace vxtest

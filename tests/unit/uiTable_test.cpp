@@ -1,0 +1,133 @@
+// Rendering of plain-text tables.
+#include "uiTable.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using libuiTable::uiTable;
+
+std::string render(uiTable& table)
+{
+    std::ostringstream out;
+    table.Display(out);
+    return out.str();
+}
+
+TEST(uiTable, RendersExactly)
+{
+    struct row
+    {
+        const char* title;
+        std::function<void(uiTable&)> build;
+        std::string expected;
+    };
+
+    const std::vector<row> rows = {
+        {"no rows",
+         [](uiTable& t) {
+             t.createColumn("A");
+             t.createColumn("Name");
+         },
+         "|---|------|\n"
+         "| A | Name |\n"
+         "|---|------|\n"
+         "|---|------|\n"},
+        {"a long cell widens its column, rules included",
+         [](uiTable& t) {
+             const auto id = t.createColumn("Id");
+             t.createRow().Insert(id, "abcdef");
+         },
+         "|--------|\n"
+         "| Id     |\n"
+         "|--------|\n"
+         "| abcdef |\n"
+         "|--------|\n"},
+        {"two columns of widths 4 and 2",
+         [](uiTable& t) {
+             const auto name = t.createColumn("Name");
+             const auto id = t.createColumn("Id");
+             libuiTable::uiRow& first = t.createRow();
+             first.Insert(name, "ab");
+             first.Insert(id, "1");
+             libuiTable::uiRow& second = t.createRow();
+             second.Insert(name, "abcd");
+             second.Insert(id, "22");
+         },
+         "|------|----|\n"
+         "| Name | Id |\n"
+         "|------|----|\n"
+         "| ab   | 1  |\n"
+         "| abcd | 22 |\n"
+         "|------|----|\n"},
+        {"unfilled cells are blank",
+         [](uiTable& t) {
+             t.createColumn("Left");
+             const auto right = t.createColumn("R");
+             t.createRow();
+             t.createRow().Insert(right, "xyz");
+         },
+         "|------|-----|\n"
+         "| Left | R   |\n"
+         "|------|-----|\n"
+         "|      |     |\n"
+         "|      | xyz |\n"
+         "|------|-----|\n"},
+        {"a row created before a later column still prints",
+         [](uiTable& t) {
+             const auto a = t.createColumn("A");
+             t.createRow().Insert(a, "x");
+             const auto b = t.createColumn("B");
+             libuiTable::uiRow& second = t.createRow();
+             second.Insert(a, "y");
+             second.Insert(b, "z");
+         },
+         "|---|---|\n"
+         "| A | B |\n"
+         "|---|---|\n"
+         "| x |   |\n"
+         "| y | z |\n"
+         "|---|---|\n"},
+    };
+    for (const row& r : rows) {
+        uiTable table;
+        r.build(table);
+        EXPECT_EQ(render(table), r.expected) << r.title;
+    }
+}
+
+TEST(uiTable, DecorRowChangesNothing)
+{
+    const auto build = [](uiTable& table, bool decor) {
+        const auto name = table.createColumn("Name");
+        if (decor) {
+            table.createDecorRow();
+        }
+        table.createRow().Insert(name, "one");
+        if (decor) {
+            table.createDecorRow();
+            table.createDecorRow();
+        }
+        table.createRow().Insert(name, "two");
+    };
+    uiTable plain;
+    build(plain, false);
+    uiTable decorated;
+    build(decorated, true);
+    const std::string expected = "|------|\n"
+                                 "| Name |\n"
+                                 "|------|\n"
+                                 "| one  |\n"
+                                 "| two  |\n"
+                                 "|------|\n";
+    EXPECT_EQ(render(plain), expected);
+    EXPECT_EQ(render(decorated), expected);
+    EXPECT_EQ(decorated.rows.size(), 2U);
+}
+
+} // namespace

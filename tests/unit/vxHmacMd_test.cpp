@@ -1,0 +1,325 @@
+// The library's keyed digest vxHmacMd. Its value is H((K xor 0x36) || m): the key is used as it
+// is (neither hashed nor padded) and the outer digest is computed but not handed out. Peers
+// compare exactly this value, so every expected value here is built independently: the padded
+// input is assembled in the test and digested by the openssl command line tool.
+
+#include "cryptoapi.h"
+#include "vxTest.h"
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using veltrix::vxBytes;
+using veltrix::vxHashId;
+using veltrix::vxHmacMd;
+using vxtest::testFrame;
+
+using byteVector = std::vector<unsigned char>;
+
+byteVector bytes(const std::string& text)
+{
+    return byteVector(text.begin(), text.end());
+}
+
+vxBytes wrap(const byteVector& data)
+{
+    vxBytes out;
+    out.bytes = data;
+    return out;
+}
+
+/** Each key byte XORed with 0x36, then the message: the input of the value's digest. */
+byteVector innerInput(const byteVector& key, const byteVector& message)
+{
+    byteVector input;
+    for (const unsigned char k : key) {
+        input.push_back(static_cast<unsigned char>(k ^ 0x36U));
+    }
+    input.insert(input.end(), message.begin(), message.end());
+    return input;
+}
+
+std::string upper(std::string text)
+{
+    for (char& c : text) {
+        if (c >= 'a' && c <= 'f') {
+            c = static_cast<char>(c - 'a' + 'A');
+        }
+    }
+    return text;
+}
+
+/** The openssl command line digest of `data`, upper-case hex; id 19 is SHA-256 cut to 16 bytes. */
+std::string cliDigest(uint32_t id, const byteVector& data)
+{
+    const char* names[] = {"", "md5", "sha1", "sha256", "sha512", "sha384"};
+    const vxtest::tempDir dir;
+    const std::string path = dir.path("input.bin");
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(data.data()),
+               static_cast<std::streamsize>(data.size()));
+    const std::string name = id == vxHashId::sha256_128 ? "sha256" : names[id];
+    const std::string line = vxtest::run("openssl dgst -" + name + " -r " + path);
+    const std::string hex = upper(line.substr(0, line.find(' ')));
+    return id == vxHashId::sha256_128 ? hex.substr(0, 32) : hex;
+}
+
+std::string hexOf(const vxBytes& data)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    for (const unsigned char byte : data.bytes) {
+        out += digits[byte >> 4U];
+        out += digits[byte & 0x0FU];
+    }
+    return out;
+}
+
+class vxHmacMdTest : public vxtest::vxCryptoTest
+{
+protected:
+    void SetUp() override
+    {
+        vxtest::vxCryptoTest::SetUp();
+        ASSERT_TRUE(frame.open(id, vxHashId::sha1));
+        ASSERT_TRUE(frame.open(mac, id)) << vxtest::dumpTrail();
+    }
+
+    void TearDown() override
+    {
+        veltrix::vxBase::lvxClearLastError();
+        if (mac.opened) {
+            EXPECT_TRUE(testFrame::close(mac)) << vxtest::dumpTrail();
+        }
+        EXPECT_TRUE(testFrame::close(id));
+        vxtest::vxCryptoTest::TearDown();
+    }
+
+    /** One message through SetKey(bytes), Init, Update, Final; the value as hex. */
+    std::string valueOf(vxHmacMd& keyed, const byteVector& key, const byteVector& message)
+    {
+        EXPECT_TRUE(keyed.SetKey(wrap(key)));
+        EXPECT_TRUE(keyed.Init());
+        EXPECT_TRUE(keyed.Update(wrap(message)));
+        EXPECT_TRUE(keyed.Final());
+        vxBytes value;
+        EXPECT_TRUE(keyed.GetBytes(value));
+        return hexOf(value);
+    }
+
+    vxHashId id;
+    vxHmacMd mac;
+};
+
+TEST_F(vxHmacMdTest, OneByteKeyWithSha1IsTheSha1OfThePaddedMessage)
+{
+    // 0x6B xor 0x36 = 0x5D, so the value is SHA-1 of 5D 61 62 63; the shell builds those bytes.
+    const std::string line = vxtest::run("printf '\\135abc' | sha1sum");
+    EXPECT_EQ(valueOf(mac, {0x6B}, bytes("abc")), upper(line.substr(0, 40)));
+    EXPECT_EQ(valueOf(mac, {0x6B}, bytes("abc")),
+              cliDigest(vxHashId::sha1, {0x5D, 0x61, 0x62, 0x63}));
+}
+
+TEST_F(vxHmacMdTest, IsNotTheStandardHmac)
+{
+    // The standard HMAC-SHA1 of "abc" under the key "k" would differ: the value is the inner digest
+    // of the unpadded key only.
+    const std::string standard =
+        vxtest::run("printf abc | openssl dgst -sha1 -hmac k -r | cut -d' ' -f1");
+    EXPECT_NE(valueOf(mac, bytes("k"), bytes("abc")), upper(standard.substr(0, 40)));
+}
+
+TEST_F(vxHmacMdTest, EmptyKeyGivesThePlainDigest)
+{
+    EXPECT_EQ(valueOf(mac, {}, bytes("abc")), "A9993E364706816ABA3E25717850C26C9CD0D89D");
+    EXPECT_EQ(valueOf(mac, {}, {}), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+}
+
+TEST_F(vxHmacMdTest, EveryDigestIdAgreesWithTheCommandLine)
+{
+    const struct
+    {
+        uint32_t id;
+        size_t size;
+    } cases[] = {{vxHashId::md5, 16},    {vxHashId::sha1, 20},   {vxHashId::sha256, 32},
+                 {vxHashId::sha512, 64}, {vxHashId::sha384, 48}, {vxHashId::sha256_128, 16}};
+
+    const byteVector key = bytes("a shared secret");
+    const byteVector message = bytes("The quick brown fox jumps over the lazy dog");
+    for (const auto& c : cases) {
+        vxHashId otherId;
+        vxHmacMd other;
+        ASSERT_TRUE(frame.open(otherId, c.id));
+        ASSERT_TRUE(frame.open(other, otherId));
+        const std::string value = valueOf(other, key, message);
+        EXPECT_EQ(value.size(), 2 * c.size) << c.id;
+        EXPECT_EQ(value, cliDigest(c.id, innerInput(key, message))) << c.id;
+        EXPECT_TRUE(testFrame::close(other));
+        EXPECT_TRUE(testFrame::close(otherId));
+    }
+    EXPECT_FALSE(vxtest::latched());
+}
+
+TEST_F(vxHmacMdTest, KeyLongerThanTheBlockIsUsedAsItIs)
+{
+    byteVector key(200);
+    for (size_t i = 0; i < key.size(); ++i) {
+        key[i] = static_cast<unsigned char>(i * 7 + 3);
+    }
+    const byteVector message = bytes("message after a long key");
+    EXPECT_EQ(valueOf(mac, key, message), cliDigest(vxHashId::sha1, innerInput(key, message)));
+
+    vxHashId bigId;
+    vxHmacMd big;
+    ASSERT_TRUE(frame.open(bigId, vxHashId::sha512));
+    ASSERT_TRUE(frame.open(big, bigId));
+    EXPECT_EQ(valueOf(big, key, message), cliDigest(vxHashId::sha512, innerInput(key, message)));
+    EXPECT_TRUE(testFrame::close(big));
+    EXPECT_TRUE(testFrame::close(bigId));
+}
+
+TEST_F(vxHmacMdTest, SeveralUpdatesEqualOneConcatenatedUpdate)
+{
+    const byteVector key = {0x01, 0x02, 0x03};
+    const std::string whole = valueOf(mac, key, bytes("first,second,third"));
+    ASSERT_TRUE(mac.Init());
+    for (const char* part : {"first,", "", "second,", "third"}) {
+        EXPECT_TRUE(mac.Update(vxtest::bytesOf(part)));
+    }
+    ASSERT_TRUE(mac.Final());
+    vxBytes value;
+    ASSERT_TRUE(mac.GetBytes(value));
+    EXPECT_EQ(hexOf(value), whole);
+    EXPECT_EQ(whole, cliDigest(vxHashId::sha1, innerInput(key, bytes("first,second,third"))));
+}
+
+TEST_F(vxHmacMdTest, InitAgainReusesTheKey)
+{
+    const byteVector key = bytes("kept");
+    const std::string first = valueOf(mac, key, bytes("one"));
+    ASSERT_TRUE(mac.Init());
+    ASSERT_TRUE(mac.Update(vxtest::bytesOf("one")));
+    ASSERT_TRUE(mac.Final());
+    vxBytes value;
+    ASSERT_TRUE(mac.GetBytes(value));
+    EXPECT_EQ(hexOf(value), first);
+    EXPECT_EQ(first, cliDigest(vxHashId::sha1, innerInput(key, bytes("one"))));
+}
+
+TEST_F(vxHmacMdTest, SetKeyAfterInitTakesEffectAtTheNextInit)
+{
+    const byteVector oldKey = bytes("old key");
+    const byteVector newKey = bytes("new key");
+    const byteVector message = bytes("payload");
+    ASSERT_TRUE(mac.SetKey(wrap(oldKey)));
+    ASSERT_TRUE(mac.Init());
+    ASSERT_TRUE(mac.SetKey(wrap(newKey)));
+    ASSERT_TRUE(mac.Update(wrap(message)));
+    ASSERT_TRUE(mac.Final());
+    vxBytes value;
+    ASSERT_TRUE(mac.GetBytes(value));
+    EXPECT_EQ(hexOf(value), cliDigest(vxHashId::sha1, innerInput(oldKey, message)));
+
+    ASSERT_TRUE(mac.Init());
+    ASSERT_TRUE(mac.Update(wrap(message)));
+    ASSERT_TRUE(mac.Final());
+    ASSERT_TRUE(mac.GetBytes(value));
+    EXPECT_EQ(hexOf(value), cliDigest(vxHashId::sha1, innerInput(newKey, message)));
+}
+
+TEST_F(vxHmacMdTest, SetKeyFromTextEqualsSetKeyFromBytes)
+{
+    const std::string key = "text key";
+    const std::string fromBytes = valueOf(mac, bytes(key), bytes("abc"));
+    ASSERT_TRUE(mac.SetKey(key));
+    ASSERT_TRUE(mac.Init());
+    ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
+    ASSERT_TRUE(mac.Final());
+    vxBytes value;
+    ASSERT_TRUE(mac.GetBytes(value));
+    EXPECT_EQ(hexOf(value), fromBytes);
+    // A shorter key after a longer one shrinks the pads.
+    EXPECT_EQ(valueOf(mac, bytes("k"), bytes("abc")),
+              cliDigest(vxHashId::sha1, innerInput(bytes("k"), bytes("abc"))));
+}
+
+TEST_F(vxHmacMdTest, SetKeyDerivesBothPads)
+{
+    ASSERT_TRUE(mac.SetKey(wrap({0x00, 0x6B, 0xFF})));
+    EXPECT_EQ(mac.innerKey.bytes, (byteVector{0x36, 0x5D, 0xC9}));
+    EXPECT_EQ(mac.outerKey.bytes, (byteVector{0x5C, 0x37, 0xA3}));
+    ASSERT_TRUE(mac.SetKey(wrap({})));
+    EXPECT_TRUE(mac.innerKey.bytes.empty());
+    EXPECT_TRUE(mac.outerKey.bytes.empty());
+}
+
+TEST_F(vxHmacMdTest, GetBytesBeforeAnyFinalIsEmpty)
+{
+    ASSERT_TRUE(mac.SetKey(wrap({0x01})));
+    ASSERT_TRUE(mac.Init());
+    ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
+    vxBytes value;
+    value.bytes = {9, 9};
+    EXPECT_TRUE(mac.GetBytes(value));
+    EXPECT_TRUE(value.bytes.empty());
+}
+
+TEST_F(vxHmacMdTest, UpdateAfterFinalFails)
+{
+    (void)valueOf(mac, {0x01}, bytes("abc"));
+    EXPECT_FAILS_WITH(mac.Update(vxtest::bytesOf("more")), "finalized == false");
+    EXPECT_EQ(vxtest::trailMessages().back(), "Boolean return value failed.");
+}
+
+TEST_F(vxHmacMdTest, GuardedOperationsRefuseWhileLatched)
+{
+    const std::string before = valueOf(mac, {0x01}, bytes("abc"));
+    vxGlobal.stackTrace.errorLatch = true;
+    const std::string refused = "Unable to continue from previous error";
+    EXPECT_FALSE(mac.Init());
+    EXPECT_EQ(vxtest::trailMessages().back(), refused);
+    EXPECT_FALSE(mac.Update(vxtest::bytesOf("x")));
+    EXPECT_EQ(vxtest::trailMessages().back(), refused);
+    EXPECT_FALSE(mac.Final());
+    EXPECT_EQ(vxtest::trailMessages().back(), refused);
+    EXPECT_FALSE(mac.SetKey(std::string("text")));
+    EXPECT_EQ(vxtest::trailMessages().back(), refused);
+    EXPECT_FALSE(mac.Close());
+    EXPECT_EQ(vxtest::trailMessages().back(), refused);
+    EXPECT_TRUE(mac.inner.opened) << "a refused Close leaves the digests open";
+
+    // The unguarded operations still work.
+    EXPECT_TRUE(mac.SetKey(wrap({0x02})));
+    vxBytes value;
+    EXPECT_TRUE(mac.GetBytes(value));
+    EXPECT_EQ(hexOf(value), before);
+}
+
+TEST_F(vxHmacMdTest, CloseClosesBothDigests)
+{
+    ASSERT_TRUE(mac.inner.opened);
+    ASSERT_TRUE(mac.outer.opened);
+    ASSERT_TRUE(mac.inner.storage.isopen);
+    EXPECT_TRUE(testFrame::close(mac));
+    EXPECT_FALSE(mac.opened);
+    EXPECT_FALSE(mac.inner.opened);
+    EXPECT_FALSE(mac.outer.opened);
+    EXPECT_FALSE(mac.inner.storage.isopen);
+    EXPECT_FALSE(mac.outer.storage.isopen);
+    EXPECT_FALSE(vxtest::latched());
+}
+
+TEST_F(vxHmacMdTest, OpenWithAnUnsetIdFails)
+{
+    vxHashId unset; // value 0: refused by the plug-in
+    vxHmacMd other;
+    EXPECT_FAILS_WITH(frame.open(other, unset), "Object Open() routine failed.");
+    EXPECT_FALSE(other.opened);
+    EXPECT_FALSE(other.inner.storage.isopen);
+}
+
+} // namespace

@@ -1,0 +1,558 @@
+// Message digests through vxMd and the algorithm identifiers: published known answers, agreement
+// with the coreutils digest tools on generated files, the protocol cases of every operation, the
+// stream output and the digest trace of vxDebug.
+
+#include "cryptoapi.h"
+#include "vxTest.h"
+
+#include <cstdint>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using veltrix::vxBytes;
+using veltrix::vxCipherId;
+using veltrix::vxHashId;
+using veltrix::vxMd;
+using vxtest::testFrame;
+
+/** Hex text to bytes, written here so that expected values never pass through the library. */
+std::vector<unsigned char> unhex(const std::string& hex)
+{
+    std::vector<unsigned char> out;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        out.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    }
+    return out;
+}
+
+std::string upper(std::string text)
+{
+    for (char& c : text) {
+        if (c >= 'a' && c <= 'f') {
+            c = static_cast<char>(c - 'a' + 'A');
+        }
+    }
+    return text;
+}
+
+/** The digest id of a section name of digests.vec. */
+uint32_t idOf(const std::string& algorithm)
+{
+    static const std::map<std::string, uint32_t> ids = {
+        {"md5", 1}, {"sha1", 2}, {"sha256", 3}, {"sha512", 4}, {"sha384", 5}};
+    const auto found = ids.find(algorithm);
+    EXPECT_NE(found, ids.end()) << algorithm;
+    return found == ids.end() ? 0 : found->second;
+}
+
+/** The message of a known-answer case: In repeated Repeat times. */
+std::string messageOf(const vxtest::katCase& kat)
+{
+    const std::vector<unsigned char> unit = unhex(kat.fields.at("In"));
+    const auto repeat = kat.fields.find("Repeat");
+    const size_t times = repeat == kat.fields.end() ? 1 : std::stoul(repeat->second);
+    std::string message;
+    message.reserve(unit.size() * times);
+    for (size_t i = 0; i < times; ++i) {
+        message.append(unit.begin(), unit.end());
+    }
+    return message;
+}
+
+enum class updateForm
+{
+    pointerAndSize,
+    constText,
+    movedText,
+    textPointer,
+    bytes
+};
+
+const updateForm allForms[] = {updateForm::pointerAndSize, updateForm::constText,
+                               updateForm::movedText, updateForm::textPointer, updateForm::bytes};
+
+bool feed(vxMd& md, const std::string& part, updateForm form)
+{
+    switch (form) {
+    case updateForm::pointerAndSize:
+        return md.Update(part.data(), static_cast<uint32_t>(part.size()));
+    case updateForm::constText:
+        return md.Update(part);
+    case updateForm::movedText:
+        return md.Update(std::string(part));
+    case updateForm::textPointer:
+        return md.Update(&part);
+    case updateForm::bytes:
+        return md.Update(vxtest::bytesOf(part));
+    }
+    return false;
+}
+
+class vxMdTest : public vxtest::vxCryptoTest
+{
+protected:
+    bool openDigest(vxHashId& id, vxMd& md, uint32_t value)
+    {
+        return frame.open(id, value) && frame.open(md, id);
+    }
+
+    static void closeDigest(vxHashId& id, vxMd& md)
+    {
+        EXPECT_TRUE(testFrame::close(md));
+        EXPECT_TRUE(testFrame::close(id));
+    }
+
+    /** Hex digest of `message` fed in pieces of at most `piece` bytes through `form`. */
+    std::string digestOf(uint32_t value, const std::string& message, updateForm form,
+                         size_t piece = SIZE_MAX)
+    {
+        vxHashId id;
+        vxMd md;
+        std::string text;
+        EXPECT_TRUE(openDigest(id, md, value)) << vxtest::dumpTrail();
+        EXPECT_TRUE(md.Init());
+        for (size_t at = 0; at < message.size(); at += piece) {
+            EXPECT_TRUE(feed(md, message.substr(at, piece), form));
+        }
+        EXPECT_TRUE(md.Final());
+        EXPECT_TRUE(md.GetString(text)) << vxtest::dumpTrail();
+        closeDigest(id, md);
+        return text;
+    }
+};
+
+// ---- known answers ----
+
+TEST_F(vxMdTest, EveryDigestMatchesPublishedVectorsThroughEveryUpdateForm)
+{
+    const auto cases = vxtest::readKat("digests.vec");
+    ASSERT_EQ(cases.size(), 28U); // MD5 eight, each SHA five
+    for (const auto& kat : cases) {
+        const std::string message = messageOf(kat);
+        const std::string expected = upper(kat.fields.at("Out"));
+        // The million-byte messages go in 1000-byte pieces; the form matters less than the total.
+        const size_t piece = message.size() > 100000 ? 1000 : SIZE_MAX;
+        for (const updateForm form : allForms) {
+            EXPECT_EQ(digestOf(idOf(kat.algorithm), message, form, piece), expected)
+                << kat.algorithm << " In=" << kat.fields.at("In")
+                << " form=" << static_cast<int>(form);
+        }
+    }
+    EXPECT_FALSE(vxtest::latched());
+}
+
+TEST_F(vxMdTest, TruncatedSha256IsTheFirstSixteenBytesOfSha256)
+{
+    for (const auto& kat : vxtest::readKat("digests.vec")) {
+        if (kat.algorithm != "sha256") {
+            continue;
+        }
+        const std::string message = messageOf(kat);
+        const std::string full = upper(kat.fields.at("Out"));
+        EXPECT_EQ(digestOf(vxHashId::sha256_128, message, updateForm::bytes, 4096),
+                  full.substr(0, 32));
+    }
+}
+
+TEST_F(vxMdTest, ByteAtATimeEqualsOneUpdate)
+{
+    const std::string message = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+    EXPECT_EQ(digestOf(vxHashId::sha256, message, updateForm::pointerAndSize, 1),
+              "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1");
+}
+
+TEST_F(vxMdTest, GetBytesGivesTheDigestAsBytes)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::sha1));
+    ASSERT_TRUE(md.Init());
+    ASSERT_TRUE(md.Update(std::string("abc")));
+    ASSERT_TRUE(md.Final());
+    vxBytes digest;
+    digest.bytes = {1, 2, 3}; // replaced, not appended to
+    EXPECT_TRUE(md.GetBytes(digest));
+    EXPECT_EQ(digest.bytes, unhex("A9993E364706816ABA3E25717850C26C9CD0D89D"));
+    closeDigest(id, md);
+}
+
+// ---- agreement with the coreutils tools on generated files ----
+
+TEST_F(vxMdTest, DigestsOfGeneratedFilesEqualTheCoreutilsTools)
+{
+    const vxtest::tempDir dir;
+
+    const struct
+    {
+        uint32_t id;
+        const char* tool;
+    } tools[] = {{vxHashId::md5, "md5sum"},
+                 {vxHashId::sha1, "sha1sum"},
+                 {vxHashId::sha256, "sha256sum"},
+                 {vxHashId::sha384, "sha384sum"},
+                 {vxHashId::sha512, "sha512sum"}};
+
+    uint32_t generator = 0x2545F491U; // xorshift32 with a fixed start: the same files every run
+    for (const size_t size : std::vector<size_t>{0, 1, 55, 64, 1000, 100000}) {
+        std::string content(size, '\0');
+        for (char& c : content) {
+            generator ^= generator << 13U;
+            generator ^= generator >> 17U;
+            generator ^= generator << 5U;
+            c = static_cast<char>(generator & 0xFFU);
+        }
+        const std::string path = dir.path("random" + std::to_string(size) + ".bin");
+        std::ofstream(path, std::ios::binary) << content;
+        for (const auto& tool : tools) {
+            const std::string line = vxtest::run(std::string(tool.tool) + " " + path);
+            const std::string expected = upper(line.substr(0, line.find(' ')));
+            EXPECT_EQ(digestOf(tool.id, content, updateForm::bytes, 777), expected)
+                << tool.tool << " on " << size << " bytes";
+        }
+    }
+}
+
+// ---- identifiers ----
+
+TEST_F(vxMdTest, HashIdAcceptsOnlyTheSixDigestIds)
+{
+    const struct
+    {
+        uint32_t value;
+        bool accepted;
+    } cases[] = {{0, false},  {1, true},    {2, true},         {3, true},           {4, true},
+                 {5, true},   {6, false},   {7, false},        {18, false},         {19, true},
+                 {20, false}, {255, false}, {0x10003U, false}, {0xFFFFFFFFU, false}};
+
+    for (const auto& c : cases) {
+        vxHashId id;
+        ASSERT_TRUE(id.Open(vxHashId::sha384));
+        EXPECT_EQ(id.Open(c.value), c.accepted) << c.value;
+        uint32_t value = 0;
+        EXPECT_TRUE(id.GetValue(value));
+        EXPECT_EQ(value, c.accepted ? c.value : 5U) << "a refused value keeps the old one";
+    }
+    EXPECT_FALSE(vxtest::latched());
+    EXPECT_TRUE(vxtest::trailMessages().empty());
+}
+
+TEST_F(vxMdTest, FreshIdentifiersHoldZero)
+{
+    const vxHashId hashId;
+    const vxCipherId cipherId;
+    uint32_t value = 99;
+    EXPECT_TRUE(hashId.GetValue(value));
+    EXPECT_EQ(value, 0U);
+    value = 99;
+    EXPECT_TRUE(cipherId.GetValue(value));
+    EXPECT_EQ(value, 0U);
+}
+
+TEST_F(vxMdTest, CipherIdAcceptsOneToFour)
+{
+    const struct
+    {
+        uint32_t value;
+        bool accepted;
+    } cases[] = {{0, false}, {1, true}, {2, true}, {3, true}, {4, true}, {5, false}, {19, false}};
+
+    for (const auto& c : cases) {
+        vxCipherId id;
+        ASSERT_TRUE(id.Open(vxCipherId::aes192));
+        EXPECT_EQ(id.Open(c.value), c.accepted) << c.value;
+        uint32_t value = 0;
+        EXPECT_TRUE(id.GetValue(value));
+        EXPECT_EQ(value, c.accepted ? c.value : 3U);
+    }
+    EXPECT_FALSE(vxtest::latched());
+    EXPECT_TRUE(vxtest::trailMessages().empty());
+}
+
+// ---- protocol of vxMd ----
+
+TEST_F(vxMdTest, OpenWithAnIdThePluginRefusesIsQuiet)
+{
+    const vxHashId neverSet; // value 0
+    vxMd md;
+    EXPECT_FALSE(md.Open(neverSet));
+    EXPECT_FALSE(md.storage.isopen);
+    EXPECT_FALSE(vxtest::latched());
+    EXPECT_TRUE(vxtest::trailMessages().empty());
+}
+
+TEST_F(vxMdTest, OpenWhileLatchedIsRefused)
+{
+    vxHashId id;
+    ASSERT_TRUE(id.Open(vxHashId::md5));
+    vxGlobal.stackTrace.errorLatch = true;
+    vxMd md;
+    EXPECT_FALSE(md.Open(id));
+    EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
+    EXPECT_FALSE(md.storage.isopen);
+}
+
+TEST_F(vxMdTest, UpdateAfterFinalFailsUntilInit)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::md5));
+    ASSERT_TRUE(md.Init());
+    ASSERT_TRUE(md.Update(std::string("ab")));
+    ASSERT_TRUE(md.Final());
+    EXPECT_FAILS_WITH(md.Update(std::string("c")), "finalized == false");
+
+    // Latched: every guarded form refuses, and Init alone does not clear the latch.
+    for (const updateForm form : allForms) {
+        EXPECT_FALSE(feed(md, "c", form));
+        EXPECT_EQ(vxtest::trailMessages().back(), "Unable to continue from previous error");
+    }
+    std::string text;
+    EXPECT_FALSE(md.GetString(text));
+
+    veltrix::vxBase::lvxClearLastError();
+    ASSERT_TRUE(md.Init());
+    EXPECT_TRUE(md.Update(std::string("abc")));
+    EXPECT_TRUE(md.Final());
+    EXPECT_TRUE(md.GetString(text));
+    EXPECT_EQ(text, "900150983CD24FB0D6963F7D28E17F72");
+    closeDigest(id, md);
+}
+
+TEST_F(vxMdTest, GetStringBeforeFinalFails)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::sha256));
+    ASSERT_TRUE(md.Init());
+    ASSERT_TRUE(md.Update(std::string("abc")));
+    std::string text = "unchanged";
+    EXPECT_FAILS_WITH(md.GetString(text), "( finalized == true )");
+    EXPECT_EQ(text, "unchanged");
+    veltrix::vxBase::lvxClearLastError();
+    closeDigest(id, md);
+}
+
+TEST_F(vxMdTest, GetBytesBeforeFinalSucceedsWithTheDigestLength)
+{
+    const struct
+    {
+        uint32_t id;
+        size_t size;
+    } cases[] = {{vxHashId::md5, 16},    {vxHashId::sha1, 20},   {vxHashId::sha256, 32},
+                 {vxHashId::sha512, 64}, {vxHashId::sha384, 48}, {vxHashId::sha256_128, 16}};
+
+    for (const auto& c : cases) {
+        vxHashId id;
+        vxMd md;
+        ASSERT_TRUE(openDigest(id, md, c.id));
+        ASSERT_TRUE(md.Init());
+        ASSERT_TRUE(md.Update(std::string("abc")));
+        vxBytes digest;
+        EXPECT_TRUE(md.GetBytes(digest));
+        EXPECT_EQ(digest.bytes.size(), c.size) << c.id;
+        closeDigest(id, md);
+    }
+    EXPECT_FALSE(vxtest::latched());
+}
+
+TEST_F(vxMdTest, GetLengthCountsMessageBytesForEveryId)
+{
+    for (const uint32_t value : {1U, 2U, 3U, 4U, 5U, 19U}) {
+        vxHashId id;
+        vxMd md;
+        ASSERT_TRUE(openDigest(id, md, value));
+        ASSERT_TRUE(md.Init());
+        uint32_t size = 99;
+        EXPECT_TRUE(md.GetLength(size));
+        EXPECT_EQ(size, 0U);
+        ASSERT_TRUE(md.Update("abc", 3));
+        ASSERT_TRUE(md.Update(vxtest::bytesOf("defgh")));
+        EXPECT_TRUE(md.GetLength(size));
+        EXPECT_EQ(size, 8U) << value;
+        ASSERT_TRUE(md.Final());
+        EXPECT_TRUE(md.GetLength(size));
+        EXPECT_EQ(size, 8U);
+        ASSERT_TRUE(md.Init()); // a new message starts from zero
+        EXPECT_TRUE(md.GetLength(size));
+        EXPECT_EQ(size, 0U);
+        closeDigest(id, md);
+    }
+}
+
+TEST_F(vxMdTest, GetBytesOnAnUnopenedDigestIsQuiet)
+{
+    vxMd md;
+    vxBytes digest;
+    digest.bytes = {7};
+    EXPECT_FALSE(md.GetBytes(digest));
+    EXPECT_EQ(digest.bytes, std::vector<unsigned char>{7});
+    EXPECT_FALSE(vxtest::latched());
+    EXPECT_TRUE(vxtest::trailMessages().empty());
+}
+
+TEST_F(vxMdTest, CloseReleasesTheStorage)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::sha1));
+    EXPECT_TRUE(md.storage.isopen);
+    closeDigest(id, md);
+    EXPECT_FALSE(md.storage.isopen);
+    EXPECT_FALSE(md.opened);
+    vxBytes digest;
+    EXPECT_FALSE(md.GetBytes(digest));
+    EXPECT_FALSE(vxtest::latched());
+}
+
+TEST_F(vxMdTest, InitStartsANewMessage)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::sha1));
+    ASSERT_TRUE(md.Init());
+    ASSERT_TRUE(md.Update(std::string("some earlier message")));
+    ASSERT_TRUE(md.Init()); // drops what came before
+    ASSERT_TRUE(md.Final());
+    std::string text;
+    ASSERT_TRUE(md.GetString(text));
+    EXPECT_EQ(text, "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+    closeDigest(id, md);
+}
+
+// ---- stream output ----
+
+TEST_F(vxMdTest, StreamOutputWritesTheHexDigestOnly)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::md5));
+    ASSERT_TRUE(md.Init());
+    ASSERT_TRUE(md.Update(std::string("message digest")));
+    ASSERT_TRUE(md.Final());
+    std::ostringstream out;
+    out << md;
+    EXPECT_EQ(out.str(), "F96B697D7CB7938D525A2F31AAF161D0");
+    out << md; // the original is untouched and can be written again
+    EXPECT_EQ(out.str(), "F96B697D7CB7938D525A2F31AAF161D0F96B697D7CB7938D525A2F31AAF161D0");
+    EXPECT_FALSE(vxtest::latched());
+    closeDigest(id, md);
+}
+
+TEST_F(vxMdTest, StreamOutputOfAnUnfinishedDigestWritesTheProtocolError)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::md5));
+    ASSERT_TRUE(md.Init());
+    std::ostringstream out;
+    out << md;
+    EXPECT_EQ(out.str(), "Object protocol error");
+    // The failed GetString on the copy is an ordinary failure: recorded and latched.
+    EXPECT_TRUE(vxtest::latched());
+    EXPECT_EQ(vxtest::firstMessage(), "( finalized == true )");
+    veltrix::vxBase::lvxClearLastError();
+    closeDigest(id, md);
+}
+
+// ---- vxDebug ----
+
+/** Redirects one standard stream into a string for the lifetime of the object. */
+class captured
+{
+public:
+    explicit captured(std::ostream& stream) : target(stream), saved(stream.rdbuf(text.rdbuf())) {}
+
+    captured(const captured&) = delete;
+    captured& operator=(const captured&) = delete;
+    captured(captured&&) = delete;
+    captured& operator=(captured&&) = delete;
+
+    ~captured() { target.rdbuf(saved); }
+
+    std::string str() const { return text.str(); }
+
+private:
+    std::ostringstream text;
+    std::ostream& target;
+    std::streambuf* saved;
+};
+
+bool endsWith(const std::string& text, const std::string& tail)
+{
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+TEST_F(vxMdTest, TraceMdWritesTheMessageAndTheMd5)
+{
+    ASSERT_TRUE(frame.open(vxGlobal.debug));
+    std::string written;
+    {
+        const captured err(std::cerr);
+        EXPECT_TRUE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "block %d of %s", 7, "key"))
+            << vxtest::dumpTrail();
+        written = err.str();
+    }
+    EXPECT_TRUE(endsWith(written, "block 7 of key : 900150983CD24FB0D6963F7D28E17F72\n"))
+        << written;
+    EXPECT_EQ(written.find('\n'), written.size() - 1) << "one line";
+    {
+        const captured err(std::cerr);
+        EXPECT_TRUE(vxGlobal.debug.TraceMd(vxBytes(), "empty"));
+        EXPECT_TRUE(endsWith(err.str(), "empty : D41D8CD98F00B204E9800998ECF8427E\n")) << err.str();
+    }
+    EXPECT_TRUE(testFrame::close(vxGlobal.debug));
+    // A closed object keeps its links; unlink it from this case's frame, which goes at the end of
+    // the case, so that a later case does not walk to a frame that no longer exists.
+    vxGlobal.debug.parent = nullptr;
+    vxGlobal.debug.depth = 0;
+    EXPECT_FALSE(vxtest::latched());
+}
+
+TEST_F(vxMdTest, TraceMdFailsWhenDebugIsNotOpen)
+{
+    ASSERT_FALSE(vxGlobal.debug.opened);
+    const captured err(std::cerr);
+    EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+    EXPECT_TRUE(vxtest::latched());
+    EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(vxMdTest, TraceMdRefusesWhileLatched)
+{
+    ASSERT_TRUE(frame.open(vxGlobal.debug));
+    vxGlobal.stackTrace.errorLatch = true;
+    {
+        const captured err(std::cerr);
+        EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+        EXPECT_EQ(err.str(), "");
+    }
+    EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
+    veltrix::vxBase::lvxClearLastError();
+    EXPECT_TRUE(testFrame::close(vxGlobal.debug));
+    vxGlobal.debug.parent = nullptr;
+    vxGlobal.debug.depth = 0;
+}
+
+TEST_F(vxMdTest, DumpVecPrintsUnpaddedLowerCaseHex)
+{
+    const struct
+    {
+        std::vector<unsigned char> data;
+        const char* printed;
+    } cases[] = {{{0x0A, 0xFF, 0x00}, "a ff 0 \n"}, {{}, "\n"}, {{0x10, 0x01, 0xAB}, "10 1 ab \n"}};
+
+    for (const auto& c : cases) {
+        const captured out(std::cout);
+        veltrix::vxDebug::dumpVec(c.data);
+        EXPECT_EQ(out.str(), c.printed);
+    }
+}
+
+} // namespace

@@ -1,0 +1,362 @@
+// Mutexes, conditions and threads, and the trail under concurrent failures.
+#include "vxThread.h"
+
+#include "vxTest.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using veltrix::vxBase;
+using veltrix::vxCondition;
+using veltrix::vxMutex;
+using veltrix::vxThread;
+using vxThreadTest = vxtest::vxTest;
+
+const char* const unable = "Unable to continue from previous error";
+
+void latchByFailure()
+{
+    veltrix::vxBytes bytes;
+    EXPECT_FALSE(bytes.PostOpen(1));
+    ASSERT_TRUE(vxtest::latched());
+}
+
+void pause()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+/** Closes the members a vxThread leaves open, then the thread object itself. */
+void closeThread(vxThread& thread)
+{
+    EXPECT_TRUE(vxtest::testFrame::close(thread.condition));
+    EXPECT_TRUE(vxtest::testFrame::close(thread.mutex));
+    EXPECT_TRUE(vxtest::testFrame::close(thread));
+}
+
+// What the thread entry saw; one started thread at a time.
+std::atomic<vxThread*> startedWith{nullptr};
+std::atomic<size_t> startedStackSize{0};
+
+void recordStart(void* argument)
+{
+    pthread_attr_t attributes;
+    size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+        (void)pthread_attr_getstacksize(&attributes, &size);
+        (void)pthread_attr_destroy(&attributes);
+    }
+    startedStackSize.store(size);
+    startedWith.store(static_cast<vxThread*>(argument));
+}
+
+vxThread* waitForStart()
+{
+    vxThread* seen = nullptr;
+    while ((seen = startedWith.load()) == nullptr) {
+        pause();
+    }
+    startedWith.store(nullptr);
+    return seen;
+}
+
+// --- vxMutex ---
+
+TEST_F(vxThreadTest, MutexLocksAndUnlocks)
+{
+    vxMutex mutex;
+    ASSERT_TRUE(frame.open(mutex));
+    EXPECT_TRUE(mutex.Lock());
+    EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), EBUSY);
+    EXPECT_TRUE(mutex.UnLock());
+    EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
+    EXPECT_TRUE(vxtest::testFrame::close(mutex));
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxThreadTest, MutexRecordsFailingCallStatus)
+{
+    vxMutex mutex;
+    pthread_mutexattr_t attributes;
+    ASSERT_EQ(pthread_mutexattr_init(&attributes), 0);
+    ASSERT_EQ(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK), 0);
+    ASSERT_EQ(pthread_mutex_init(&mutex.mutex, &attributes), 0);
+    (void)pthread_mutexattr_destroy(&attributes);
+    // Locking an error-checking mutex twice from one thread fails with EDEADLK.
+    static_assert(EDEADLK == 35, "Linux error numbers");
+    ASSERT_TRUE(mutex.Lock());
+    EXPECT_FAILS_WITH(mutex.Lock(), "Int return value failed. (35). ");
+    EXPECT_EQ(vxtest::trailMessages().size(), 1U);
+    EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
+    (void)pthread_mutex_destroy(&mutex.mutex);
+}
+
+TEST_F(vxThreadTest, MutexRefusesWhileLatched)
+{
+    vxMutex mutex;
+    latchByFailure();
+    const size_t before = vxGlobal.stackTrace.events.size();
+    EXPECT_FALSE(mutex.Lock());
+    EXPECT_FALSE(mutex.UnLock());
+    EXPECT_FALSE(mutex.Open());
+    ASSERT_EQ(vxGlobal.stackTrace.events.size(), before + 3);
+    const std::vector<std::string> messages = vxtest::trailMessages();
+    EXPECT_EQ(std::vector<std::string>(messages.begin() + 1, messages.end()),
+              std::vector<std::string>(3, unable));
+    // Lock did not take the mutex.
+    EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
+}
+
+// --- vxCondition ---
+
+/** Waits on `condition` until `signalled`, re-checking after every wake-up. */
+void sleeper(vxCondition& condition, std::atomic<int>& sleeping, const std::atomic<bool>& signalled,
+             std::atomic<int>& woken)
+{
+    EXPECT_TRUE(condition.mutex.Lock());
+    ++sleeping;
+    while (!signalled.load()) {
+        EXPECT_TRUE(condition.Sleep()); // returns with the mutex released
+        EXPECT_TRUE(condition.mutex.Lock());
+    }
+    EXPECT_TRUE(condition.mutex.UnLock());
+    ++woken;
+}
+
+TEST_F(vxThreadTest, ConditionWakeupOneHoldsSleeperUntilUnlock)
+{
+    vxCondition condition;
+    ASSERT_TRUE(frame.open(condition));
+    std::atomic<int> sleeping{0};
+    std::atomic<bool> signalled{false};
+    std::atomic<int> woken{0};
+    std::thread waiter(sleeper, std::ref(condition), std::ref(sleeping), std::cref(signalled),
+                       std::ref(woken));
+    while (sleeping.load() < 1) {
+        pause();
+    }
+    // Succeeds only once the sleeper waits, and returns with the mutex held.
+    ASSERT_TRUE(condition.WakeupOne());
+    signalled.store(true);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(woken.load(), 0) << "the sleeper must stay blocked until the waker unlocks";
+    EXPECT_TRUE(condition.mutex.UnLock());
+    waiter.join();
+    EXPECT_EQ(woken.load(), 1);
+    EXPECT_TRUE(vxtest::testFrame::close(condition));
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxThreadTest, ConditionWakeupAllWakesEverySleeper)
+{
+    vxCondition condition;
+    ASSERT_TRUE(frame.open(condition));
+    std::atomic<int> sleeping{0};
+    std::atomic<bool> signalled{false};
+    std::atomic<int> woken{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 2; ++i) {
+        waiters.emplace_back(sleeper, std::ref(condition), std::ref(sleeping), std::cref(signalled),
+                             std::ref(woken));
+    }
+    while (sleeping.load() < 2) {
+        pause();
+    }
+    ASSERT_TRUE(condition.WakeupAll());
+    signalled.store(true);
+    EXPECT_TRUE(condition.mutex.UnLock());
+    for (std::thread& waiter : waiters) {
+        waiter.join(); // a lost wake-up would hang here until the test's time-out
+    }
+    EXPECT_EQ(woken.load(), 2);
+    EXPECT_TRUE(vxtest::testFrame::close(condition));
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxThreadTest, ConditionWakeupRefusesWhileLatched)
+{
+    vxCondition condition;
+    latchByFailure();
+    EXPECT_FALSE(condition.WakeupOne());
+    EXPECT_FALSE(condition.WakeupAll());
+    const std::vector<std::string> messages = vxtest::trailMessages();
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_EQ(messages[1], unable);
+    EXPECT_EQ(messages[2], unable);
+    // The inner mutex was not taken.
+    EXPECT_EQ(pthread_mutex_trylock(&condition.mutex.mutex), 0);
+    EXPECT_EQ(pthread_mutex_unlock(&condition.mutex.mutex), 0);
+}
+
+// --- vxThread ---
+
+TEST_F(vxThreadTest, ThreadOpenOpensItsMembers)
+{
+    vxThread thread;
+    ASSERT_TRUE(frame.open(thread));
+    EXPECT_TRUE(thread.opened);
+    EXPECT_FALSE(thread.threadCreated);
+    for (const vxBase* member :
+         {static_cast<vxBase*>(&thread.mutex), static_cast<vxBase*>(&thread.condition)}) {
+        EXPECT_TRUE(member->opened);
+        EXPECT_EQ(member->parent, &thread);
+        EXPECT_EQ(member->depth, 2U);
+    }
+    int detach = 0;
+    EXPECT_EQ(pthread_attr_getdetachstate(&thread.attributes, &detach), 0);
+    EXPECT_EQ(detach, PTHREAD_CREATE_DETACHED);
+    // Close does not touch the members.
+    EXPECT_TRUE(vxtest::testFrame::close(thread));
+    EXPECT_TRUE(thread.mutex.opened);
+    EXPECT_TRUE(thread.condition.opened);
+    EXPECT_TRUE(vxtest::testFrame::close(thread.condition));
+    EXPECT_TRUE(vxtest::testFrame::close(thread.mutex));
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxThreadTest, ThreadStartMainPassesItself)
+{
+    vxThread thread;
+    ASSERT_TRUE(frame.open(thread));
+    void (*entry)(void*) = recordStart;
+    EXPECT_TRUE(thread.StartMain(entry));
+    EXPECT_EQ(waitForStart(), &thread);
+    EXPECT_FALSE(thread.threadCreated);
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+    closeThread(thread);
+}
+
+TEST_F(vxThreadTest, ThreadStartMainWhileLatchedStartsAndFails)
+{
+    vxThread thread;
+    ASSERT_TRUE(frame.open(thread));
+    latchByFailure();
+    const size_t before = vxGlobal.stackTrace.events.size();
+    void (*entry)(void*) = recordStart;
+    EXPECT_FALSE(thread.StartMain(entry));
+    EXPECT_EQ(waitForStart(), &thread); // started all the same
+    ASSERT_EQ(vxGlobal.stackTrace.events.size(), before + 1);
+    EXPECT_EQ(vxtest::trailMessages().back(), unable);
+    vxBase::lvxClearLastError();
+    closeThread(thread);
+}
+
+TEST_F(vxThreadTest, ThreadStackSizeAppliesToLaterStarts)
+{
+    vxThread thread;
+    ASSERT_TRUE(frame.open(thread));
+    void (*entry)(void*) = recordStart;
+    const size_t small = 256 * 1024;
+    const size_t large = 1024 * 1024;
+
+    EXPECT_TRUE(thread.SetStackSize(small));
+    EXPECT_TRUE(thread.StartMain(entry));
+    EXPECT_EQ(waitForStart(), &thread);
+    const size_t first = startedStackSize.load();
+
+    EXPECT_TRUE(thread.SetStackSize(large)); // accepted after a start
+    EXPECT_TRUE(thread.StartMain(entry));
+    EXPECT_EQ(waitForStart(), &thread);
+    const size_t second = startedStackSize.load();
+
+    EXPECT_GE(first, small);
+    EXPECT_LT(first, large);
+    EXPECT_GE(second, large);
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+    closeThread(thread);
+}
+
+TEST_F(vxThreadTest, ThreadStackSizeTooSmallFails)
+{
+    vxThread thread;
+    ASSERT_TRUE(frame.open(thread));
+    EXPECT_FAILS_WITH(thread.SetStackSize(1), "rv == 0");
+    vxBase::lvxClearLastError();
+    closeThread(thread);
+}
+
+TEST_F(vxThreadTest, DestroyingThreadWithOpenMembersIsReported)
+{
+    {
+        vxThread thread;
+        ASSERT_TRUE(frame.open(thread));
+        ASSERT_TRUE(vxtest::testFrame::close(thread));
+    }
+    // Members go in reverse order: the condition is reported first and latches, so the mutex
+    // after it adds nothing.
+    EXPECT_TRUE(vxtest::latched());
+    EXPECT_EQ(vxtest::trailMessages(),
+              (std::vector<std::string>{
+                  "Object ( veltrix::vxCondition ) was not closed before going out of scope. ",
+                  "Opened by: veltrix::vxCondition", "Opened by: veltrix::vxThread"}));
+}
+
+TEST_F(vxThreadTest, DestroyingThreadWithOpenMutexIsReported)
+{
+    {
+        vxThread thread;
+        ASSERT_TRUE(frame.open(thread));
+        ASSERT_TRUE(vxtest::testFrame::close(thread));
+        ASSERT_TRUE(vxtest::testFrame::close(thread.condition));
+    }
+    EXPECT_TRUE(vxtest::latched());
+    EXPECT_EQ(vxtest::trailMessages(),
+              (std::vector<std::string>{
+                  "Object ( veltrix::vxMutex ) was not closed before going out of scope. ",
+                  "Opened by: veltrix::vxMutex", "Opened by: veltrix::vxThread"}));
+}
+
+// --- The shared trail ---
+
+TEST_F(vxThreadTest, ConcurrentFailuresKeepTrailConsistent)
+{
+    constexpr int threads = 8;
+    constexpr int calls = 200;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&ready] {
+            veltrix::vxBytes source;
+            source.bytes = {1, 2, 3, 4};
+            veltrix::vxBytes target;
+            ++ready;
+            while (ready.load() < threads) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < calls; ++i) {
+                EXPECT_FALSE(target.CopyOffsets(3, 3, source));
+            }
+            EXPECT_TRUE(target.bytes.empty());
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    EXPECT_TRUE(vxtest::latched());
+    ASSERT_EQ(vxGlobal.stackTrace.events.size(), static_cast<size_t>(threads * calls));
+    size_t bounds = 0;
+    for (const veltrix::vxHistoryEvent& event : vxGlobal.stackTrace.events) {
+        ASSERT_EQ(event.lines.size(), 1U);
+        const std::string& message = event.lines[0].message;
+        if (message == "offset2 > offset1") {
+            ++bounds;
+        } else {
+            EXPECT_EQ(message, unable);
+        }
+    }
+    // The first event is always a real failure; every thread may have seen a clear latch once.
+    EXPECT_EQ(vxtest::firstMessage(), "offset2 > offset1");
+    EXPECT_GE(bounds, 1U);
+    EXPECT_LE(bounds, static_cast<size_t>(threads));
+}
+
+} // namespace
