@@ -1,0 +1,667 @@
+// crypto_bench: the library's hot crypto paths, each measured beside the same work done directly
+// with OpenSSL 3 in the same process, and a table of the library/direct time ratios at the end.
+//
+// Both sides of a pair reuse what can be reused: the algorithm is fetched once, one context (or
+// the library object) is opened once and reused, and the output buffer is reused, so no
+// iteration allocates on either side. Before anything is timed, every library result is checked
+// against the direct one, so the two sides are known to compute the same bytes.
+//
+// The ratios are a measurement, not a verdict: the exit status is nonzero only when the run
+// cannot measure at all (the plug-in does not load, a library call fails, the results differ).
+//
+//   crypto_bench [benchmark options]    (five repetitions unless --benchmark_repetitions is given)
+#include "vxGlobal.h"
+#include "vxMain.h"
+
+#include <benchmark/benchmark.h>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace veltrix;
+
+namespace {
+
+constexpr size_t kDigestMessageSize = 64;
+constexpr size_t kKeyedMessageSize = 48;
+constexpr size_t kKeyedKeySize = 16;
+constexpr size_t kAesBlockSize = 16;
+constexpr size_t kAes128KeySize = 16;
+constexpr int kDefaultRepetitions = 5;
+
+// ---- Set-up ----------------------------------------------------------------------------------
+
+/** The root of the benchmark's object tree: loads the plug-in and opens objects as an owner
+ *  would. */
+class benchFrame : public vxMain
+{
+public:
+    bool main(int /*argc*/, char** /*argv*/) override { return true; }
+
+    bool loadPlugin(const std::string& directory)
+    {
+        api.setSearchPath(directory);
+        return LoadPlugin("openssl");
+    }
+
+    template <class Child, class... Args> bool open(Child& child, Args&&... args)
+    {
+        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
+        return true;
+    }
+
+    /** PreClose, Close, PostClose; false at the first step that fails. */
+    static bool close(vxBase& child)
+    {
+        return child.PreClose() && child.Close() && child.PostClose();
+    }
+};
+
+/** Closes an object that is open; for the end of a scope. */
+void closeIfOpen(vxBase& child)
+{
+    if (child.opened) {
+        (void)benchFrame::close(child);
+    }
+}
+
+/** `size` bytes of a fixed, non-trivial pattern. */
+std::vector<unsigned char> pattern(size_t size, unsigned seed)
+{
+    std::vector<unsigned char> bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<unsigned char>((i * 131U + seed * 17U + 7U) & 0xFFU);
+    }
+    return bytes;
+}
+
+vxBytes asBytes(std::vector<unsigned char> bytes)
+{
+    vxBytes result;
+    result.bytes = std::move(bytes);
+    return result;
+}
+
+struct evpFree
+{
+    void operator()(EVP_MD* p) const { EVP_MD_free(p); }
+
+    void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
+
+    void operator()(EVP_CIPHER* p) const { EVP_CIPHER_free(p); }
+
+    void operator()(EVP_CIPHER_CTX* p) const { EVP_CIPHER_CTX_free(p); }
+};
+
+template <typename T> using evpOwned = std::unique_ptr<T, evpFree>;
+
+const char* evpDigestName(uint32_t hash)
+{
+    return hash == vxHashId::md5 ? "MD5" : "SHA256";
+}
+
+// ---- The library's side ----------------------------------------------------------------------
+
+/** One vxMd, opened once; a message is Init, Update, Final and GetBytes into a reused buffer. */
+class libraryDigest
+{
+public:
+    libraryDigest(benchFrame& frame, uint32_t hash)
+    {
+        ready = frame.open(id, hash) && frame.open(md, id);
+    }
+
+    libraryDigest(const libraryDigest&) = delete;
+    libraryDigest& operator=(const libraryDigest&) = delete;
+    libraryDigest(libraryDigest&&) = delete;
+    libraryDigest& operator=(libraryDigest&&) = delete;
+
+    ~libraryDigest()
+    {
+        closeIfOpen(md);
+        closeIfOpen(id);
+    }
+
+    bool run(const vxBytes& message, vxBytes& value)
+    {
+        return md.Init() && md.Update(message) && md.Final() && md.GetBytes(value);
+    }
+
+    bool ready = false;
+
+private:
+    vxHashId id;
+    vxMd md;
+};
+
+/** One vxCipher, opened and keyed once; a block is one Encrypt into a reused buffer. */
+class libraryCipher
+{
+public:
+    libraryCipher(benchFrame& frame, const vxBytes& key)
+    {
+        ready = frame.open(id, vxCipherId::aes128) && frame.open(cipher, id) && cipher.SetKey(key);
+    }
+
+    libraryCipher(const libraryCipher&) = delete;
+    libraryCipher& operator=(const libraryCipher&) = delete;
+    libraryCipher(libraryCipher&&) = delete;
+    libraryCipher& operator=(libraryCipher&&) = delete;
+
+    ~libraryCipher()
+    {
+        closeIfOpen(cipher);
+        closeIfOpen(id);
+    }
+
+    bool run(const vxBytes& in, vxBytes& out) { return cipher.Encrypt(in, out); }
+
+    bool ready = false;
+
+private:
+    vxCipherId id;
+    vxCipher cipher;
+};
+
+/** One vxHmacMd, opened once; a message is SetKey, Init, Update, Final and GetBytes. */
+class libraryKeyed
+{
+public:
+    libraryKeyed(benchFrame& frame, uint32_t hash)
+    {
+        ready = frame.open(id, hash) && frame.open(mac, id);
+    }
+
+    libraryKeyed(const libraryKeyed&) = delete;
+    libraryKeyed& operator=(const libraryKeyed&) = delete;
+    libraryKeyed(libraryKeyed&&) = delete;
+    libraryKeyed& operator=(libraryKeyed&&) = delete;
+
+    ~libraryKeyed()
+    {
+        closeIfOpen(mac);
+        closeIfOpen(id);
+    }
+
+    bool run(const vxBytes& key, const vxBytes& message, vxBytes& value)
+    {
+        return mac.SetKey(key) && mac.Init() && mac.Update(message) && mac.Final() &&
+               mac.GetBytes(value);
+    }
+
+    bool ready = false;
+
+private:
+    vxHashId id;
+    vxHmacMd mac;
+};
+
+// ---- The same work directly with OpenSSL ------------------------------------------------------
+
+/** A fetched digest and one context reused for every message. */
+class directDigest
+{
+public:
+    explicit directDigest(uint32_t hash)
+        : md(EVP_MD_fetch(nullptr, evpDigestName(hash), nullptr)), ctx(EVP_MD_CTX_new())
+    {
+        ready = md && ctx;
+    }
+
+    bool run(const unsigned char* data, size_t size, unsigned char* value, unsigned int& length)
+    {
+        return EVP_DigestInit_ex2(ctx.get(), md.get(), nullptr) == 1 &&
+               EVP_DigestUpdate(ctx.get(), data, size) == 1 &&
+               EVP_DigestFinal_ex(ctx.get(), value, &length) == 1;
+    }
+
+    bool ready = false;
+
+private:
+    evpOwned<EVP_MD> md;
+    evpOwned<EVP_MD_CTX> ctx;
+};
+
+/** A fetched AES-128-ECB and one encryption context keyed once, without padding. */
+class directCipher
+{
+public:
+    explicit directCipher(const unsigned char* key)
+        : cipher(EVP_CIPHER_fetch(nullptr, "AES-128-ECB", nullptr)), ctx(EVP_CIPHER_CTX_new())
+    {
+        ready = cipher && ctx &&
+                EVP_EncryptInit_ex2(ctx.get(), cipher.get(), key, nullptr, nullptr) == 1 &&
+                EVP_CIPHER_CTX_set_padding(ctx.get(), 0) == 1;
+    }
+
+    bool run(const unsigned char* in, unsigned char* out)
+    {
+        int produced = 0;
+        return EVP_EncryptUpdate(ctx.get(), out, &produced, in, static_cast<int>(kAesBlockSize)) ==
+                   1 &&
+               produced == static_cast<int>(kAesBlockSize);
+    }
+
+    bool ready = false;
+
+private:
+    evpOwned<EVP_CIPHER> cipher;
+    evpOwned<EVP_CIPHER_CTX> ctx;
+};
+
+/** The library's keyed digest built directly: value = H((K xor 0x36) || m), then the outer
+ *  H((K xor 0x5C) || value) that the library computes and discards. Two contexts, as the
+ *  library has; the pads are derived from the key for every message, as SetKey does. */
+class directKeyed
+{
+public:
+    explicit directKeyed(uint32_t hash)
+        : md(EVP_MD_fetch(nullptr, evpDigestName(hash), nullptr)), inner(EVP_MD_CTX_new()),
+          outer(EVP_MD_CTX_new())
+    {
+        ready = md && inner && outer;
+    }
+
+    bool run(const unsigned char* key, const unsigned char* data, size_t size, unsigned char* value,
+             unsigned int& length)
+    {
+        for (size_t i = 0; i < kKeyedKeySize; ++i) {
+            innerPad[i] = static_cast<unsigned char>(key[i] ^ 0x36U);
+            outerPad[i] = static_cast<unsigned char>(key[i] ^ 0x5CU);
+        }
+        unsigned int outerLength = 0;
+        return EVP_DigestInit_ex2(inner.get(), md.get(), nullptr) == 1 &&
+               EVP_DigestInit_ex2(outer.get(), md.get(), nullptr) == 1 &&
+               EVP_DigestUpdate(inner.get(), innerPad.data(), innerPad.size()) == 1 &&
+               EVP_DigestUpdate(inner.get(), data, size) == 1 &&
+               EVP_DigestFinal_ex(inner.get(), value, &length) == 1 &&
+               EVP_DigestUpdate(outer.get(), outerPad.data(), outerPad.size()) == 1 &&
+               EVP_DigestUpdate(outer.get(), value, length) == 1 &&
+               EVP_DigestFinal_ex(outer.get(), outerValue.data(), &outerLength) == 1;
+    }
+
+    bool ready = false;
+
+private:
+    evpOwned<EVP_MD> md;
+    evpOwned<EVP_MD_CTX> inner;
+    evpOwned<EVP_MD_CTX> outer;
+    std::array<unsigned char, kKeyedKeySize> innerPad{};
+    std::array<unsigned char, kKeyedKeySize> outerPad{};
+    std::array<unsigned char, EVP_MAX_MD_SIZE> outerValue{};
+};
+
+// ---- Inputs shared by both sides ---------------------------------------------------------------
+
+struct benchInputs
+{
+    vxBytes digestMessage = asBytes(pattern(kDigestMessageSize, 1));
+    vxBytes keyedMessage = asBytes(pattern(kKeyedMessageSize, 2));
+    vxBytes keyedKey = asBytes(pattern(kKeyedKeySize, 3));
+    vxBytes aesKey = asBytes(pattern(kAes128KeySize, 4));
+    vxBytes aesBlock = asBytes(pattern(kAesBlockSize, 5));
+};
+
+// ---- Benchmarks ------------------------------------------------------------------------------
+
+void benchLibraryDigest(benchmark::State& state, benchFrame& frame, const benchInputs& in,
+                        uint32_t hash)
+{
+    libraryDigest digest(frame, hash);
+    vxBytes value;
+    if (!digest.ready) {
+        state.SkipWithError("cannot open the library digest");
+        return;
+    }
+    for (auto _ : state) {
+        if (!digest.run(in.digestMessage, value)) {
+            state.SkipWithError("library digest failed");
+            break;
+        }
+        benchmark::DoNotOptimize(value.bytes.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kDigestMessageSize));
+}
+
+void benchDirectDigest(benchmark::State& state, const benchInputs& in, uint32_t hash)
+{
+    directDigest digest(hash);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
+    unsigned int length = 0;
+    if (!digest.ready) {
+        state.SkipWithError("cannot set up the OpenSSL digest");
+        return;
+    }
+    const unsigned char* data = in.digestMessage.bytes.data();
+    for (auto _ : state) {
+        if (!digest.run(data, kDigestMessageSize, value.data(), length)) {
+            state.SkipWithError("OpenSSL digest failed");
+            break;
+        }
+        benchmark::DoNotOptimize(value.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kDigestMessageSize));
+}
+
+void benchLibraryCipher(benchmark::State& state, benchFrame& frame, const benchInputs& in)
+{
+    libraryCipher cipher(frame, in.aesKey);
+    vxBytes out;
+    if (!cipher.ready) {
+        state.SkipWithError("cannot open or key the library cipher");
+        return;
+    }
+    for (auto _ : state) {
+        if (!cipher.run(in.aesBlock, out)) {
+            state.SkipWithError("library cipher failed");
+            break;
+        }
+        benchmark::DoNotOptimize(out.bytes.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kAesBlockSize));
+}
+
+void benchDirectCipher(benchmark::State& state, const benchInputs& in)
+{
+    directCipher cipher(in.aesKey.bytes.data());
+    std::array<unsigned char, kAesBlockSize> out{};
+    if (!cipher.ready) {
+        state.SkipWithError("cannot set up the OpenSSL cipher");
+        return;
+    }
+    const unsigned char* block = in.aesBlock.bytes.data();
+    for (auto _ : state) {
+        if (!cipher.run(block, out.data())) {
+            state.SkipWithError("OpenSSL cipher failed");
+            break;
+        }
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kAesBlockSize));
+}
+
+void benchLibraryKeyed(benchmark::State& state, benchFrame& frame, const benchInputs& in,
+                       uint32_t hash)
+{
+    libraryKeyed mac(frame, hash);
+    vxBytes value;
+    if (!mac.ready) {
+        state.SkipWithError("cannot open the library keyed digest");
+        return;
+    }
+    for (auto _ : state) {
+        if (!mac.run(in.keyedKey, in.keyedMessage, value)) {
+            state.SkipWithError("library keyed digest failed");
+            break;
+        }
+        benchmark::DoNotOptimize(value.bytes.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kKeyedMessageSize));
+}
+
+void benchDirectKeyed(benchmark::State& state, const benchInputs& in, uint32_t hash)
+{
+    directKeyed mac(hash);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
+    unsigned int length = 0;
+    if (!mac.ready) {
+        state.SkipWithError("cannot set up the OpenSSL keyed digest");
+        return;
+    }
+    const unsigned char* key = in.keyedKey.bytes.data();
+    const unsigned char* data = in.keyedMessage.bytes.data();
+    for (auto _ : state) {
+        if (!mac.run(key, data, kKeyedMessageSize, value.data(), length)) {
+            state.SkipWithError("OpenSSL keyed digest failed");
+            break;
+        }
+        benchmark::DoNotOptimize(value.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kKeyedMessageSize));
+}
+
+// ---- Agreement check before timing -----------------------------------------------------------
+
+bool agree(const char* what, const std::vector<unsigned char>& library, const unsigned char* direct,
+           size_t directSize)
+{
+    if (library.size() == directSize && std::equal(library.begin(), library.end(), direct)) {
+        return true;
+    }
+    std::cerr << "crypto_bench: the library and OpenSSL disagree on " << what << "\n";
+    return false;
+}
+
+/** Every library path computes exactly what its direct counterpart computes. */
+bool checkAgreement(benchFrame& frame, const benchInputs& in)
+{
+    bool ok = true;
+    for (const uint32_t hash : {vxHashId::md5, vxHashId::sha256}) {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> expected{};
+        unsigned int length = 0;
+        vxBytes value;
+
+        libraryDigest digest(frame, hash);
+        directDigest reference(hash);
+        ok = ok && digest.ready && reference.ready && digest.run(in.digestMessage, value) &&
+             reference.run(in.digestMessage.bytes.data(), kDigestMessageSize, expected.data(),
+                           length) &&
+             agree("a digest", value.bytes, expected.data(), length);
+
+        libraryKeyed mac(frame, hash);
+        directKeyed keyedReference(hash);
+        ok = ok && mac.ready && keyedReference.ready &&
+             mac.run(in.keyedKey, in.keyedMessage, value) &&
+             keyedReference.run(in.keyedKey.bytes.data(), in.keyedMessage.bytes.data(),
+                                kKeyedMessageSize, expected.data(), length) &&
+             agree("a keyed digest", value.bytes, expected.data(), length);
+    }
+    libraryCipher cipher(frame, in.aesKey);
+    directCipher reference(in.aesKey.bytes.data());
+    std::array<unsigned char, kAesBlockSize> expected{};
+    vxBytes out;
+    ok = ok && cipher.ready && reference.ready && cipher.run(in.aesBlock, out) &&
+         reference.run(in.aesBlock.bytes.data(), expected.data()) &&
+         agree("an AES-128 block", out.bytes, expected.data(), expected.size());
+    return ok;
+}
+
+// ---- Pairs and the ratio table -----------------------------------------------------------------
+
+struct benchPair
+{
+    const char* label;
+    const char* library;
+    const char* direct;
+    double goal; ///< the library/direct ratio the library aims to stay within
+};
+
+const benchPair kPairs[] = {
+    {"MD5, 64-byte message", "digest/md5_64B/library", "digest/md5_64B/openssl", 1.5},
+    {"SHA-256, 64-byte message", "digest/sha256_64B/library", "digest/sha256_64B/openssl", 1.5},
+    {"AES-128, one block", "cipher/aes128_block/library", "cipher/aes128_block/openssl", 3.0},
+    {"keyed SHA-256, 48 bytes", "keyed/sha256_48B/library", "keyed/sha256_48B/openssl", 2.0},
+    {"keyed MD5, 48 bytes", "keyed/md5_48B/library", "keyed/md5_48B/openssl", 2.0},
+};
+
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+/** The times per iteration, in nanoseconds, of each repetition of one benchmark. */
+struct repetitionTimes
+{
+    std::vector<double> cpu;
+    std::vector<double> real;
+};
+
+/** min, median and max of the per-repetition ratios: repetition i of the library over
+ *  repetition i of the direct code. */
+struct ratioRange
+{
+    double min = 0;
+    double median = 0;
+    double max = 0;
+};
+
+ratioRange ratios(const std::vector<double>& library, const std::vector<double>& direct)
+{
+    std::vector<double> values;
+    for (size_t i = 0; i < std::min(library.size(), direct.size()); ++i) {
+        values.push_back(library[i] / direct[i]);
+    }
+    return {*std::min_element(values.begin(), values.end()), median(values),
+            *std::max_element(values.begin(), values.end())};
+}
+
+/** Passes every run on to the display reporter and keeps the times per iteration of each
+ *  repetition, by benchmark name, for the ratio table. */
+class ratioReporter : public benchmark::BenchmarkReporter
+{
+public:
+    explicit ratioReporter(benchmark::BenchmarkReporter* displayReporter) : display(displayReporter)
+    {}
+
+    bool ReportContext(const Context& context) override { return display->ReportContext(context); }
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& run : runs) {
+            if (run.run_type != Run::RT_Iteration) {
+                continue;
+            }
+            if (run.error_occurred || run.iterations <= 0) {
+                failed = true;
+                continue;
+            }
+            const auto iterations = static_cast<double>(run.iterations);
+            repetitionTimes& times = measured[run.run_name.function_name];
+            times.cpu.push_back(run.cpu_accumulated_time * 1e9 / iterations);
+            times.real.push_back(run.real_accumulated_time * 1e9 / iterations);
+        }
+        display->ReportRuns(runs);
+    }
+
+    void Finalize() override { display->Finalize(); }
+
+    bool anyFailed() const { return failed; }
+
+    /** Per pair: the median CPU times, the range of the per-repetition CPU-time ratios, and the
+     *  median real-time ratio. CPU time leads because a shared machine steals wall-clock time
+     *  from whichever side happens to be running; a large gap between the two ratios means the
+     *  run was disturbed. */
+    void printSummary(std::ostream& out) const
+    {
+        char line[200];
+        out << "\nlibrary/direct ratios per iteration (CPU time; real-time median for "
+               "comparison)\n";
+        (void)std::snprintf(line, sizeof line, "%-26s %4s %10s %10s %6s %6s %6s %6s %5s  %s\n",
+                            "pair", "reps", "library ns", "direct ns", "min", "median", "max",
+                            "real", "goal", "median");
+        out << line;
+        for (const benchPair& pair : kPairs) {
+            const auto library = measured.find(pair.library);
+            const auto direct = measured.find(pair.direct);
+            if (library == measured.end() || direct == measured.end()) {
+                (void)std::snprintf(line, sizeof line, "%-26s %4s\n", pair.label, "-");
+                out << line;
+                continue;
+            }
+            const ratioRange cpu = ratios(library->second.cpu, direct->second.cpu);
+            const ratioRange real = ratios(library->second.real, direct->second.real);
+            (void)std::snprintf(
+                line, sizeof line, "%-26s %4zu %10.1f %10.1f %6.2f %6.2f %6.2f %6.2f %5.1f  %s\n",
+                pair.label, std::min(library->second.cpu.size(), direct->second.cpu.size()),
+                median(library->second.cpu), median(direct->second.cpu), cpu.min, cpu.median,
+                cpu.max, real.median, pair.goal, cpu.median <= pair.goal ? "within" : "OVER");
+            out << line;
+        }
+    }
+
+private:
+    benchmark::BenchmarkReporter* display; ///< owned by the benchmark library
+    std::map<std::string, repetitionTimes> measured;
+    bool failed = false;
+};
+
+void registerBenchmarks(benchFrame& frame, const benchInputs& in)
+{
+    const std::pair<uint32_t, const benchPair*> digests[] = {{vxHashId::md5, &kPairs[0]},
+                                                             {vxHashId::sha256, &kPairs[1]}};
+    for (const auto& [hash, pair] : digests) {
+        benchmark::RegisterBenchmark(pair->library, benchLibraryDigest, std::ref(frame),
+                                     std::cref(in), hash);
+        benchmark::RegisterBenchmark(pair->direct, benchDirectDigest, std::cref(in), hash);
+    }
+    benchmark::RegisterBenchmark(kPairs[2].library, benchLibraryCipher, std::ref(frame),
+                                 std::cref(in));
+    benchmark::RegisterBenchmark(kPairs[2].direct, benchDirectCipher, std::cref(in));
+    const std::pair<uint32_t, const benchPair*> keyed[] = {{vxHashId::sha256, &kPairs[3]},
+                                                           {vxHashId::md5, &kPairs[4]}};
+    for (const auto& [hash, pair] : keyed) {
+        benchmark::RegisterBenchmark(pair->library, benchLibraryKeyed, std::ref(frame),
+                                     std::cref(in), hash);
+        benchmark::RegisterBenchmark(pair->direct, benchDirectKeyed, std::cref(in), hash);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // Five repetitions by default; a --benchmark_repetitions on the command line comes later and
+    // wins.
+    std::string repetitions = "--benchmark_repetitions=" + std::to_string(kDefaultRepetitions);
+    std::vector<char*> args{argv[0], repetitions.data()};
+    args.insert(args.end(), argv + 1, argv + argc);
+    int count = static_cast<int>(args.size());
+    args.push_back(nullptr);
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) {
+        return 1;
+    }
+
+    benchFrame frame;
+    if (!frame.loadPlugin(VX_PLUGIN_DIR)) {
+        std::cerr << "crypto_bench: cannot load the plug-in from " << VX_PLUGIN_DIR << "\n";
+        vxBase::DumpStackTrace(std::cerr);
+        return 1;
+    }
+    const benchInputs inputs;
+    if (!checkAgreement(frame, inputs)) {
+        vxBase::DumpStackTrace(std::cerr);
+        return 1;
+    }
+
+    registerBenchmarks(frame, inputs);
+    ratioReporter reporter(benchmark::CreateDefaultDisplayReporter());
+    (void)benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    reporter.printSummary(std::cout);
+
+    const bool latched = vxGlobal.stackTrace.errorLatch.load();
+    if (latched) {
+        vxBase::DumpStackTrace(std::cerr);
+    }
+    (void)benchFrame::close(frame.api);
+    return reporter.anyFailed() || latched ? 1 : 0;
+}
