@@ -58,7 +58,7 @@ public:
     /** Replaces the search path; takes effect at the next Open. */
     void setSearchPath(const std::string& path) { searchPath = path; }
 
-    bool makeSymbol(std::string name);
+    bool makeSymbol(std::string symbol);
     /** Lists the 34 entry points the library accepts. */
     bool populatePluginAccepts();
 };

@@ -7,11 +7,11 @@
 #include "vxVersions.h"
 
 #include <cxxabi.h>
-#include <string.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -59,7 +59,7 @@ bool demangle(const std::string& mangled, std::string& readable)
     return true;
 }
 
-std::string vformat(const char* format, va_list args)
+__attribute__((format(printf, 1, 0))) std::string vformat(const char* format, va_list args)
 {
     char text[messageSize];
     (void)vsnprintf(text, sizeof text, format, args);
@@ -136,7 +136,7 @@ void vxBase::initObject(const std::type_info& type, int line)
     name = type.name();
 }
 
-void vxBase::reportUnclosed(const char* function, const char* file, int line) const
+void vxBase::reportUnclosed(const char* function, const char* file, int line)
 {
     if (!opened || LVX_LATCHED()) {
         return;
@@ -147,7 +147,7 @@ void vxBase::reportUnclosed(const char* function, const char* file, int line) co
     if (demangle(name, readable)) {
         addMessage(LVX_MSG_NOT_CLOSED, readable.c_str());
     }
-    addOpenedByHistory(const_cast<vxBase*>(this));
+    addOpenedByHistory(this);
     LVX_LATCH();
 }
 
@@ -157,7 +157,7 @@ bool vxBase::checkOpenStep(const char* function, const char* file, int line, ope
     if (step == openStep::latch) {
         if (LVX_LATCHED()) {
             recordEvent(function, file, line, "%s", LVX_MSG_UNABLE);
-            return false;
+            return false; // recorded: at the opening caller's place
         }
         return true;
     }
@@ -205,7 +205,7 @@ bool vxBase::PreOpen(const char* file, uint32_t line, vxBase* parentObject)
     addMessage("%s", violation);
     addOpenedByHistory(parentObject);
     LVX_LATCH();
-    return false;
+    return false; // recorded: the violation and its "Opened by" lines
 }
 
 bool vxBase::PostOpen(uint32_t /*line*/)

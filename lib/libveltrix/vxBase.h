@@ -146,7 +146,7 @@ protected:
     /** The derived-constructor step: closed, unlinked, named with the run-time type name. */
     void initObject(const std::type_info& type, int line);
     /** The derived-destructor check of an object that is still open. */
-    void reportUnclosed(const char* function, const char* file, int line) const;
+    void reportUnclosed(const char* function, const char* file, int line);
 
     enum class openStep
     {

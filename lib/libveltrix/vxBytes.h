@@ -55,9 +55,9 @@ public:
     std::vector<unsigned char> bytes;
 
     /** Two upper-case digits per byte, no separators; always valid. */
-    explicit hexString(std::vector<unsigned char> bytes);
+    explicit hexString(std::vector<unsigned char> input);
     /** Even length and only hex digits or blanks, else invalid with empty text and bytes. */
-    explicit hexString(std::string text);
+    explicit hexString(std::string input);
 };
 
 } // namespace veltrix

@@ -45,7 +45,8 @@ bool vxMain::InitAndRun(const std::string& appName, const std::string& version, 
 bool vxMain::LoadPlugin(const std::string& pluginName)
 {
     LVX_GUARD_LATCH();
-    LVX_CALL_OPEN(api, std::string(pluginName.c_str()));
+    // The name ends at its first NUL, as a C caller would have passed it.
+    LVX_CALL_OPEN(api, pluginName.substr(0, pluginName.find('\0')));
     return true;
 }
 

@@ -67,6 +67,7 @@ using vxByteVector = std::vector<unsigned char>;
     X(vxPluginRandGetNumFromZero, uint32_t, (vxPluginStorage * st, int limit))
 
 // vxPluginMdOpen_t and so on: the pointer type of each entry point.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): `params` is a parenthesised parameter list.
 #define VX_PLUGIN_POINTER_TYPE(name, result, params) using name##_t = result(*) params;
 VX_PLUGIN_ENTRY_POINTS(VX_PLUGIN_POINTER_TYPE)
 #undef VX_PLUGIN_POINTER_TYPE
