@@ -68,6 +68,14 @@ std::vector<unsigned char> fromHex(const std::string& hex);
 std::string toHex(const std::vector<unsigned char>& bytes);
 veltrix::vxBytes bytesOf(const std::string& text);
 
+/** Hex to bytes, bytes to upper-case hex, and upper-casing, all independent of the library. */
+std::vector<unsigned char> unhex(const std::string& hex);
+std::string hexUpper(const std::string& bytes);
+std::string upper(std::string text);
+/** A whole file as bytes, and a file (re)written with `bytes`. */
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& bytes);
+
 /** Runs a shell command and returns its standard output; fails the test on a nonzero status. */
 std::string run(const std::string& command);
 
@@ -109,4 +117,11 @@ std::vector<katCase> readKat(const std::string& file);
         EXPECT_FALSE(op);                          \
         EXPECT_TRUE(vxtest::latched());            \
         EXPECT_EQ(vxtest::firstMessage(), (text)); \
+    } while (0)
+
+/** `op` returns false and the newest trail line is the latch refusal. */
+#define EXPECT_REFUSED(op)                                                                   \
+    do {                                                                                     \
+        EXPECT_FALSE(op);                                                                    \
+        EXPECT_EQ(vxtest::trailMessages().back(), "Unable to continue from previous error"); \
     } while (0)

@@ -43,46 +43,21 @@ TEST_F(vxBytesTest, BytesOperationsClearOrAppend)
         byteVector expected;
     };
 
+    // clang-format off
     const std::vector<row> rows = {
-        {"ImportFromC replaces",
-         {1, 2},
-         [&](vxBytes& b) { return b.ImportFromC(3, raw); },
-         {5, 6, 7}},
-        {"ImportFromC of nothing empties",
-         {1, 2},
-         [&](vxBytes& b) { return b.ImportFromC(0, raw); },
-         {}},
+        {"ImportFromC replaces", {1, 2}, [&](vxBytes& b) { return b.ImportFromC(3, raw); }, {5, 6, 7}},
+        {"ImportFromC of nothing empties", {1, 2}, [&](vxBytes& b) { return b.ImportFromC(0, raw); }, {}},
         {"ImportFromV replaces", {1, 2}, [](vxBytes& b) { return b.ImportFromV({9}); }, {9}},
-        {"ImportFromV of nothing empties",
-         {1, 2},
-         [](vxBytes& b) { return b.ImportFromV({}); },
-         {}},
-        {"Replace takes the characters",
-         {1, 2, 3},
-         [](vxBytes& b) { return b.Replace(std::string("A\0z", 3)); },
-         {'A', 0, 'z'}},
-        {"CopyBack appends",
-         {1, 2},
-         [&](vxBytes& b) { return b.CopyBack(source); },
-         {1, 2, 5, 6, 7}},
+        {"ImportFromV of nothing empties", {1, 2}, [](vxBytes& b) { return b.ImportFromV({}); }, {}},
+        {"Replace takes the characters", {1, 2, 3}, [](vxBytes& b) { return b.Replace(std::string("A\0z", 3)); }, {'A', 0, 'z'}},
+        {"CopyBack appends", {1, 2}, [&](vxBytes& b) { return b.CopyBack(source); }, {1, 2, 5, 6, 7}},
         {"CopyBack of empty", {1, 2}, [](vxBytes& b) { return b.CopyBack(vxBytes()); }, {1, 2}},
-        {"CopyOffsets(0, 1) appends one byte",
-         {9},
-         [&](vxBytes& b) { return b.CopyOffsets(0, 1, source); },
-         {9, 5}},
-        {"CopyOffsets(1, 3) appends to the end",
-         {9},
-         [&](vxBytes& b) { return b.CopyOffsets(1, 3, source); },
-         {9, 6, 7}},
-        {"raw CopyOffsets(0, 1) appends one byte",
-         {9},
-         [&](vxBytes& b) { return b.CopyOffsets(0, 1, raw); },
-         {9, 5}},
-        {"raw CopyOffsets(1, 3) appends to the end",
-         {9},
-         [&](vxBytes& b) { return b.CopyOffsets(1, 3, raw); },
-         {9, 6, 7}},
+        {"CopyOffsets(0, 1) appends one byte", {9}, [&](vxBytes& b) { return b.CopyOffsets(0, 1, source); }, {9, 5}},
+        {"CopyOffsets(1, 3) appends to the end", {9}, [&](vxBytes& b) { return b.CopyOffsets(1, 3, source); }, {9, 6, 7}},
+        {"raw CopyOffsets(0, 1) appends one byte", {9}, [&](vxBytes& b) { return b.CopyOffsets(0, 1, raw); }, {9, 5}},
+        {"raw CopyOffsets(1, 3) appends to the end", {9}, [&](vxBytes& b) { return b.CopyOffsets(1, 3, raw); }, {9, 6, 7}},
     };
+    // clang-format on
     for (const row& r : rows) {
         vxBytes buffer = bufferOf(r.initial);
         EXPECT_TRUE(r.op(buffer)) << r.title;
@@ -275,6 +250,7 @@ TEST(hexText, FromText)
         byteVector bytes;
     };
 
+    // clang-format off
     const std::vector<row> rows = {
         {"00FF", true, {0x00, 0xFF}},
         {"0a1B", true, {0x0A, 0x1B}},
@@ -290,6 +266,7 @@ TEST(hexText, FromText)
         {"A", false, {}},
         {"0g1", false, {}},
     };
+    // clang-format on
     for (const row& r : rows) {
         const hexString hex(r.text);
         EXPECT_EQ(hex.valid, r.valid) << '"' << r.text << '"';
