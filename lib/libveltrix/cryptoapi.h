@@ -19,10 +19,7 @@ public:
 #undef VX_REG_FIELD
 
     vxReg();
-    vxReg(const vxReg&) = delete;
-    vxReg& operator=(const vxReg&) = delete;
-    vxReg(vxReg&&) = delete;
-    vxReg& operator=(vxReg&&) = delete;
+    LVX_NOT_COPYABLE(vxReg);
     ~vxReg() override;
 
     /** Copies each accepted entry's address into the field of the same name (empty addresses
@@ -42,10 +39,7 @@ public:
     vxPluginAccepts accepts;
 
     vxApi();
-    vxApi(const vxApi&) = delete;
-    vxApi& operator=(const vxApi&) = delete;
-    vxApi(vxApi&&) = delete;
-    vxApi& operator=(vxApi&&) = delete;
+    LVX_NOT_COPYABLE(vxApi);
     ~vxApi() override;
 
     using vxBase::Open;
@@ -80,10 +74,7 @@ public:
     uint32_t value = 0;
 
     vxHashId();
-    vxHashId(const vxHashId&) = default;
-    vxHashId& operator=(const vxHashId&) = default;
-    vxHashId(vxHashId&&) = default;
-    vxHashId& operator=(vxHashId&&) = default;
+    LVX_COPYABLE(vxHashId);
     ~vxHashId() override;
 
     using vxBase::Open;
@@ -107,10 +98,7 @@ public:
     uint32_t value = 0;
 
     vxCipherId();
-    vxCipherId(const vxCipherId&) = default;
-    vxCipherId& operator=(const vxCipherId&) = default;
-    vxCipherId(vxCipherId&&) = default;
-    vxCipherId& operator=(vxCipherId&&) = default;
+    LVX_COPYABLE(vxCipherId);
     ~vxCipherId() override;
 
     using vxBase::Open;
@@ -128,10 +116,7 @@ public:
     uint32_t length = 0; ///< message bytes since construction or the last Init
 
     vxMd();
-    vxMd(const vxMd&) = default;
-    vxMd& operator=(const vxMd&) = default;
-    vxMd(vxMd&&) = default;
-    vxMd& operator=(vxMd&&) = default;
+    LVX_COPYABLE(vxMd);
     ~vxMd() override;
 
     using vxBase::Open;
@@ -178,10 +163,7 @@ public:
     vxBytes result;
 
     vxHmacMd();
-    vxHmacMd(const vxHmacMd&) = delete;
-    vxHmacMd& operator=(const vxHmacMd&) = delete;
-    vxHmacMd(vxHmacMd&&) = delete;
-    vxHmacMd& operator=(vxHmacMd&&) = delete;
+    LVX_NOT_COPYABLE(vxHmacMd);
     ~vxHmacMd() override;
 
     using vxBase::Open;
@@ -208,10 +190,7 @@ public:
     vxCipherId cipherId;
 
     vxCipher();
-    vxCipher(const vxCipher&) = delete;
-    vxCipher& operator=(const vxCipher&) = delete;
-    vxCipher(vxCipher&&) = delete;
-    vxCipher& operator=(vxCipher&&) = delete;
+    LVX_NOT_COPYABLE(vxCipher);
     ~vxCipher() override;
 
     using vxBase::Open;
@@ -238,10 +217,7 @@ public:
     vxBytes scratch;
 
     vxRand();
-    vxRand(const vxRand&) = delete;
-    vxRand& operator=(const vxRand&) = delete;
-    vxRand(vxRand&&) = delete;
-    vxRand& operator=(vxRand&&) = delete;
+    LVX_NOT_COPYABLE(vxRand);
     ~vxRand() override;
 
     using vxBase::Open;
@@ -268,10 +244,7 @@ public:
     uint32_t range = 0;
 
     vxSequence();
-    vxSequence(const vxSequence&) = default;
-    vxSequence& operator=(const vxSequence&) = default;
-    vxSequence(vxSequence&&) = default;
-    vxSequence& operator=(vxSequence&&) = default;
+    LVX_COPYABLE(vxSequence);
     ~vxSequence() override;
 
     using vxBase::Open;
@@ -290,10 +263,7 @@ public:
     std::string fingerprint;
 
     vxRsa();
-    vxRsa(const vxRsa&) = delete;
-    vxRsa& operator=(const vxRsa&) = delete;
-    vxRsa(vxRsa&&) = delete;
-    vxRsa& operator=(vxRsa&&) = delete;
+    LVX_NOT_COPYABLE(vxRsa);
     ~vxRsa() override;
 
     /** Fails with "cryptoRegistry" (no plug-in) or "storage.isopen == false" (opened before). */

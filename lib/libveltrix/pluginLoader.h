@@ -22,10 +22,7 @@ public:
     std::vector<entry> symbols;
 
     vxPluginAccepts();
-    vxPluginAccepts(const vxPluginAccepts&) = delete;
-    vxPluginAccepts& operator=(const vxPluginAccepts&) = delete;
-    vxPluginAccepts(vxPluginAccepts&&) = delete;
-    vxPluginAccepts& operator=(vxPluginAccepts&&) = delete;
+    LVX_NOT_COPYABLE(vxPluginAccepts);
     ~vxPluginAccepts() override;
 };
 
@@ -39,10 +36,7 @@ public:
     std::vector<std::pair<std::string, std::string>> symbols;
 
     vxPluginProvides();
-    vxPluginProvides(const vxPluginProvides&) = delete;
-    vxPluginProvides& operator=(const vxPluginProvides&) = delete;
-    vxPluginProvides(vxPluginProvides&&) = delete;
-    vxPluginProvides& operator=(vxPluginProvides&&) = delete;
+    LVX_NOT_COPYABLE(vxPluginProvides);
     ~vxPluginProvides() override;
 
     /** Announces an entry point. Fails with "Plugin name not set" or "Plugin version not set"
@@ -62,10 +56,7 @@ public:
     vxPluginProvides provides;
 
     pluginLoader();
-    pluginLoader(const pluginLoader&) = delete;
-    pluginLoader& operator=(const pluginLoader&) = delete;
-    pluginLoader(pluginLoader&&) = delete;
-    pluginLoader& operator=(pluginLoader&&) = delete;
+    LVX_NOT_COPYABLE(pluginLoader);
     ~pluginLoader() override;
 
     /** Finds "libveltrix_<name>.so" (or "lib<name>.so" when the name holds "_") on the

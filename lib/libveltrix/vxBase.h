@@ -13,6 +13,23 @@
 #include <utility>
 #include <vector>
 
+/** Declares the copy and move members of class T as defaulted (LVX_COPYABLE) or deleted
+ *  (LVX_NOT_COPYABLE). Every library class declares a destructor (the unclosed-object check), so
+ *  each states its copy semantics explicitly. T is a class name, which cannot be parenthesised. */
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define LVX_COPYABLE(T)               \
+    T(const T&) = default;            \
+    T& operator=(const T&) = default; \
+    T(T&&) = default;                 \
+    T& operator=(T&&) = default
+#define LVX_NOT_COPYABLE(T)          \
+    T(const T&) = delete;            \
+    T& operator=(const T&) = delete; \
+    T(T&&) = delete;                 \
+    T& operator=(T&&) = delete
+
+// NOLINTEND(bugprone-macro-parentheses)
+
 namespace veltrix {
 
 /** One message line of an error event. */
@@ -54,10 +71,7 @@ public:
     mutable std::list<vxHistoryEvent> events;
 
     vxStackTrace() = default;
-    vxStackTrace(const vxStackTrace&) = delete;
-    vxStackTrace& operator=(const vxStackTrace&) = delete;
-    vxStackTrace(vxStackTrace&&) = delete;
-    vxStackTrace& operator=(vxStackTrace&&) = delete;
+    LVX_NOT_COPYABLE(vxStackTrace);
     ~vxStackTrace() = default;
 
     /** Appends a line to the newest event; dropped when the trail is empty. */
@@ -92,10 +106,7 @@ public:
     vxBase* parent = nullptr;
 
     vxBase() = default;
-    vxBase(const vxBase&) = default;
-    vxBase& operator=(const vxBase&) = default;
-    vxBase(vxBase&&) = default;
-    vxBase& operator=(vxBase&&) = default;
+    LVX_COPYABLE(vxBase);
 
     /** Does nothing; true. */
     virtual bool Open() { return true; }

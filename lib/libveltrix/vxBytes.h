@@ -15,10 +15,7 @@ public:
     std::vector<unsigned char> bytes;
 
     vxBytes();
-    vxBytes(const vxBytes&) = default;
-    vxBytes& operator=(const vxBytes&) = default;
-    vxBytes(vxBytes&&) = default;
-    vxBytes& operator=(vxBytes&&) = default;
+    LVX_COPYABLE(vxBytes);
     ~vxBytes() override;
 
     /** Overwrites every byte with 0xFF, then empties the buffer (capacity kept). */

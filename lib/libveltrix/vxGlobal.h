@@ -17,10 +17,7 @@ public:
     uint32_t level = 20; ///< not read by the operations below
 
     vxDebug();
-    vxDebug(const vxDebug&) = delete;
-    vxDebug& operator=(const vxDebug&) = delete;
-    vxDebug(vxDebug&&) = delete;
-    vxDebug& operator=(vxDebug&&) = delete;
+    LVX_NOT_COPYABLE(vxDebug);
     ~vxDebug() override;
 
     /** Prints each byte as unpadded lower-case hex and a blank, then a line end, to stdout. */
@@ -43,10 +40,7 @@ public:
     vxVersions* versions = nullptr; ///< owned; created by tryInit
 
     vxGlobalData() = default;
-    vxGlobalData(const vxGlobalData&) = delete;
-    vxGlobalData& operator=(const vxGlobalData&) = delete;
-    vxGlobalData(vxGlobalData&&) = delete;
-    vxGlobalData& operator=(vxGlobalData&&) = delete;
+    LVX_NOT_COPYABLE(vxGlobalData);
     ~vxGlobalData();
 
     /** First call: creates the root object and the version table and records the library. Later

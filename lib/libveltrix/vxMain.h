@@ -13,10 +13,7 @@ public:
 
     /** Makes this frame the root of the object tree (replacing an earlier frame). */
     vxMain();
-    vxMain(const vxMain&) = delete;
-    vxMain& operator=(const vxMain&) = delete;
-    vxMain(vxMain&&) = delete;
-    vxMain& operator=(vxMain&&) = delete;
+    LVX_NOT_COPYABLE(vxMain);
     /** Never reported as unclosed; hands the root back to the library's own. */
     ~vxMain() override;
 

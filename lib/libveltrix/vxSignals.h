@@ -9,10 +9,7 @@ class VX_API vxSignals : public vxBase
 {
 public:
     vxSignals();
-    vxSignals(const vxSignals&) = delete;
-    vxSignals& operator=(const vxSignals&) = delete;
-    vxSignals(vxSignals&&) = delete;
-    vxSignals& operator=(vxSignals&&) = delete;
+    LVX_NOT_COPYABLE(vxSignals);
     ~vxSignals() override;
 
     /** Does nothing; true. */

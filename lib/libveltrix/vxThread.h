@@ -14,10 +14,7 @@ public:
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
     vxMutex();
-    vxMutex(const vxMutex&) = delete;
-    vxMutex& operator=(const vxMutex&) = delete;
-    vxMutex(vxMutex&&) = delete;
-    vxMutex& operator=(vxMutex&&) = delete;
+    LVX_NOT_COPYABLE(vxMutex);
     ~vxMutex() override;
 
     /** Initialises the mutex; fails with "Int return value failed. (%d). ". */
@@ -33,10 +30,7 @@ public:
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
 
     vxCondition();
-    vxCondition(const vxCondition&) = delete;
-    vxCondition& operator=(const vxCondition&) = delete;
-    vxCondition(vxCondition&&) = delete;
-    vxCondition& operator=(vxCondition&&) = delete;
+    LVX_NOT_COPYABLE(vxCondition);
     ~vxCondition() override;
 
     bool Open() override { return true; }
@@ -63,10 +57,7 @@ public:
     vxCondition condition;
 
     vxThread();
-    vxThread(const vxThread&) = delete;
-    vxThread& operator=(const vxThread&) = delete;
-    vxThread(vxThread&&) = delete;
-    vxThread& operator=(vxThread&&) = delete;
+    LVX_NOT_COPYABLE(vxThread);
     ~vxThread() override;
 
     /** Prepares detached attributes and opens the member mutex and condition. */

@@ -11,10 +11,7 @@ public:
     uint32_t flags = 0; ///< room for trace flags; not read
 
     vxTraceLog();
-    vxTraceLog(const vxTraceLog&) = delete;
-    vxTraceLog& operator=(const vxTraceLog&) = delete;
-    vxTraceLog(vxTraceLog&&) = delete;
-    vxTraceLog& operator=(vxTraceLog&&) = delete;
+    LVX_NOT_COPYABLE(vxTraceLog);
     ~vxTraceLog() override;
 
     /** Writes "[%Y/%m/%d %H:%M:%S] -> message" and a line end to stderr; always true, also while

@@ -17,10 +17,7 @@ public:
 
     vxVersions();
     explicit vxVersions(bool flag);
-    vxVersions(const vxVersions&) = delete;
-    vxVersions& operator=(const vxVersions&) = delete;
-    vxVersions(vxVersions&&) = delete;
-    vxVersions& operator=(vxVersions&&) = delete;
+    LVX_NOT_COPYABLE(vxVersions);
     ~vxVersions() override;
 
     bool Open() override { return true; }
