@@ -26,6 +26,13 @@ bool latched()
     return vxGlobal.stackTrace.errorLatch;
 }
 
+void latchByFailure()
+{
+    veltrix::vxBytes bytes;
+    EXPECT_FALSE(bytes.PostOpen(1));
+    ASSERT_TRUE(latched());
+}
+
 std::vector<std::string> trailMessages()
 {
     std::vector<std::string> messages;
@@ -64,13 +71,6 @@ void ensurePlugin()
     if (!api.Open("openssl")) {
         ADD_FAILURE() << "cannot load the plug-in from " << VX_PLUGIN_DIR << "\n" << dumpTrail();
     }
-}
-
-std::vector<unsigned char> fromHex(const std::string& hex)
-{
-    const veltrix::hexString decoded(hex);
-    EXPECT_TRUE(decoded.valid) << hex;
-    return decoded.bytes;
 }
 
 std::string toHex(const std::vector<unsigned char>& bytes)

@@ -14,6 +14,9 @@
 
 namespace vxtest {
 
+/** The whole DumpStackTrace output. */
+std::string dumpTrail();
+
 /** The root of a test's object tree; opens and closes objects as an owner would. */
 class testFrame : public veltrix::vxMain
 {
@@ -31,6 +34,14 @@ public:
     {
         return child.PreClose() && child.Close() && child.PostClose();
     }
+
+    /** Closes each object in turn, expecting every close to succeed. */
+    template <class... Objects> static void closeAll(Objects&... objects)
+    {
+        (closeExpected(objects), ...);
+    }
+
+    static void closeExpected(veltrix::vxBase& child) { EXPECT_TRUE(close(child)) << dumpTrail(); }
 
     bool mainResult = true;
 };
@@ -54,17 +65,16 @@ protected:
 };
 
 bool latched();
+/** Sets the latch through a real failure, leaving its one event in the trail. */
+void latchByFailure();
 /** Every message line of the trail, oldest first. */
 std::vector<std::string> trailMessages();
 /** The first line of the oldest event: the innermost failure. */
 std::string firstMessage();
-/** The whole DumpStackTrace output. */
-std::string dumpTrail();
 
 /** Loads the OpenSSL plug-in from the build tree once per process. */
 void ensurePlugin();
 
-std::vector<unsigned char> fromHex(const std::string& hex);
 std::string toHex(const std::vector<unsigned char>& bytes);
 veltrix::vxBytes bytesOf(const std::string& text);
 
@@ -117,6 +127,13 @@ std::vector<katCase> readKat(const std::string& file);
         EXPECT_FALSE(op);                          \
         EXPECT_TRUE(vxtest::latched());            \
         EXPECT_EQ(vxtest::firstMessage(), (text)); \
+    } while (0)
+
+/** Nothing was recorded: the latch is clear and the trail holds no message. */
+#define EXPECT_QUIET()                                \
+    do {                                              \
+        EXPECT_FALSE(vxtest::latched());              \
+        EXPECT_TRUE(vxtest::trailMessages().empty()); \
     } while (0)
 
 /** `op` returns false and the newest trail line is the latch refusal. */

@@ -17,13 +17,7 @@ using oxel::selectSet;
 class pipePair
 {
 public:
-    pipePair()
-    {
-        int fds[2] = {-1, -1};
-        EXPECT_EQ(pipe(fds), 0);
-        readEnd = fds[0];
-        writeEnd = fds[1];
-    }
+    pipePair() { EXPECT_EQ(pipe(fds), 0); }
 
     pipePair(const pipePair&) = delete;
     pipePair& operator=(const pipePair&) = delete;
@@ -32,16 +26,19 @@ public:
 
     void closeBoth()
     {
-        for (int* fd : {&readEnd, &writeEnd}) {
-            if (*fd >= 0) {
-                (void)close(*fd);
-                *fd = -1;
+        for (int& fd : fds) {
+            if (fd >= 0) {
+                (void)close(fd);
+                fd = -1;
             }
         }
     }
 
-    int readEnd = -1;
-    int writeEnd = -1;
+    uint32_t readEnd() const { return static_cast<uint32_t>(fds[0]); }
+
+    uint32_t writeEnd() const { return static_cast<uint32_t>(fds[1]); }
+
+    int fds[2] = {-1, -1};
 };
 
 bool emptySet(const fd_set& set)
@@ -51,21 +48,15 @@ bool emptySet(const fd_set& set)
     return std::memcmp(&set, &empty, sizeof empty) == 0;
 }
 
-TEST(selectSet, MaxFdIsTheHighestAdded)
+TEST(selectSet, MaxFdIgnoredFdsOwnSetsAndResetKeepsTimeout)
 {
-    struct row
-    {
-        std::vector<uint32_t> readFds;
-        std::vector<uint32_t> writeFds;
-        uint32_t maxFd;
-    };
+    // clang-format off
+    const struct { std::vector<uint32_t> readFds; std::vector<uint32_t> writeFds; uint32_t maxFd; } rows[] = {
+        {{9, 5}, {}, 9}, {{5, 9}, {}, 9}, {{3}, {}, 3}, {{1024}, {}, 0}, {{7, 1024}, {}, 7}, {{}, {1024, 5000}, 0},
+        {{}, {12}, 12}, {{4}, {2}, 4}, {{2}, {11, 6}, 11}, {{1023}, {}, 1023}, {{1024, 70000}, {1024}, 0}};
 
-    const std::vector<row> rows = {
-        {{9, 5}, {}, 9},    {{5, 9}, {}, 9},       {{3}, {}, 3},   {{1024}, {}, 0},
-        {{7, 1024}, {}, 7}, {{}, {1024, 5000}, 0}, {{}, {12}, 12}, {{4}, {2}, 4},
-        {{2}, {11, 6}, 11}, {{1023}, {}, 1023},
-    };
-    for (const row& r : rows) {
+    // clang-format on
+    for (const auto& r : rows) {
         selectSet set;
         for (const uint32_t fd : r.readFds) {
             set.addFd(fd);
@@ -75,93 +66,56 @@ TEST(selectSet, MaxFdIsTheHighestAdded)
         }
         EXPECT_EQ(set.maxFd, r.maxFd)
             << r.readFds.size() << " read, " << r.writeFds.size() << " write";
+        if (r.maxFd == 0) {
+            EXPECT_TRUE(emptySet(set.readSet) && emptySet(set.writeSet));
+        }
     }
+    selectSet both;
+    both.timeoutSeconds = 7;
+    both.addFd(3);
+    both.addWriteFd(4);
+    EXPECT_TRUE(FD_ISSET(3, &both.readSet));
+    EXPECT_FALSE(FD_ISSET(4, &both.readSet));
+    EXPECT_TRUE(FD_ISSET(4, &both.writeSet));
+    EXPECT_FALSE(FD_ISSET(3, &both.writeSet));
+    EXPECT_TRUE(both.isSet(3));
+    EXPECT_FALSE(both.isSet(4));
+    both.reset();
+    EXPECT_TRUE(emptySet(both.readSet));
+    EXPECT_TRUE(emptySet(both.writeSet));
+    EXPECT_FALSE(both.isSet(3));
+    EXPECT_EQ(both.maxFd, 0U);
+    EXPECT_EQ(both.timeoutSeconds, 7U);
 }
 
-TEST(selectSet, DescriptorsBeyondTheSetAreIgnored)
-{
-    selectSet set;
-    set.addFd(1024);
-    set.addWriteFd(1024);
-    set.addFd(70000);
-    EXPECT_TRUE(emptySet(set.readSet));
-    EXPECT_TRUE(emptySet(set.writeSet));
-    EXPECT_EQ(set.maxFd, 0U);
-}
-
-TEST(selectSet, AddsGoToTheirOwnSet)
-{
-    selectSet set;
-    set.addFd(3);
-    set.addWriteFd(4);
-    EXPECT_TRUE(FD_ISSET(3, &set.readSet));
-    EXPECT_FALSE(FD_ISSET(4, &set.readSet));
-    EXPECT_TRUE(FD_ISSET(4, &set.writeSet));
-    EXPECT_FALSE(FD_ISSET(3, &set.writeSet));
-    EXPECT_TRUE(set.isSet(3));
-    EXPECT_FALSE(set.isSet(4));
-}
-
-TEST(selectSet, ResetEmptiesSetsButKeepsTimeout)
-{
-    selectSet set;
-    set.timeoutSeconds = 7;
-    set.addFd(5);
-    set.addWriteFd(9);
-    set.reset();
-    EXPECT_TRUE(emptySet(set.readSet));
-    EXPECT_TRUE(emptySet(set.writeSet));
-    EXPECT_FALSE(set.isSet(5));
-    EXPECT_EQ(set.maxFd, 0U);
-    EXPECT_EQ(set.timeoutSeconds, 7U);
-}
-
-TEST(selectSet, ReadablePipeIsReported)
+TEST(selectSet, SelectOverPipesClosedFdsAndTheTimeout)
 {
     pipePair ready;
     pipePair idle;
-    ASSERT_EQ(write(ready.writeEnd, "x", 1), 1);
+    ASSERT_EQ(write(ready.fds[1], "x", 1), 1);
     selectSet set;
     set.timeoutSeconds = 5;
-    set.addFd(static_cast<uint32_t>(ready.readEnd));
-    set.addFd(static_cast<uint32_t>(idle.readEnd));
-    EXPECT_EQ(set.doSelect(), 1);
-    EXPECT_TRUE(set.isSet(static_cast<uint32_t>(ready.readEnd)));
-    EXPECT_FALSE(set.isSet(static_cast<uint32_t>(idle.readEnd)));
-}
-
-TEST(selectSet, IsSetLooksAtTheReadSetOnly)
-{
+    set.addFd(ready.readEnd());
+    set.addFd(idle.readEnd());
+    set.addWriteFd(idle.writeEnd());
+    EXPECT_EQ(set.doSelect(), 2);
+    EXPECT_TRUE(set.isSet(ready.readEnd()));
+    EXPECT_FALSE(set.isSet(idle.readEnd()));
+    EXPECT_TRUE(FD_ISSET(idle.fds[1], &set.writeSet)); // writable...
+    EXPECT_FALSE(set.isSet(idle.writeEnd()));          // ...but isSet does not say so
     pipePair pipe;
-    selectSet set;
-    set.timeoutSeconds = 5;
-    const auto fd = static_cast<uint32_t>(pipe.writeEnd);
-    set.addWriteFd(fd);
-    EXPECT_EQ(set.doSelect(), 1);
-    EXPECT_TRUE(FD_ISSET(pipe.writeEnd, &set.writeSet)); // writable...
-    EXPECT_FALSE(set.isSet(fd));                         // ...but isSet does not say so
-}
-
-TEST(selectSet, ClosedDescriptorFailsWithEbadf)
-{
-    pipePair pipe;
-    const auto fd = static_cast<uint32_t>(pipe.readEnd);
+    const uint32_t fd = pipe.readEnd();
     pipe.closeBoth();
-    selectSet set;
-    set.timeoutSeconds = 5;
-    set.addFd(fd);
+    selectSet closedSet;
+    closedSet.timeoutSeconds = 5;
+    closedSet.addFd(fd);
     errno = 0;
-    EXPECT_EQ(set.doSelect(), -1);
+    EXPECT_EQ(closedSet.doSelect(), -1);
     EXPECT_EQ(errno, EBADF);
-}
-
-// The one timed case: a generous bound around the three seconds asked for.
-TEST(selectSet, TimeoutWithoutDescriptorsReturnsZeroAfterAboutThreeSeconds)
-{
-    selectSet set;
-    set.timeoutSeconds = 3;
+    selectSet idleSet;
+    idleSet.timeoutSeconds = 3;
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(set.doSelect(), 0);
+    EXPECT_EQ(idleSet.doSelect(), 0);
     const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited.count(), 2.9);
     EXPECT_LT(waited.count(), 10.0);

@@ -21,14 +21,32 @@ std::string render(uiTable& table)
 
 TEST(uiTable, RendersExactly)
 {
-    struct row
+    const auto oneColumn = [](uiTable& t, bool decor) {
+        const auto name = t.createColumn("Name");
+        if (decor) {
+            t.createDecorRow();
+        }
+        t.createRow().Insert(name, "one");
+        if (decor) {
+            t.createDecorRow();
+            t.createDecorRow();
+        }
+        t.createRow().Insert(name, "two");
+        EXPECT_EQ(t.rows.size(), 2U);
+    };
+    const std::string oneColumnText = "|------|\n"
+                                      "| Name |\n"
+                                      "|------|\n"
+                                      "| one  |\n"
+                                      "| two  |\n"
+                                      "|------|\n";
+
+    const struct
     {
         const char* title;
         std::function<void(uiTable&)> build;
         std::string expected;
-    };
-
-    const std::vector<row> rows = {
+    } rows[] = {
         {"no rows",
          [](uiTable& t) {
              t.createColumn("A");
@@ -93,41 +111,15 @@ TEST(uiTable, RendersExactly)
          "| x |   |\n"
          "| y | z |\n"
          "|---|---|\n"},
+        {"plain rows", [&](uiTable& t) { oneColumn(t, false); }, oneColumnText},
+        {"decor rows change nothing", [&](uiTable& t) { oneColumn(t, true); }, oneColumnText},
     };
-    for (const row& r : rows) {
+
+    for (const auto& r : rows) {
         uiTable table;
         r.build(table);
         EXPECT_EQ(render(table), r.expected) << r.title;
     }
-}
-
-TEST(uiTable, DecorRowChangesNothing)
-{
-    const auto build = [](uiTable& table, bool decor) {
-        const auto name = table.createColumn("Name");
-        if (decor) {
-            table.createDecorRow();
-        }
-        table.createRow().Insert(name, "one");
-        if (decor) {
-            table.createDecorRow();
-            table.createDecorRow();
-        }
-        table.createRow().Insert(name, "two");
-    };
-    uiTable plain;
-    build(plain, false);
-    uiTable decorated;
-    build(decorated, true);
-    const std::string expected = "|------|\n"
-                                 "| Name |\n"
-                                 "|------|\n"
-                                 "| one  |\n"
-                                 "| two  |\n"
-                                 "|------|\n";
-    EXPECT_EQ(render(plain), expected);
-    EXPECT_EQ(render(decorated), expected);
-    EXPECT_EQ(decorated.rows.size(), 2U);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
-// The library's keyed digest vxHmacMd. Its value is H((K xor 0x36) || m): the key is used as it
-// is (neither hashed nor padded) and the outer digest is computed but not handed out. Peers
-// compare exactly this value, so every expected value here is built independently: the padded
-// input is assembled in the test and digested by the openssl command line tool.
+// The keyed digest vxHmacMd. Its value is H((K xor 0x36) || m): the key is used as it is (neither
+// hashed nor padded) and the outer digest is computed but not handed out. Every expected value is
+// built independently: the padded input is assembled here and digested by the openssl tool.
 
 #include "cryptoapi.h"
 #include "vxTest.h"
@@ -84,11 +83,17 @@ protected:
     }
 
     /** One message through SetKey(bytes), Init, Update, Final; the value as hex. */
-    std::string valueOf(vxHmacMd& keyed, const byteVector& key, const byteVector& message)
+    static std::string valueOf(vxHmacMd& keyed, const byteVector& key, const byteVector& message)
     {
         EXPECT_TRUE(keyed.SetKey(wrap(key)));
         EXPECT_TRUE(keyed.Init());
         EXPECT_TRUE(keyed.Update(wrap(message)));
+        return finalValue(keyed);
+    }
+
+    /** Final, then the value as hex. */
+    static std::string finalValue(vxHmacMd& keyed)
+    {
         EXPECT_TRUE(keyed.Final());
         vxBytes value;
         EXPECT_TRUE(keyed.GetBytes(value));
@@ -99,125 +104,46 @@ protected:
     vxHmacMd mac;
 };
 
-TEST_F(vxHmacMdTest, OneByteKeyWithSha1IsTheSha1OfThePaddedMessage)
+TEST_F(vxHmacMdTest, ValueIsTheInnerDigestOfThePaddedMessageForEveryIdAndKeyLength)
 {
     // 0x6B xor 0x36 = 0x5D, so the value is SHA-1 of 5D 61 62 63; the shell builds those bytes.
     const std::string line = vxtest::run("printf '\\135abc' | sha1sum");
     EXPECT_EQ(valueOf(mac, {0x6B}, bytes("abc")), vxtest::upper(line.substr(0, 40)));
     EXPECT_EQ(valueOf(mac, {0x6B}, bytes("abc")),
               cliDigest(vxHashId::sha1, {0x5D, 0x61, 0x62, 0x63}));
-}
-
-TEST_F(vxHmacMdTest, IsNotTheStandardHmac)
-{
-    // The standard HMAC-SHA1 of "abc" under the key "k" would differ: the value is the inner digest
-    // of the unpadded key only.
+    // The standard HMAC-SHA1 of "abc" under the key "k" differs.
     const std::string standard =
         vxtest::run("printf abc | openssl dgst -sha1 -hmac k -r | cut -d' ' -f1");
     EXPECT_NE(valueOf(mac, bytes("k"), bytes("abc")), vxtest::upper(standard.substr(0, 40)));
-}
-
-TEST_F(vxHmacMdTest, EmptyKeyGivesThePlainDigest)
-{
+    // An empty key gives the plain digest.
     EXPECT_EQ(valueOf(mac, {}, bytes("abc")), "A9993E364706816ABA3E25717850C26C9CD0D89D");
     EXPECT_EQ(valueOf(mac, {}, {}), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
-}
 
-TEST_F(vxHmacMdTest, EveryDigestIdAgreesWithTheCommandLine)
-{
     // clang-format off
     const struct { uint32_t id; size_t size; } cases[] = {{vxHashId::md5, 16}, {vxHashId::sha1, 20}, {vxHashId::sha256, 32}, {vxHashId::sha512, 64}, {vxHashId::sha384, 48}, {vxHashId::sha256_128, 16}};
 
     // clang-format on
-
-    const byteVector key = bytes("a shared secret");
+    byteVector longKey(200); // used as it is
+    for (size_t i = 0; i < longKey.size(); ++i) {
+        longKey[i] = static_cast<unsigned char>(i * 7 + 3);
+    }
     const byteVector message = bytes("The quick brown fox jumps over the lazy dog");
     for (const auto& c : cases) {
         vxHashId otherId;
         vxHmacMd other;
-        ASSERT_TRUE(frame.open(otherId, c.id));
-        ASSERT_TRUE(frame.open(other, otherId));
-        const std::string value = valueOf(other, key, message);
-        EXPECT_EQ(value.size(), 2 * c.size) << c.id;
-        EXPECT_EQ(value, cliDigest(c.id, innerInput(key, message))) << c.id;
-        EXPECT_TRUE(testFrame::close(other));
-        EXPECT_TRUE(testFrame::close(otherId));
+        ASSERT_TRUE(frame.open(otherId, c.id) && frame.open(other, otherId));
+        for (const byteVector& key : {bytes("a shared secret"), longKey}) {
+            const std::string value = valueOf(other, key, message);
+            EXPECT_EQ(value.size(), 2 * c.size) << c.id;
+            EXPECT_EQ(value, cliDigest(c.id, innerInput(key, message))) << c.id;
+        }
+        testFrame::closeAll(other, otherId);
     }
     EXPECT_FALSE(vxtest::latched());
 }
 
-TEST_F(vxHmacMdTest, KeyLongerThanTheBlockIsUsedAsItIs)
-{
-    byteVector key(200);
-    for (size_t i = 0; i < key.size(); ++i) {
-        key[i] = static_cast<unsigned char>(i * 7 + 3);
-    }
-    const byteVector message = bytes("message after a long key");
-    EXPECT_EQ(valueOf(mac, key, message), cliDigest(vxHashId::sha1, innerInput(key, message)));
-
-    vxHashId bigId;
-    vxHmacMd big;
-    ASSERT_TRUE(frame.open(bigId, vxHashId::sha512));
-    ASSERT_TRUE(frame.open(big, bigId));
-    EXPECT_EQ(valueOf(big, key, message), cliDigest(vxHashId::sha512, innerInput(key, message)));
-    EXPECT_TRUE(testFrame::close(big));
-    EXPECT_TRUE(testFrame::close(bigId));
-}
-
 // Init again reuses the key: the second message below runs without a new SetKey.
-TEST_F(vxHmacMdTest, SeveralUpdatesEqualOneConcatenatedUpdate)
-{
-    const byteVector key = {0x01, 0x02, 0x03};
-    const std::string whole = valueOf(mac, key, bytes("first,second,third"));
-    ASSERT_TRUE(mac.Init());
-    for (const char* part : {"first,", "", "second,", "third"}) {
-        EXPECT_TRUE(mac.Update(vxtest::bytesOf(part)));
-    }
-    ASSERT_TRUE(mac.Final());
-    vxBytes value;
-    ASSERT_TRUE(mac.GetBytes(value));
-    EXPECT_EQ(hexOf(value), whole);
-    EXPECT_EQ(whole, cliDigest(vxHashId::sha1, innerInput(key, bytes("first,second,third"))));
-}
-
-TEST_F(vxHmacMdTest, SetKeyAfterInitTakesEffectAtTheNextInit)
-{
-    const byteVector oldKey = bytes("old key");
-    const byteVector newKey = bytes("new key");
-    const byteVector message = bytes("payload");
-    ASSERT_TRUE(mac.SetKey(wrap(oldKey)));
-    ASSERT_TRUE(mac.Init());
-    ASSERT_TRUE(mac.SetKey(wrap(newKey)));
-    ASSERT_TRUE(mac.Update(wrap(message)));
-    ASSERT_TRUE(mac.Final());
-    vxBytes value;
-    ASSERT_TRUE(mac.GetBytes(value));
-    EXPECT_EQ(hexOf(value), cliDigest(vxHashId::sha1, innerInput(oldKey, message)));
-
-    ASSERT_TRUE(mac.Init());
-    ASSERT_TRUE(mac.Update(wrap(message)));
-    ASSERT_TRUE(mac.Final());
-    ASSERT_TRUE(mac.GetBytes(value));
-    EXPECT_EQ(hexOf(value), cliDigest(vxHashId::sha1, innerInput(newKey, message)));
-}
-
-TEST_F(vxHmacMdTest, SetKeyFromTextEqualsSetKeyFromBytes)
-{
-    const std::string key = "text key";
-    const std::string fromBytes = valueOf(mac, bytes(key), bytes("abc"));
-    ASSERT_TRUE(mac.SetKey(key));
-    ASSERT_TRUE(mac.Init());
-    ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
-    ASSERT_TRUE(mac.Final());
-    vxBytes value;
-    ASSERT_TRUE(mac.GetBytes(value));
-    EXPECT_EQ(hexOf(value), fromBytes);
-    // A shorter key after a longer one shrinks the pads.
-    EXPECT_EQ(valueOf(mac, bytes("k"), bytes("abc")),
-              cliDigest(vxHashId::sha1, innerInput(bytes("k"), bytes("abc"))));
-}
-
-TEST_F(vxHmacMdTest, SetKeyDerivesBothPads)
+TEST_F(vxHmacMdTest, UpdatesSetKeyPadsAndGetBytesBeforeFinal)
 {
     ASSERT_TRUE(mac.SetKey(wrap({0x00, 0x6B, 0xFF})));
     EXPECT_EQ(mac.innerKey.bytes, (byteVector{0x36, 0x5D, 0xC9}));
@@ -225,37 +151,48 @@ TEST_F(vxHmacMdTest, SetKeyDerivesBothPads)
     ASSERT_TRUE(mac.SetKey(wrap({})));
     EXPECT_TRUE(mac.innerKey.bytes.empty());
     EXPECT_TRUE(mac.outerKey.bytes.empty());
-}
-
-TEST_F(vxHmacMdTest, GetBytesBeforeAnyFinalIsEmpty)
-{
-    ASSERT_TRUE(mac.SetKey(wrap({0x01})));
-    ASSERT_TRUE(mac.Init());
+    ASSERT_TRUE(mac.SetKey(wrap({0x01})) && mac.Init());
     ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
-    vxBytes value;
-    value.bytes = {9, 9};
-    EXPECT_TRUE(mac.GetBytes(value));
-    EXPECT_TRUE(value.bytes.empty());
+    vxBytes early; // before any Final: empty
+    early.bytes = {9, 9};
+    EXPECT_TRUE(mac.GetBytes(early));
+    EXPECT_TRUE(early.bytes.empty());
+    const byteVector key = {0x01, 0x02, 0x03};
+    const std::string whole = valueOf(mac, key, bytes("first,second,third"));
+    ASSERT_TRUE(mac.Init());
+    for (const char* part : {"first,", "", "second,", "third"}) {
+        EXPECT_TRUE(mac.Update(vxtest::bytesOf(part)));
+    }
+    EXPECT_EQ(finalValue(mac), whole);
+    EXPECT_EQ(whole, cliDigest(vxHashId::sha1, innerInput(key, bytes("first,second,third"))));
+    const byteVector oldKey = bytes("old key");
+    const byteVector newKey = bytes("new key");
+    const byteVector message = bytes("payload");
+    ASSERT_TRUE(mac.SetKey(wrap(oldKey)) && mac.Init() && mac.SetKey(wrap(newKey)));
+    ASSERT_TRUE(mac.Update(wrap(message)));
+    EXPECT_EQ(finalValue(mac), cliDigest(vxHashId::sha1, innerInput(oldKey, message)));
+    ASSERT_TRUE(mac.Init() && mac.Update(wrap(message)));
+    EXPECT_EQ(finalValue(mac), cliDigest(vxHashId::sha1, innerInput(newKey, message)));
+    const std::string fromBytes = valueOf(mac, bytes("text key"), bytes("abc"));
+    ASSERT_TRUE(mac.SetKey(std::string("text key")) && mac.Init());
+    ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
+    EXPECT_EQ(finalValue(mac), fromBytes);
+    // A shorter key after a longer one shrinks the pads.
+    EXPECT_EQ(valueOf(mac, bytes("k"), bytes("abc")),
+              cliDigest(vxHashId::sha1, innerInput(bytes("k"), bytes("abc"))));
 }
 
-TEST_F(vxHmacMdTest, UpdateAfterFinalFails)
-{
-    (void)valueOf(mac, {0x01}, bytes("abc"));
-    EXPECT_FAILS_WITH(mac.Update(vxtest::bytesOf("more")), "finalized == false");
-    EXPECT_EQ(vxtest::trailMessages().back(), "Boolean return value failed.");
-}
-
-TEST_F(vxHmacMdTest, GuardedOperationsRefuseWhileLatched)
+TEST_F(vxHmacMdTest, UpdateAfterFinalFailsAndGuardedOperationsRefuseWhileLatched)
 {
     const std::string before = valueOf(mac, {0x01}, bytes("abc"));
-    vxGlobal.stackTrace.errorLatch = true;
+    EXPECT_FAILS_WITH(mac.Update(vxtest::bytesOf("more")), "finalized == false");
+    EXPECT_EQ(vxtest::trailMessages().back(), "Boolean return value failed.");
     EXPECT_REFUSED(mac.Init());
     EXPECT_REFUSED(mac.Update(vxtest::bytesOf("x")));
     EXPECT_REFUSED(mac.Final());
     EXPECT_REFUSED(mac.SetKey(std::string("text")));
     EXPECT_REFUSED(mac.Close());
     EXPECT_TRUE(mac.inner.opened) << "a refused Close leaves the digests open";
-
     // The unguarded operations still work.
     EXPECT_TRUE(mac.SetKey(wrap({0x02})));
     vxBytes value;
@@ -263,22 +200,13 @@ TEST_F(vxHmacMdTest, GuardedOperationsRefuseWhileLatched)
     EXPECT_EQ(hexOf(value), before);
 }
 
-TEST_F(vxHmacMdTest, CloseClosesBothDigests)
+TEST_F(vxHmacMdTest, CloseClosesBothDigestsAndOpenWithAnUnsetIdFails)
 {
-    ASSERT_TRUE(mac.inner.opened);
-    ASSERT_TRUE(mac.outer.opened);
-    ASSERT_TRUE(mac.inner.storage.isopen);
+    ASSERT_TRUE(mac.inner.opened && mac.outer.opened && mac.inner.storage.isopen);
     EXPECT_TRUE(testFrame::close(mac));
-    EXPECT_FALSE(mac.opened);
-    EXPECT_FALSE(mac.inner.opened);
-    EXPECT_FALSE(mac.outer.opened);
-    EXPECT_FALSE(mac.inner.storage.isopen);
-    EXPECT_FALSE(mac.outer.storage.isopen);
+    EXPECT_FALSE(mac.opened || mac.inner.opened || mac.outer.opened);
+    EXPECT_FALSE(mac.inner.storage.isopen || mac.outer.storage.isopen);
     EXPECT_FALSE(vxtest::latched());
-}
-
-TEST_F(vxHmacMdTest, OpenWithAnUnsetIdFails)
-{
     vxHashId unset; // value 0: refused by the plug-in
     vxHmacMd other;
     EXPECT_FAILS_WITH(frame.open(other, unset), "Object Open() routine failed.");

@@ -1,13 +1,11 @@
 // Message digests through vxMd and the algorithm identifiers: published known answers, agreement
-// with the coreutils digest tools on generated files, the protocol cases of every operation, the
-// stream output and the digest trace of vxDebug.
+// with the coreutils tools, the protocol of every operation, stream output and vxDebug's trace.
 
 #include "cryptoapi.h"
 #include "vxTest.h"
 
 #include <cstdint>
 #include <fstream>
-#include <iostream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -21,7 +19,6 @@ using veltrix::vxHashId;
 using veltrix::vxMd;
 using vxtest::testFrame;
 
-/** The digest id of a section name of digests.vec. */
 uint32_t idOf(const std::string& algorithm)
 {
     static const std::map<std::string, uint32_t> ids = {
@@ -38,40 +35,35 @@ std::string messageOf(const vxtest::katCase& kat)
     const auto repeat = kat.fields.find("Repeat");
     const size_t times = repeat == kat.fields.end() ? 1 : std::stoul(repeat->second);
     std::string message;
-    message.reserve(unit.size() * times);
     for (size_t i = 0; i < times; ++i) {
         message.append(unit.begin(), unit.end());
     }
     return message;
 }
 
-enum class updateForm
+/** The five forms of Update, by index: pointer and size, const text, moved text, text pointer,
+ *  bytes. */
+bool feed(vxMd& md, const std::string& part, size_t form)
 {
-    pointerAndSize,
-    constText,
-    movedText,
-    textPointer,
-    bytes
-};
-
-const updateForm allForms[] = {updateForm::pointerAndSize, updateForm::constText,
-                               updateForm::movedText, updateForm::textPointer, updateForm::bytes};
-
-bool feed(vxMd& md, const std::string& part, updateForm form)
-{
+    // clang-format off
     switch (form) {
-    case updateForm::pointerAndSize:
-        return md.Update(part.data(), static_cast<uint32_t>(part.size()));
-    case updateForm::constText:
-        return md.Update(part);
-    case updateForm::movedText:
-        return md.Update(std::string(part));
-    case updateForm::textPointer:
-        return md.Update(&part);
-    case updateForm::bytes:
-        return md.Update(vxtest::bytesOf(part));
+    case 0: return md.Update(part.data(), static_cast<uint32_t>(part.size()));
+    case 1: return md.Update(part);
+    case 2: return md.Update(std::string(part));
+    case 3: return md.Update(&part);
+    default: return md.Update(vxtest::bytesOf(part));
     }
-    return false;
+    // clang-format on
+}
+
+constexpr size_t pointerAndSize = 0;
+constexpr size_t allForms[] = {0, 1, 2, 3, 4};
+constexpr size_t bytesForm = 4;
+
+bool endsWith(const std::string& text, const std::string& tail)
+{
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
 class vxMdTest : public vxtest::vxCryptoTest
@@ -82,14 +74,10 @@ protected:
         return frame.open(id, value) && frame.open(md, id);
     }
 
-    static void closeDigest(vxHashId& id, vxMd& md)
-    {
-        EXPECT_TRUE(testFrame::close(md));
-        EXPECT_TRUE(testFrame::close(id));
-    }
+    static void closeDigest(vxHashId& id, vxMd& md) { testFrame::closeAll(md, id); }
 
     /** Hex digest of `message` fed in pieces of at most `piece` bytes through `form`. */
-    std::string digestOf(uint32_t value, const std::string& message, updateForm form,
+    std::string digestOf(uint32_t value, const std::string& message, size_t form,
                          size_t piece = SIZE_MAX)
     {
         vxHashId id;
@@ -107,9 +95,7 @@ protected:
     }
 };
 
-// ---- known answers ----
-
-TEST_F(vxMdTest, EveryDigestMatchesPublishedVectorsThroughEveryUpdateForm)
+TEST_F(vxMdTest, PublishedVectorsThroughEveryUpdateFormAndTheCoreutilsTools)
 {
     const auto cases = vxtest::readKat("digests.vec");
     ASSERT_EQ(cases.size(), 28U); // MD5 eight, each SHA five
@@ -118,61 +104,26 @@ TEST_F(vxMdTest, EveryDigestMatchesPublishedVectorsThroughEveryUpdateForm)
         const std::string expected = vxtest::upper(kat.fields.at("Out"));
         // The million-byte messages go in 1000-byte pieces; the form matters less than the total.
         const size_t piece = message.size() > 100000 ? 1000 : SIZE_MAX;
-        for (const updateForm form : allForms) {
+        for (const size_t form : allForms) {
             EXPECT_EQ(digestOf(idOf(kat.algorithm), message, form, piece), expected)
-                << kat.algorithm << " In=" << kat.fields.at("In")
-                << " form=" << static_cast<int>(form);
+                << kat.algorithm << " In=" << kat.fields.at("In") << " form=" << form;
+        }
+        if (kat.algorithm == "sha256") { // the truncated digest: the first sixteen bytes
+            EXPECT_EQ(digestOf(vxHashId::sha256_128, message, bytesForm, 4096),
+                      expected.substr(0, 32));
         }
     }
+    EXPECT_EQ(digestOf(vxHashId::sha256, "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+                       pointerAndSize, 1),
+              "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1")
+        << "a byte at a time";
     EXPECT_FALSE(vxtest::latched());
-}
-
-TEST_F(vxMdTest, TruncatedSha256IsTheFirstSixteenBytesOfSha256)
-{
-    for (const auto& kat : vxtest::readKat("digests.vec")) {
-        if (kat.algorithm != "sha256") {
-            continue;
-        }
-        const std::string message = messageOf(kat);
-        const std::string full = vxtest::upper(kat.fields.at("Out"));
-        EXPECT_EQ(digestOf(vxHashId::sha256_128, message, updateForm::bytes, 4096),
-                  full.substr(0, 32));
-    }
-}
-
-TEST_F(vxMdTest, ByteAtATimeEqualsOneUpdate)
-{
-    const std::string message = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
-    EXPECT_EQ(digestOf(vxHashId::sha256, message, updateForm::pointerAndSize, 1),
-              "248D6A61D20638B8E5C026930C3E6039A33CE45964FF2167F6ECEDD419DB06C1");
-}
-
-TEST_F(vxMdTest, GetBytesGivesTheDigestAsBytes)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::sha1));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update(std::string("abc")));
-    ASSERT_TRUE(md.Final());
-    vxBytes digest;
-    digest.bytes = {1, 2, 3}; // replaced, not appended to
-    EXPECT_TRUE(md.GetBytes(digest));
-    EXPECT_EQ(digest.bytes, vxtest::unhex("A9993E364706816ABA3E25717850C26C9CD0D89D"));
-    closeDigest(id, md);
-}
-
-// ---- agreement with the coreutils tools on generated files ----
-
-TEST_F(vxMdTest, DigestsOfGeneratedFilesEqualTheCoreutilsTools)
-{
     const vxtest::tempDir dir;
 
     // clang-format off
     const struct { uint32_t id; const char* tool; } tools[] = {{vxHashId::md5, "md5sum"}, {vxHashId::sha1, "sha1sum"}, {vxHashId::sha256, "sha256sum"}, {vxHashId::sha384, "sha384sum"}, {vxHashId::sha512, "sha512sum"}};
 
     // clang-format on
-
     uint32_t generator = 0x2545F491U; // xorshift32 with a fixed start: the same files every run
     for (const size_t size : std::vector<size_t>{0, 1, 55, 64, 1000, 100000}) {
         std::string content(size, '\0');
@@ -186,14 +137,12 @@ TEST_F(vxMdTest, DigestsOfGeneratedFilesEqualTheCoreutilsTools)
         std::ofstream(path, std::ios::binary) << content;
         for (const auto& tool : tools) {
             const std::string line = vxtest::run(std::string(tool.tool) + " " + path);
-            const std::string expected = vxtest::upper(line.substr(0, line.find(' ')));
-            EXPECT_EQ(digestOf(tool.id, content, updateForm::bytes, 777), expected)
+            EXPECT_EQ(digestOf(tool.id, content, bytesForm, 777),
+                      vxtest::upper(line.substr(0, line.find(' '))))
                 << tool.tool << " on " << size << " bytes";
         }
     }
 }
-
-// ---- identifiers ----
 
 /** A refused value keeps the old one; neither records anything. */
 template <class Id> void expectAccepted(uint32_t old, uint32_t value, bool accepted)
@@ -206,7 +155,7 @@ template <class Id> void expectAccepted(uint32_t old, uint32_t value, bool accep
     EXPECT_EQ(now, accepted ? value : old) << value;
 }
 
-TEST_F(vxMdTest, IdentifiersAcceptOnlyTheirIdsAndStartAtZero)
+TEST_F(vxMdTest, IdentifiersOpenFinalGetStringGetBytesAndInit)
 {
     // clang-format off
     const std::pair<uint32_t, bool> hashCases[] = {{0, false}, {1, true}, {2, true}, {3, true}, {4, true}, {5, true}, {6, false}, {7, false}, {18, false}, {19, true}, {20, false}, {255, false}, {0x10003U, false}, {0xFFFFFFFFU, false}};
@@ -218,20 +167,13 @@ TEST_F(vxMdTest, IdentifiersAcceptOnlyTheirIdsAndStartAtZero)
     for (const auto& [value, accepted] : cipherCases) {
         expectAccepted<vxCipherId>(vxCipherId::aes192, value, accepted);
     }
-    EXPECT_FALSE(vxtest::latched());
-    EXPECT_TRUE(vxtest::trailMessages().empty());
+    EXPECT_QUIET();
     uint32_t value = 99;
     EXPECT_TRUE(vxHashId().GetValue(value));
     EXPECT_EQ(value, 0U);
     value = 99;
     EXPECT_TRUE(vxCipherId().GetValue(value));
     EXPECT_EQ(value, 0U);
-}
-
-// ---- protocol of vxMd ----
-
-TEST_F(vxMdTest, OpenWithAnIdThePluginRefusesIsQuiet)
-{
     const vxHashId neverSet; // value 0
     vxMd md;
     EXPECT_FALSE(md.Open(neverSet));
@@ -240,96 +182,69 @@ TEST_F(vxMdTest, OpenWithAnIdThePluginRefusesIsQuiet)
     digest.bytes = {7};
     EXPECT_FALSE(md.GetBytes(digest)) << "an unopened digest is quiet too";
     EXPECT_EQ(digest.bytes, std::vector<unsigned char>{7});
-    EXPECT_FALSE(vxtest::latched());
-    EXPECT_TRUE(vxtest::trailMessages().empty());
-}
-
-TEST_F(vxMdTest, OpenWhileLatchedIsRefused)
-{
+    EXPECT_QUIET();
     vxHashId id;
     ASSERT_TRUE(id.Open(vxHashId::md5));
     vxGlobal.stackTrace.errorLatch = true;
-    vxMd md;
     EXPECT_FALSE(md.Open(id));
     EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
     EXPECT_FALSE(md.storage.isopen);
-}
-
-TEST_F(vxMdTest, UpdateAfterFinalFailsUntilInit)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::md5));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update(std::string("ab")));
-    ASSERT_TRUE(md.Final());
-    EXPECT_FAILS_WITH(md.Update(std::string("c")), "finalized == false");
-
-    // Latched: every guarded form refuses, and Init alone does not clear the latch.
-    for (const updateForm form : allForms) {
-        EXPECT_REFUSED(feed(md, "c", form));
-    }
-    std::string text;
-    EXPECT_FALSE(md.GetString(text));
-
     veltrix::vxBase::lvxClearLastError();
-    ASSERT_TRUE(md.Init());
-    EXPECT_TRUE(md.Update(std::string("abc")));
-    EXPECT_TRUE(md.Final());
-    EXPECT_TRUE(md.GetString(text));
-    EXPECT_EQ(text, "900150983CD24FB0D6963F7D28E17F72");
-    closeDigest(id, md);
-}
-
-TEST_F(vxMdTest, GetStringBeforeFinalFails)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::sha256));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update(std::string("abc")));
+    vxHashId sha1Id;
+    vxMd sha1;
+    ASSERT_TRUE(openDigest(sha1Id, sha1, vxHashId::sha1) && sha1.Init() &&
+                sha1.Update(std::string("abc")));
+    EXPECT_TRUE(sha1.storage.isopen);
     std::string text = "unchanged";
-    EXPECT_FAILS_WITH(md.GetString(text), "( finalized == true )");
+    EXPECT_FAILS_WITH(sha1.GetString(text), "( finalized == true )");
     EXPECT_EQ(text, "unchanged");
     veltrix::vxBase::lvxClearLastError();
-    closeDigest(id, md);
+    ASSERT_TRUE(sha1.Final());
+    vxBytes sha1Digest;
+    sha1Digest.bytes = {1, 2, 3}; // replaced, not appended to
+    EXPECT_TRUE(sha1.GetBytes(sha1Digest));
+    EXPECT_EQ(sha1Digest.bytes, vxtest::unhex("A9993E364706816ABA3E25717850C26C9CD0D89D"));
+    EXPECT_FAILS_WITH(sha1.Update(std::string("c")), "finalized == false");
+    // Latched: every guarded form refuses, and Init alone does not clear the latch.
+    for (const size_t form : allForms) {
+        EXPECT_REFUSED(feed(sha1, "c", form));
+    }
+    EXPECT_FALSE(sha1.GetString(text));
+    veltrix::vxBase::lvxClearLastError();
+    ASSERT_TRUE(sha1.Init());
+    ASSERT_TRUE(sha1.Update(std::string("some earlier message")));
+    ASSERT_TRUE(sha1.Init()); // drops what came before
+    ASSERT_TRUE(sha1.Final());
+    EXPECT_TRUE(sha1.GetString(text));
+    EXPECT_EQ(text, "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+    closeDigest(sha1Id, sha1);
+    EXPECT_FALSE(sha1.storage.isopen);
+    EXPECT_FALSE(sha1.opened);
+    EXPECT_FALSE(sha1.GetBytes(sha1Digest)) << "closed";
+    EXPECT_FALSE(vxtest::latched());
 }
 
-TEST_F(vxMdTest, GetBytesBeforeFinalSucceedsWithTheDigestLength)
+TEST_F(vxMdTest, GetBytesBeforeFinalGetLengthStreamOutputTraceMdAndDumpVec)
 {
     // clang-format off
     const struct { uint32_t id; size_t size; } cases[] = {{vxHashId::md5, 16}, {vxHashId::sha1, 20}, {vxHashId::sha256, 32}, {vxHashId::sha512, 64}, {vxHashId::sha384, 48}, {vxHashId::sha256_128, 16}};
 
     // clang-format on
-
     for (const auto& c : cases) {
         vxHashId id;
         vxMd md;
         ASSERT_TRUE(openDigest(id, md, c.id));
         ASSERT_TRUE(md.Init());
-        ASSERT_TRUE(md.Update(std::string("abc")));
-        vxBytes digest;
-        EXPECT_TRUE(md.GetBytes(digest));
-        EXPECT_EQ(digest.bytes.size(), c.size) << c.id;
-        closeDigest(id, md);
-    }
-    EXPECT_FALSE(vxtest::latched());
-}
-
-TEST_F(vxMdTest, GetLengthCountsMessageBytesForEveryId)
-{
-    for (const uint32_t value : {1U, 2U, 3U, 4U, 5U, 19U}) {
-        vxHashId id;
-        vxMd md;
-        ASSERT_TRUE(openDigest(id, md, value));
-        ASSERT_TRUE(md.Init());
         uint32_t size = 99;
         EXPECT_TRUE(md.GetLength(size));
         EXPECT_EQ(size, 0U);
         ASSERT_TRUE(md.Update("abc", 3));
+        vxBytes digest;
+        EXPECT_TRUE(md.GetBytes(digest)) << "before Final";
+        EXPECT_EQ(digest.bytes.size(), c.size) << c.id;
         ASSERT_TRUE(md.Update(vxtest::bytesOf("defgh")));
         EXPECT_TRUE(md.GetLength(size));
-        EXPECT_EQ(size, 8U) << value;
+        EXPECT_EQ(size, 8U) << c.id;
         ASSERT_TRUE(md.Final());
         EXPECT_TRUE(md.GetLength(size));
         EXPECT_EQ(size, 8U);
@@ -338,163 +253,65 @@ TEST_F(vxMdTest, GetLengthCountsMessageBytesForEveryId)
         EXPECT_EQ(size, 0U);
         closeDigest(id, md);
     }
-}
-
-TEST_F(vxMdTest, CloseReleasesTheStorage)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::sha1));
-    EXPECT_TRUE(md.storage.isopen);
-    closeDigest(id, md);
-    EXPECT_FALSE(md.storage.isopen);
-    EXPECT_FALSE(md.opened);
-    vxBytes digest;
-    EXPECT_FALSE(md.GetBytes(digest));
     EXPECT_FALSE(vxtest::latched());
-}
-
-TEST_F(vxMdTest, InitStartsANewMessage)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::sha1));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update(std::string("some earlier message")));
-    ASSERT_TRUE(md.Init()); // drops what came before
-    ASSERT_TRUE(md.Final());
-    std::string text;
-    ASSERT_TRUE(md.GetString(text));
-    EXPECT_EQ(text, "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
-    closeDigest(id, md);
-}
-
-// ---- stream output ----
-
-TEST_F(vxMdTest, StreamOutputWritesTheHexDigestOnly)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::md5));
-    ASSERT_TRUE(md.Init());
-    ASSERT_TRUE(md.Update(std::string("message digest")));
-    ASSERT_TRUE(md.Final());
+    vxHashId streamId;
+    vxMd streamed;
+    ASSERT_TRUE(openDigest(streamId, streamed, vxHashId::md5));
+    ASSERT_TRUE(streamed.Init());
+    ASSERT_TRUE(streamed.Update(std::string("message digest")));
+    ASSERT_TRUE(streamed.Final());
     std::ostringstream out;
-    out << md;
-    EXPECT_EQ(out.str(), "F96B697D7CB7938D525A2F31AAF161D0");
-    out << md; // the original is untouched and can be written again
+    out << streamed << streamed; // the original is untouched and can be written again
     EXPECT_EQ(out.str(), "F96B697D7CB7938D525A2F31AAF161D0F96B697D7CB7938D525A2F31AAF161D0");
     EXPECT_FALSE(vxtest::latched());
-    closeDigest(id, md);
-}
-
-TEST_F(vxMdTest, StreamOutputOfAnUnfinishedDigestWritesTheProtocolError)
-{
-    vxHashId id;
-    vxMd md;
-    ASSERT_TRUE(openDigest(id, md, vxHashId::md5));
-    ASSERT_TRUE(md.Init());
-    std::ostringstream out;
-    out << md;
-    EXPECT_EQ(out.str(), "Object protocol error");
+    ASSERT_TRUE(streamed.Init());
+    std::ostringstream unfinished;
+    unfinished << streamed;
+    EXPECT_EQ(unfinished.str(), "Object protocol error");
     // The failed GetString on the copy is an ordinary failure: recorded and latched.
     EXPECT_TRUE(vxtest::latched());
     EXPECT_EQ(vxtest::firstMessage(), "( finalized == true )");
     veltrix::vxBase::lvxClearLastError();
-    closeDigest(id, md);
-}
-
-// ---- vxDebug ----
-
-/** Redirects one standard stream into a string for the lifetime of the object. */
-class captured
-{
-public:
-    explicit captured(std::ostream& stream) : target(stream), saved(stream.rdbuf(text.rdbuf())) {}
-
-    captured(const captured&) = delete;
-    captured& operator=(const captured&) = delete;
-    captured(captured&&) = delete;
-    captured& operator=(captured&&) = delete;
-
-    ~captured() { target.rdbuf(saved); }
-
-    std::string str() const { return text.str(); }
-
-private:
-    std::ostringstream text;
-    std::ostream& target;
-    std::streambuf* saved;
-};
-
-bool endsWith(const std::string& text, const std::string& tail)
-{
-    return text.size() >= tail.size() &&
-           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-TEST_F(vxMdTest, TraceMdWritesTheMessageAndTheMd5)
-{
+    closeDigest(streamId, streamed);
+    ASSERT_FALSE(vxGlobal.debug.opened);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+    EXPECT_TRUE(vxtest::latched());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    veltrix::vxBase::lvxClearLastError();
     ASSERT_TRUE(frame.open(vxGlobal.debug));
-    std::string written;
-    {
-        const captured err(std::cerr);
-        EXPECT_TRUE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "block %d of %s", 7, "key"))
-            << vxtest::dumpTrail();
-        written = err.str();
-    }
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "block %d of %s", 7, "key"))
+        << vxtest::dumpTrail();
+    std::string written = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(endsWith(written, "block 7 of key : 900150983CD24FB0D6963F7D28E17F72\n"))
         << written;
     EXPECT_EQ(written.find('\n'), written.size() - 1) << "one line";
-    {
-        const captured err(std::cerr);
-        EXPECT_TRUE(vxGlobal.debug.TraceMd(vxBytes(), "empty"));
-        EXPECT_TRUE(endsWith(err.str(), "empty : D41D8CD98F00B204E9800998ECF8427E\n")) << err.str();
-    }
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(vxGlobal.debug.TraceMd(vxBytes(), "empty"));
+    written = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(endsWith(written, "empty : D41D8CD98F00B204E9800998ECF8427E\n")) << written;
+    EXPECT_FALSE(vxtest::latched());
+    vxGlobal.stackTrace.errorLatch = true;
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
+    veltrix::vxBase::lvxClearLastError();
     EXPECT_TRUE(testFrame::close(vxGlobal.debug));
     // A closed object keeps its links; unlink it from this case's frame, which goes at the end of
     // the case, so that a later case does not walk to a frame that no longer exists.
     vxGlobal.debug.parent = nullptr;
     vxGlobal.debug.depth = 0;
-    EXPECT_FALSE(vxtest::latched());
-}
 
-TEST_F(vxMdTest, TraceMdFailsWhenDebugIsNotOpen)
-{
-    ASSERT_FALSE(vxGlobal.debug.opened);
-    const captured err(std::cerr);
-    EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
-    EXPECT_TRUE(vxtest::latched());
-    EXPECT_EQ(err.str(), "");
-}
-
-TEST_F(vxMdTest, TraceMdRefusesWhileLatched)
-{
-    ASSERT_TRUE(frame.open(vxGlobal.debug));
-    vxGlobal.stackTrace.errorLatch = true;
-    {
-        const captured err(std::cerr);
-        EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
-        EXPECT_EQ(err.str(), "");
-    }
-    EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
-    veltrix::vxBase::lvxClearLastError();
-    EXPECT_TRUE(testFrame::close(vxGlobal.debug));
-    vxGlobal.debug.parent = nullptr;
-    vxGlobal.debug.depth = 0;
-}
-
-TEST_F(vxMdTest, DumpVecPrintsUnpaddedLowerCaseHex)
-{
     // clang-format off
-    const struct { std::vector<unsigned char> data; const char* printed; } cases[] = {{{0x0A, 0xFF, 0x00}, "a ff 0 \n"}, {{}, "\n"}, {{0x10, 0x01, 0xAB}, "10 1 ab \n"}};
+    const struct { std::vector<unsigned char> data; const char* printed; } dumps[] = {{{0x0A, 0xFF, 0x00}, "a ff 0 \n"}, {{}, "\n"}, {{0x10, 0x01, 0xAB}, "10 1 ab \n"}};
 
     // clang-format on
-
-    for (const auto& c : cases) {
-        const captured out(std::cout);
-        veltrix::vxDebug::dumpVec(c.data);
-        EXPECT_EQ(out.str(), c.printed);
+    for (const auto& d : dumps) {
+        testing::internal::CaptureStdout();
+        veltrix::vxDebug::dumpVec(d.data);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), d.printed);
     }
 }
 

@@ -19,14 +19,9 @@ using veltrix::vxMutex;
 using veltrix::vxThread;
 using vxThreadTest = vxtest::vxTest;
 
-const char* const unable = "Unable to continue from previous error";
+using vxtest::latchByFailure;
 
-void latchByFailure()
-{
-    veltrix::vxBytes bytes;
-    EXPECT_FALSE(bytes.PostOpen(1));
-    ASSERT_TRUE(vxtest::latched());
-}
+const char* const unable = "Unable to continue from previous error";
 
 void pause()
 {
@@ -36,9 +31,7 @@ void pause()
 /** Closes the members a vxThread leaves open, then the thread object itself. */
 void closeThread(vxThread& thread)
 {
-    EXPECT_TRUE(vxtest::testFrame::close(thread.condition));
-    EXPECT_TRUE(vxtest::testFrame::close(thread.mutex));
-    EXPECT_TRUE(vxtest::testFrame::close(thread));
+    vxtest::testFrame::closeAll(thread.condition, thread.mutex, thread);
 }
 
 // What the thread entry saw; one started thread at a time.
@@ -67,9 +60,7 @@ vxThread* waitForStart()
     return seen;
 }
 
-// --- vxMutex ---
-
-TEST_F(vxThreadTest, MutexLocksAndUnlocks)
+TEST_F(vxThreadTest, MutexLocksUnlocksRefusesWhileLatchedAndRecordsFailingCallStatus)
 {
     vxMutex mutex;
     ASSERT_TRUE(frame.open(mutex));
@@ -80,43 +71,32 @@ TEST_F(vxThreadTest, MutexLocksAndUnlocks)
     EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
     EXPECT_TRUE(vxtest::testFrame::close(mutex));
     EXPECT_FALSE(vxBase::HaveStackTrace());
-}
-
-TEST_F(vxThreadTest, MutexRecordsFailingCallStatus)
-{
-    vxMutex mutex;
-    pthread_mutexattr_t attributes;
-    ASSERT_EQ(pthread_mutexattr_init(&attributes), 0);
-    ASSERT_EQ(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK), 0);
-    ASSERT_EQ(pthread_mutex_init(&mutex.mutex, &attributes), 0);
-    (void)pthread_mutexattr_destroy(&attributes);
-    // Locking an error-checking mutex twice from one thread fails with EDEADLK.
-    static_assert(EDEADLK == 35, "Linux error numbers");
-    ASSERT_TRUE(mutex.Lock());
-    EXPECT_FAILS_WITH(mutex.Lock(), "Int return value failed. (35). ");
-    EXPECT_EQ(vxtest::trailMessages().size(), 1U);
-    EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
-    (void)pthread_mutex_destroy(&mutex.mutex);
-}
-
-TEST_F(vxThreadTest, MutexRefusesWhileLatched)
-{
-    vxMutex mutex;
+    vxMutex other;
     latchByFailure();
-    const size_t before = vxGlobal.stackTrace.events.size();
-    EXPECT_FALSE(mutex.Lock());
-    EXPECT_FALSE(mutex.UnLock());
-    EXPECT_FALSE(mutex.Open());
-    ASSERT_EQ(vxGlobal.stackTrace.events.size(), before + 3);
+    EXPECT_FALSE(other.Lock());
+    EXPECT_FALSE(other.UnLock());
+    EXPECT_FALSE(other.Open());
     const std::vector<std::string> messages = vxtest::trailMessages();
+    ASSERT_EQ(vxGlobal.stackTrace.events.size(), 4U);
     EXPECT_EQ(std::vector<std::string>(messages.begin() + 1, messages.end()),
               std::vector<std::string>(3, unable));
-    // Lock did not take the mutex.
-    EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), 0);
-    EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
+    EXPECT_EQ(pthread_mutex_trylock(&other.mutex), 0) << "Lock did not take the mutex";
+    EXPECT_EQ(pthread_mutex_unlock(&other.mutex), 0);
+    vxBase::lvxClearLastError();
+    vxMutex checking;
+    pthread_mutexattr_t checkingAttributes;
+    ASSERT_EQ(pthread_mutexattr_init(&checkingAttributes), 0);
+    ASSERT_EQ(pthread_mutexattr_settype(&checkingAttributes, PTHREAD_MUTEX_ERRORCHECK), 0);
+    ASSERT_EQ(pthread_mutex_init(&checking.mutex, &checkingAttributes), 0);
+    (void)pthread_mutexattr_destroy(&checkingAttributes);
+    // Locking an error-checking checking twice from one thread fails with EDEADLK.
+    static_assert(EDEADLK == 35, "Linux error numbers");
+    ASSERT_TRUE(checking.Lock());
+    EXPECT_FAILS_WITH(checking.Lock(), "Int return value failed. (35). ");
+    EXPECT_EQ(vxtest::trailMessages().size(), 1U);
+    EXPECT_EQ(pthread_mutex_unlock(&checking.mutex), 0);
+    (void)pthread_mutex_destroy(&checking.mutex);
 }
-
-// --- vxCondition ---
 
 /** Waits on `condition` until `signalled`, re-checking after every wake-up. */
 void sleeper(vxCondition& condition, std::atomic<int>& sleeping, const std::atomic<bool>& signalled,
@@ -132,74 +112,40 @@ void sleeper(vxCondition& condition, std::atomic<int>& sleeping, const std::atom
     ++woken;
 }
 
-TEST_F(vxThreadTest, ConditionWakeupOneHoldsSleeperUntilUnlock)
+TEST_F(vxThreadTest, ConditionWakeupOneHoldsSleeperUntilUnlockAndWakeupAllWakesEverySleeper)
 {
-    vxCondition condition;
-    ASSERT_TRUE(frame.open(condition));
-    std::atomic<int> sleeping{0};
-    std::atomic<bool> signalled{false};
-    std::atomic<int> woken{0};
-    std::thread waiter(sleeper, std::ref(condition), std::ref(sleeping), std::cref(signalled),
-                       std::ref(woken));
-    while (sleeping.load() < 1) {
-        pause();
+    for (const int count : {1, 2}) {
+        vxCondition condition;
+        ASSERT_TRUE(frame.open(condition));
+        std::atomic<int> sleeping{0};
+        std::atomic<bool> signalled{false};
+        std::atomic<int> woken{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < count; ++i) {
+            waiters.emplace_back(sleeper, std::ref(condition), std::ref(sleeping),
+                                 std::cref(signalled), std::ref(woken));
+        }
+        while (sleeping.load() < count) {
+            pause();
+        }
+        // Succeeds only once the sleepers wait, and returns with the mutex held.
+        ASSERT_TRUE(count == 1 ? condition.WakeupOne() : condition.WakeupAll());
+        signalled.store(true);
+        if (count == 1) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            EXPECT_EQ(woken.load(), 0) << "the sleeper must stay blocked until the waker unlocks";
+        }
+        EXPECT_TRUE(condition.mutex.UnLock());
+        for (std::thread& waiter : waiters) {
+            waiter.join(); // a lost wake-up would hang here until the test's time-out
+        }
+        EXPECT_EQ(woken.load(), count);
+        EXPECT_TRUE(vxtest::testFrame::close(condition));
     }
-    // Succeeds only once the sleeper waits, and returns with the mutex held.
-    ASSERT_TRUE(condition.WakeupOne());
-    signalled.store(true);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(woken.load(), 0) << "the sleeper must stay blocked until the waker unlocks";
-    EXPECT_TRUE(condition.mutex.UnLock());
-    waiter.join();
-    EXPECT_EQ(woken.load(), 1);
-    EXPECT_TRUE(vxtest::testFrame::close(condition));
     EXPECT_FALSE(vxBase::HaveStackTrace());
 }
 
-TEST_F(vxThreadTest, ConditionWakeupAllWakesEverySleeper)
-{
-    vxCondition condition;
-    ASSERT_TRUE(frame.open(condition));
-    std::atomic<int> sleeping{0};
-    std::atomic<bool> signalled{false};
-    std::atomic<int> woken{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 2; ++i) {
-        waiters.emplace_back(sleeper, std::ref(condition), std::ref(sleeping), std::cref(signalled),
-                             std::ref(woken));
-    }
-    while (sleeping.load() < 2) {
-        pause();
-    }
-    ASSERT_TRUE(condition.WakeupAll());
-    signalled.store(true);
-    EXPECT_TRUE(condition.mutex.UnLock());
-    for (std::thread& waiter : waiters) {
-        waiter.join(); // a lost wake-up would hang here until the test's time-out
-    }
-    EXPECT_EQ(woken.load(), 2);
-    EXPECT_TRUE(vxtest::testFrame::close(condition));
-    EXPECT_FALSE(vxBase::HaveStackTrace());
-}
-
-TEST_F(vxThreadTest, ConditionWakeupRefusesWhileLatched)
-{
-    vxCondition condition;
-    latchByFailure();
-    EXPECT_FALSE(condition.WakeupOne());
-    EXPECT_FALSE(condition.WakeupAll());
-    const std::vector<std::string> messages = vxtest::trailMessages();
-    ASSERT_EQ(messages.size(), 3U);
-    EXPECT_EQ(messages[1], unable);
-    EXPECT_EQ(messages[2], unable);
-    // The inner mutex was not taken.
-    EXPECT_EQ(pthread_mutex_trylock(&condition.mutex.mutex), 0);
-    EXPECT_EQ(pthread_mutex_unlock(&condition.mutex.mutex), 0);
-}
-
-// --- vxThread ---
-
-TEST_F(vxThreadTest, ThreadOpenOpensItsMembers)
+TEST_F(vxThreadTest, ThreadOpenOpensItsMembersAndConditionWakeupRefusesWhileLatched)
 {
     vxThread thread;
     ASSERT_TRUE(frame.open(thread));
@@ -221,101 +167,66 @@ TEST_F(vxThreadTest, ThreadOpenOpensItsMembers)
     EXPECT_TRUE(vxtest::testFrame::close(thread.condition));
     EXPECT_TRUE(vxtest::testFrame::close(thread.mutex));
     EXPECT_FALSE(vxBase::HaveStackTrace());
-}
-
-TEST_F(vxThreadTest, ThreadStartMainPassesItself)
-{
-    vxThread thread;
-    ASSERT_TRUE(frame.open(thread));
-    void (*entry)(void*) = recordStart;
-    EXPECT_TRUE(thread.StartMain(entry));
-    EXPECT_EQ(waitForStart(), &thread);
-    EXPECT_FALSE(thread.threadCreated);
-    EXPECT_FALSE(vxBase::HaveStackTrace());
-    closeThread(thread);
-}
-
-TEST_F(vxThreadTest, ThreadStartMainWhileLatchedStartsAndFails)
-{
-    vxThread thread;
-    ASSERT_TRUE(frame.open(thread));
+    vxCondition condition;
     latchByFailure();
-    const size_t before = vxGlobal.stackTrace.events.size();
-    void (*entry)(void*) = recordStart;
-    EXPECT_FALSE(thread.StartMain(entry));
-    EXPECT_EQ(waitForStart(), &thread); // started all the same
-    ASSERT_EQ(vxGlobal.stackTrace.events.size(), before + 1);
-    EXPECT_EQ(vxtest::trailMessages().back(), unable);
-    vxBase::lvxClearLastError();
-    closeThread(thread);
+    EXPECT_FALSE(condition.WakeupOne());
+    EXPECT_FALSE(condition.WakeupAll());
+    const std::vector<std::string> messages = vxtest::trailMessages();
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_EQ(messages[1], unable);
+    EXPECT_EQ(messages[2], unable);
+    EXPECT_EQ(pthread_mutex_trylock(&condition.mutex.mutex), 0) << "the inner mutex was not taken";
+    EXPECT_EQ(pthread_mutex_unlock(&condition.mutex.mutex), 0);
 }
 
-TEST_F(vxThreadTest, ThreadStackSizeAppliesToLaterStarts)
+TEST_F(vxThreadTest, ThreadStartMainStackSizeAndDestroyingWithOpenMembers)
 {
     vxThread thread;
     ASSERT_TRUE(frame.open(thread));
     void (*entry)(void*) = recordStart;
     const size_t small = 256 * 1024;
     const size_t large = 1024 * 1024;
-
     EXPECT_TRUE(thread.SetStackSize(small));
     EXPECT_TRUE(thread.StartMain(entry));
     EXPECT_EQ(waitForStart(), &thread);
+    EXPECT_FALSE(thread.threadCreated);
     const size_t first = startedStackSize.load();
-
     EXPECT_TRUE(thread.SetStackSize(large)); // accepted after a start
     EXPECT_TRUE(thread.StartMain(entry));
     EXPECT_EQ(waitForStart(), &thread);
     const size_t second = startedStackSize.load();
-
     EXPECT_GE(first, small);
     EXPECT_LT(first, large);
     EXPECT_GE(second, large);
     EXPECT_FALSE(vxBase::HaveStackTrace());
-    closeThread(thread);
-}
-
-TEST_F(vxThreadTest, ThreadStackSizeTooSmallFails)
-{
-    vxThread thread;
-    ASSERT_TRUE(frame.open(thread));
     EXPECT_FAILS_WITH(thread.SetStackSize(1), "rv == 0");
+    const size_t before = vxGlobal.stackTrace.events.size();
+    EXPECT_FALSE(thread.StartMain(entry)) << "latched";
+    EXPECT_EQ(waitForStart(), &thread); // started all the same
+    ASSERT_EQ(vxGlobal.stackTrace.events.size(), before + 1);
+    EXPECT_EQ(vxtest::trailMessages().back(), unable);
     vxBase::lvxClearLastError();
     closeThread(thread);
-}
-
-TEST_F(vxThreadTest, DestroyingThreadWithOpenMembersIsReported)
-{
-    {
-        vxThread thread;
-        ASSERT_TRUE(frame.open(thread));
-        ASSERT_TRUE(vxtest::testFrame::close(thread));
-    }
     // Members go in reverse order: the condition is reported first and latches, so the mutex
     // after it adds nothing.
-    EXPECT_TRUE(vxtest::latched());
-    EXPECT_EQ(vxtest::trailMessages(),
-              (std::vector<std::string>{
-                  "Object ( veltrix::vxCondition ) was not closed before going out of scope. ",
-                  "Opened by: veltrix::vxCondition", "Opened by: veltrix::vxThread"}));
-}
-
-TEST_F(vxThreadTest, DestroyingThreadWithOpenMutexIsReported)
-{
-    {
-        vxThread thread;
-        ASSERT_TRUE(frame.open(thread));
-        ASSERT_TRUE(vxtest::testFrame::close(thread));
-        ASSERT_TRUE(vxtest::testFrame::close(thread.condition));
+    for (const char* member : {"vxCondition", "vxMutex"}) {
+        vxBase::lvxClearLastError();
+        {
+            vxThread unclosed;
+            ASSERT_TRUE(frame.open(unclosed));
+            ASSERT_TRUE(vxtest::testFrame::close(unclosed));
+            if (std::string(member) == "vxMutex") {
+                ASSERT_TRUE(vxtest::testFrame::close(unclosed.condition));
+            }
+        }
+        EXPECT_TRUE(vxtest::latched());
+        EXPECT_EQ(vxtest::trailMessages(),
+                  (std::vector<std::string>{"Object ( veltrix::" + std::string(member) +
+                                                " ) was not closed before going out of scope. ",
+                                            "Opened by: veltrix::" + std::string(member),
+                                            "Opened by: veltrix::vxThread"}));
     }
-    EXPECT_TRUE(vxtest::latched());
-    EXPECT_EQ(vxtest::trailMessages(),
-              (std::vector<std::string>{
-                  "Object ( veltrix::vxMutex ) was not closed before going out of scope. ",
-                  "Opened by: veltrix::vxMutex", "Opened by: veltrix::vxThread"}));
 }
-
-// --- The shared trail ---
 
 TEST_F(vxThreadTest, ConcurrentFailuresKeepTrailConsistent)
 {

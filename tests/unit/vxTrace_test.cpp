@@ -22,34 +22,7 @@ std::regex traceLine(const std::string& message)
     return std::regex(R"(^\[\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\] -> )" + escaped + "\n$");
 }
 
-TEST_F(vxTraceTest, TraceLineFormat)
-{
-    const std::vector<std::string> messages = {"text", "", "100% %s %n done", "two  blanks "};
-    for (const std::string& message : messages) {
-        testing::internal::CaptureStderr();
-        const bool ok = vxGlobal.traceLog.AddMessage(message);
-        const std::string written = testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(ok);
-        EXPECT_TRUE(std::regex_match(written, traceLine(message))) << '"' << written << '"';
-    }
-    EXPECT_FALSE(vxBase::HaveStackTrace());
-}
-
-TEST_F(vxTraceTest, TraceLineWrittenWhileLatched)
-{
-    veltrix::vxBytes bytes;
-    ASSERT_FALSE(bytes.PostOpen(1));
-    ASSERT_TRUE(vxtest::latched());
-    const size_t before = vxGlobal.stackTrace.events.size();
-    testing::internal::CaptureStderr();
-    const bool ok = vxGlobal.traceLog.AddMessage("still here");
-    const std::string written = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(ok);
-    EXPECT_TRUE(std::regex_match(written, traceLine("still here"))) << written;
-    EXPECT_EQ(vxGlobal.stackTrace.events.size(), before);
-}
-
-TEST_F(vxTraceTest, SysLogAndTraceFlagsSucceed)
+TEST_F(vxTraceTest, TraceLogAndVersionTable)
 {
     // A message is never taken as a format.
     EXPECT_TRUE(vxGlobal.traceLog.SysLog("libveltrix unit test %s%s%s%n"));
@@ -59,45 +32,27 @@ TEST_F(vxTraceTest, SysLogAndTraceFlagsSucceed)
         EXPECT_TRUE(vxGlobal.traceLog.EnableTraceFlag(flag));
         EXPECT_TRUE(vxGlobal.traceLog.DisableTraceFlag(flag));
     }
-    EXPECT_FALSE(vxBase::HaveStackTrace());
-}
-
-TEST_F(vxTraceTest, VersionTableDisplay)
-{
+    for (const std::string message : {"text", "", "100% %s %n done", "two  blanks ", "latched"}) {
+        if (message == "latched") {
+            EXPECT_FALSE(vxBase::HaveStackTrace());
+            vxtest::latchByFailure();
+        }
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(vxGlobal.traceLog.AddMessage(message));
+        const std::string written = testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(std::regex_match(written, traceLine(message))) << '"' << written << '"';
+    }
+    EXPECT_EQ(vxGlobal.stackTrace.events.size(), 1U);
+    vxBase::lvxClearLastError();
     using pairs = std::vector<std::pair<std::string, std::string>>;
+    const std::string rule3 = "|------|-------------|---------|\n";
+    const std::string head3 = rule3 + "| Name | Type        | Version |\n" + rule3;
 
-    struct row
-    {
-        const char* title;
-        std::pair<std::string, std::string> app; ///< empty name: not added
-        pairs libraries;
-        pairs plugins;
-        std::string expected;
-    };
-
-    const std::vector<row> rows = {
-        {"application only",
-         {"demo", "1.2"},
-         {},
-         {},
-         "|------|-------------|---------|\n"
-         "| Name | Type        | Version |\n"
-         "|------|-------------|---------|\n"
-         "| demo | Application | 1.2     |\n"
-         "|------|-------------|---------|\n"},
-        {"no application set",
-         {"", ""},
-         {},
-         {},
-         "|------|-------------|---------|\n"
-         "| Name | Type        | Version |\n"
-         "|------|-------------|---------|\n"
-         "|      | Application |         |\n"
-         "|------|-------------|---------|\n"},
-        {"groups follow without a rule; duplicates kept",
-         {"demo", "1.2"},
-         {{"libveltrix", "2.0"}, {"libz", "1.3.1"}},
-         {{"openssl", "3.0"}, {"openssl", "3.0"}},
+    // clang-format off
+    const struct { const char* title; std::pair<std::string, std::string> app; pairs libraries; pairs plugins; std::string expected; } rows[] = {
+        {"application only", {"demo", "1.2"}, {}, {}, head3 + "| demo | Application | 1.2     |\n" + rule3},
+        {"no application set", {"", ""}, {}, {}, head3 + "|      | Application |         |\n" + rule3},
+        {"groups follow without a rule; duplicates kept", {"demo", "1.2"}, {{"libveltrix", "2.0"}, {"libz", "1.3.1"}}, {{"openssl", "3.0"}, {"openssl", "3.0"}},
          "|------------|-------------|---------|\n"
          "| Name       | Type        | Version |\n"
          "|------------|-------------|---------|\n"
@@ -107,10 +62,7 @@ TEST_F(vxTraceTest, VersionTableDisplay)
          "| openssl    | Plug-in     | 3.0     |\n"
          "| openssl    | Plug-in     | 3.0     |\n"
          "|------------|-------------|---------|\n"},
-        {"plug-ins without libraries",
-         {"d", "9"},
-         {},
-         {{"fake", "0.1-long-version"}},
+        {"plug-ins without libraries", {"d", "9"}, {}, {{"fake", "0.1-long-version"}},
          "|------|-------------|------------------|\n"
          "| Name | Type        | Version          |\n"
          "|------|-------------|------------------|\n"
@@ -118,7 +70,9 @@ TEST_F(vxTraceTest, VersionTableDisplay)
          "| fake | Plug-in     | 0.1-long-version |\n"
          "|------|-------------|------------------|\n"},
     };
-    for (const row& r : rows) {
+
+    // clang-format on
+    for (const auto& r : rows) {
         vxVersions versions(true);
         if (!r.app.first.empty()) {
             EXPECT_TRUE(versions.AddApplication("replaced", "0"));
