@@ -314,24 +314,35 @@ struct benchInputs
 
 // ---- Benchmarks ------------------------------------------------------------------------------
 
+/** The timed loop every benchmark shares: `step` does one iteration's work and says whether it
+ *  succeeded; `output` is what the compiler must not optimise away. */
+template <class Step>
+void timeSteps(benchmark::State& state, bool ready, const char* what, size_t bytesPerStep,
+               const void* output, Step step)
+{
+    if (!ready) {
+        state.SkipWithError((std::string("cannot set up ") + what).c_str());
+        return;
+    }
+    for (auto _ : state) {
+        if (!step()) {
+            state.SkipWithError((std::string(what) + " failed").c_str());
+            break;
+        }
+        benchmark::DoNotOptimize(output);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytesPerStep));
+}
+
 void benchLibraryDigest(benchmark::State& state, benchFrame& frame, const benchInputs& in,
                         uint32_t hash)
 {
     libraryDigest digest(frame, hash);
     vxBytes value;
-    if (!digest.ready) {
-        state.SkipWithError("cannot open the library digest");
-        return;
-    }
-    for (auto _ : state) {
-        if (!digest.run(in.digestMessage, value)) {
-            state.SkipWithError("library digest failed");
-            break;
-        }
-        benchmark::DoNotOptimize(value.bytes.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kDigestMessageSize));
+    value.bytes.reserve(EVP_MAX_MD_SIZE);
+    timeSteps(state, digest.ready, "the library digest", kDigestMessageSize, value.bytes.data(),
+              [&] { return digest.run(in.digestMessage, value); });
 }
 
 void benchDirectDigest(benchmark::State& state, const benchInputs& in, uint32_t hash)
@@ -339,59 +350,27 @@ void benchDirectDigest(benchmark::State& state, const benchInputs& in, uint32_t 
     directDigest digest(hash);
     std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
     unsigned int length = 0;
-    if (!digest.ready) {
-        state.SkipWithError("cannot set up the OpenSSL digest");
-        return;
-    }
     const unsigned char* data = in.digestMessage.bytes.data();
-    for (auto _ : state) {
-        if (!digest.run(data, kDigestMessageSize, value.data(), length)) {
-            state.SkipWithError("OpenSSL digest failed");
-            break;
-        }
-        benchmark::DoNotOptimize(value.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kDigestMessageSize));
+    timeSteps(state, digest.ready, "the OpenSSL digest", kDigestMessageSize, value.data(),
+              [&] { return digest.run(data, kDigestMessageSize, value.data(), length); });
 }
 
 void benchLibraryCipher(benchmark::State& state, benchFrame& frame, const benchInputs& in)
 {
     libraryCipher cipher(frame, in.aesKey);
     vxBytes out;
-    if (!cipher.ready) {
-        state.SkipWithError("cannot open or key the library cipher");
-        return;
-    }
-    for (auto _ : state) {
-        if (!cipher.run(in.aesBlock, out)) {
-            state.SkipWithError("library cipher failed");
-            break;
-        }
-        benchmark::DoNotOptimize(out.bytes.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kAesBlockSize));
+    out.bytes.reserve(kAesBlockSize);
+    timeSteps(state, cipher.ready, "the library cipher", kAesBlockSize, out.bytes.data(),
+              [&] { return cipher.run(in.aesBlock, out); });
 }
 
 void benchDirectCipher(benchmark::State& state, const benchInputs& in)
 {
     directCipher cipher(in.aesKey.bytes.data());
     std::array<unsigned char, kAesBlockSize> out{};
-    if (!cipher.ready) {
-        state.SkipWithError("cannot set up the OpenSSL cipher");
-        return;
-    }
     const unsigned char* block = in.aesBlock.bytes.data();
-    for (auto _ : state) {
-        if (!cipher.run(block, out.data())) {
-            state.SkipWithError("OpenSSL cipher failed");
-            break;
-        }
-        benchmark::DoNotOptimize(out.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kAesBlockSize));
+    timeSteps(state, cipher.ready, "the OpenSSL cipher", kAesBlockSize, out.data(),
+              [&] { return cipher.run(block, out.data()); });
 }
 
 void benchLibraryKeyed(benchmark::State& state, benchFrame& frame, const benchInputs& in,
@@ -399,19 +378,9 @@ void benchLibraryKeyed(benchmark::State& state, benchFrame& frame, const benchIn
 {
     libraryKeyed mac(frame, hash);
     vxBytes value;
-    if (!mac.ready) {
-        state.SkipWithError("cannot open the library keyed digest");
-        return;
-    }
-    for (auto _ : state) {
-        if (!mac.run(in.keyedKey, in.keyedMessage, value)) {
-            state.SkipWithError("library keyed digest failed");
-            break;
-        }
-        benchmark::DoNotOptimize(value.bytes.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kKeyedMessageSize));
+    value.bytes.reserve(EVP_MAX_MD_SIZE);
+    timeSteps(state, mac.ready, "the library keyed digest", kKeyedMessageSize, value.bytes.data(),
+              [&] { return mac.run(in.keyedKey, in.keyedMessage, value); });
 }
 
 void benchDirectKeyed(benchmark::State& state, const benchInputs& in, uint32_t hash)
@@ -419,21 +388,10 @@ void benchDirectKeyed(benchmark::State& state, const benchInputs& in, uint32_t h
     directKeyed mac(hash);
     std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
     unsigned int length = 0;
-    if (!mac.ready) {
-        state.SkipWithError("cannot set up the OpenSSL keyed digest");
-        return;
-    }
     const unsigned char* key = in.keyedKey.bytes.data();
     const unsigned char* data = in.keyedMessage.bytes.data();
-    for (auto _ : state) {
-        if (!mac.run(key, data, kKeyedMessageSize, value.data(), length)) {
-            state.SkipWithError("OpenSSL keyed digest failed");
-            break;
-        }
-        benchmark::DoNotOptimize(value.data());
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kKeyedMessageSize));
+    timeSteps(state, mac.ready, "the OpenSSL keyed digest", kKeyedMessageSize, value.data(),
+              [&] { return mac.run(key, data, kKeyedMessageSize, value.data(), length); });
 }
 
 // ---- Agreement check before timing -----------------------------------------------------------
