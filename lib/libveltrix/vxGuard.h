@@ -113,3 +113,37 @@
         LVX_CHECK((child).Close());     \
         LVX_CHECK((child).PostClose()); \
     } while (0)
+
+// Secure transport.
+#define LVX_MSG_EXPAND_SIZE    "eb.bytes.size() == TargetSize"
+#define LVX_MSG_OFFSET_TOP     "offset <= top"
+#define LVX_MSG_HAYSTACK_SHORT "(haystack.bytes.size() > 1 )"
+#define LVX_MSG_HAYSTACK_LONG  "(haystack.bytes.size() <= 16)"
+#define LVX_MSG_OFFSET_12      "(offset <= 12 )"
+#define LVX_MSG_NO_CIPHER      "cb != 0"
+#define LVX_MSG_NO_IV          "HmacIV != 0"
+#define LVX_MSG_SEED0_EMPTY    "( seed0.bytes.size() > 0 )"
+#define LVX_MSG_SEED1_EMPTY    "( seed1.bytes.size() > 0 )"
+#define LVX_MSG_HEADER_SIZE    "tempBytes1.bytes.size() == VX_HEADER_WIRE_SIZE"
+#define LVX_MSG_HEAD_HMAC      "tempBytes3 == hMacHead"
+#define LVX_MSG_BODY_HMAC      "tempBytes3 == hMacBody"
+// Plain socket.
+#define LVX_MSG_RECV_EMPTY     "size >= 1"
+#define LVX_MSG_RECV_TOO_BIG   "size <= veltrix::VX_MAX_PACKET_SIZE"
+#define LVX_MSG_SELECT_TIMEOUT "Select timeout expired."
+#define LVX_MSG_SHORT_SEND     "rv == (int)v.bytes.size()"
+#define LVX_MSG_SHORT_BLOCK    ""
+// Protocol statistics.
+#define LVX_MSG_BYTES_SUFFIX " bytes."
+
+/** Defines the constructor and destructor every library class has: named and closed on
+ *  construction, checked for an unclosed state on destruction. */
+#define LVX_DEFINE_LIFECYCLE(T) \
+    T::T()                      \
+    {                           \
+        LVX_INIT_OBJECT();      \
+    }                           \
+    T::~T()                     \
+    {                           \
+        LVX_DESTRUCT();         \
+    }

@@ -1,0 +1,69 @@
+// Traffic counters of an encrypted socket and its re-key policy.
+#pragma once
+
+#include "vxBase.h"
+#include "vxBytes.h"
+
+#include <cstdint>
+#include <string>
+
+namespace veltrix {
+
+/** A 32-bit running count that restarts before it can overflow. */
+class VX_API vxNetProtocolStatsCounter : public vxBase
+{
+public:
+    uint32_t value = 0;
+    uint32_t wraps = 0; ///< restarts since Open
+
+    vxNetProtocolStatsCounter();
+    LVX_NOT_COPYABLE(vxNetProtocolStatsCounter);
+    ~vxNetProtocolStatsCounter() override;
+
+    /** Zeroes the count and the restarts; true. */
+    bool Open() override;
+    /** Adds `n`; a sum of 0xFFFFC000 or more restarts the count at `n` and counts a wrap. */
+    bool Update(uint32_t n);
+    /** The count without its wraps. */
+    bool GetIntValue(uint32_t& v);
+    /** The count in decimal followed by " bytes.". */
+    bool GetStrValue(std::string& s);
+};
+
+/** Messages and bytes in each direction, key re-exchanges (never updated: always 0) and the
+ *  re-key policy. Used by the thread of its encrypted socket only. */
+class VX_API vxNetProtocolStats : public vxBase
+{
+public:
+    uint32_t reKeyAccumulator = 0;
+    vxNetProtocolStatsCounter RecvMsgs;
+    vxNetProtocolStatsCounter SentMsgs;
+    vxNetProtocolStatsCounter RecvBytes;
+    vxNetProtocolStatsCounter SentBytes;
+    vxNetProtocolStatsCounter KeyReExchanges;
+
+    vxNetProtocolStats();
+    LVX_NOT_COPYABLE(vxNetProtocolStats);
+    ~vxNetProtocolStats() override;
+
+    /** Opens the five counters at 0. */
+    bool Open() override;
+    bool Close() override;
+    /** One sent message of `b`'s size. */
+    bool UpdateSendStats(const vxBytes& b);
+    /** One sent message of `n` bytes. */
+    bool UpdateSendStats(uint32_t n);
+    /** One received message of `n` bytes. */
+    bool UpdateRecvStats(uint32_t n);
+    /** Adds the whole running total of sent bytes (not the bytes since the last call) to the
+     *  accumulator; true, and the accumulator back to 0, once it passes 5000. */
+    bool NeedReKey();
+    /** Writes the counters as an "Object" / "Value" table to standard output. */
+    bool Display();
+
+private:
+    bool countMessage(vxNetProtocolStatsCounter& messages, vxNetProtocolStatsCounter& bytes,
+                      uint32_t n);
+};
+
+} // namespace veltrix

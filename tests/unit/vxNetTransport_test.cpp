@@ -1,0 +1,587 @@
+// The secure transport: byte order, entangled pairs, key expansion and the re-seeded keys against
+// known answers, the IV mask and the hidden length, and the packet header exchanged in lock-step
+// by two ends over a socket pair: every length, thousands of packets both ways, command packets,
+// tampered and replayed packets.
+
+#include "vxTransportPair.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using veltrix::vxBytes;
+using veltrix::vxCipherId;
+using veltrix::vxHashId;
+using veltrix::vxMd;
+using veltrix::vxNetByteOrder;
+using veltrix::vxNetEntangledObj;
+using veltrix::vxNetTransportAntiCrib;
+using veltrix::vxNetTransportHeader;
+using veltrix::vxNetTransportHmacIV;
+using veltrix::vxNetTransportKeyExpander;
+using veltrix::vxNetTransportKeys;
+using vxtest::testFrame;
+using vxtest::transportEnd;
+using vxtest::transportPair;
+
+vxBytes hexBytes(const std::string& hex)
+{
+    vxBytes out;
+    out.bytes = vxtest::unhex(hex);
+    return out;
+}
+
+std::string hexOf(const vxBytes& data)
+{
+    return vxtest::toHex(data.bytes);
+}
+
+vxBytes filled(size_t size, unsigned char value)
+{
+    vxBytes out;
+    out.bytes.assign(size, value);
+    return out;
+}
+
+/** `size` bytes that differ from packet to packet. */
+vxBytes payloadOf(size_t size, uint32_t seed)
+{
+    vxBytes out;
+    std::mt19937 generator(seed);
+    for (size_t i = 0; i < size; ++i) {
+        out.bytes.push_back(static_cast<unsigned char>(generator()));
+    }
+    return out;
+}
+
+const std::map<std::string, uint32_t> cipherNumbers = {{"none", vxCipherId::none},
+                                                       {"aes128", vxCipherId::aes128},
+                                                       {"aes192", vxCipherId::aes192},
+                                                       {"aes256", vxCipherId::aes256}};
+
+const char* const headMismatch = "tempBytes3 == hMacHead";
+
+class vxNetTransportTest : public vxtest::vxCryptoTest
+{
+protected:
+    void TearDown() override
+    {
+        veltrix::vxBase::lvxClearLastError();
+        pair.close();
+        vxtest::vxCryptoTest::TearDown();
+    }
+
+    /** `count` round trips each way, alternating, every payload checked. */
+    void exchange(int count, size_t size)
+    {
+        for (int i = 0; i < count; ++i) {
+            const vxBytes sent = payloadOf(size, static_cast<uint32_t>(i));
+            vxBytes got;
+            ASSERT_TRUE(pair.client.send(sent) && pair.server.receive(got)) << vxtest::dumpTrail();
+            ASSERT_EQ(got.bytes, sent.bytes);
+            ASSERT_TRUE(pair.server.send(sent) && pair.client.receive(got)) << vxtest::dumpTrail();
+            ASSERT_EQ(got.bytes, sent.bytes);
+        }
+    }
+
+    transportPair pair;
+};
+
+// ---- byte order and entangled pairs ----
+
+TEST_F(vxNetTransportTest, ByteOrderReversesWordsConvertsOnlyIntoAnEmptyFormAndRefusesPartialWords)
+{
+    vxNetByteOrder order;
+    vxBytes out;
+    EXPECT_FALSE(order.GetNative(out));
+    EXPECT_FALSE(order.SetNative(hexBytes("010203040506")));
+    EXPECT_TRUE(order.native.bytes.empty());
+    EXPECT_QUIET();
+
+    ASSERT_TRUE(order.SetNative(hexBytes("0102030405060708")));
+    ASSERT_TRUE(order.GetNetwork(out));
+    EXPECT_EQ(hexOf(out), "0403020108070605");
+    ASSERT_TRUE(order.SetNative(hexBytes("AABBCCDD")));
+    ASSERT_TRUE(order.GetNetwork(out));
+    EXPECT_EQ(hexOf(out), "0403020108070605") << "a stale form survives until Clear";
+    order.Clear();
+    ASSERT_TRUE(order.SetNative(hexBytes("AABBCCDD")));
+    ASSERT_TRUE(order.GetNetwork(out));
+    EXPECT_EQ(hexOf(out), "DDCCBBAA");
+
+    const vxBytes header = payloadOf(48, 7);
+    order.Clear();
+    ASSERT_TRUE(order.SetNative(header.bytes.data(), 48));
+    ASSERT_TRUE(order.GetNative(out));
+    EXPECT_EQ(out.bytes, header.bytes) << "the header's round trip is the identity";
+    order.Clear();
+    ASSERT_TRUE(order.SetNetwork(hexBytes("0A0B0C0D")));
+    ASSERT_TRUE(order.GetNative(out));
+    EXPECT_EQ(hexOf(out), "0D0C0B0A");
+    EXPECT_QUIET();
+
+    vxtest::latchByFailure();
+    EXPECT_REFUSED(order.SetNetwork(hexBytes("01020304")));
+    EXPECT_REFUSED(order.GetNative(out));
+}
+
+TEST_F(vxNetTransportTest, EntangledPairsOpenedWithOppositeSidesNameTheSameMemberFromBothEnds)
+{
+    vxNetEntangledObj one;
+    vxNetEntangledObj two;
+    ASSERT_TRUE(frame.open(one, true));
+    ASSERT_TRUE(frame.open(two, false));
+    vxBytes out = filled(3, 0xEE);
+    ASSERT_TRUE(one.SetMagic(hexBytes("1111")));
+    EXPECT_EQ(hexOf(one.magicOne), "1111");
+    ASSERT_TRUE(one.GetInverseMagic(out));
+    EXPECT_TRUE(out.bytes.empty()) << "the inverse is the other member, empty here";
+    ASSERT_TRUE(two.SetMagic(hexBytes("2222")));
+    EXPECT_EQ(hexOf(two.magicTwo), "2222");
+
+    two.magicOne = one.magicOne;
+    one.magicTwo = two.magicTwo;
+    vxBytes theirs;
+    for (const bool inverse : {false, true}) {
+        ASSERT_TRUE(inverse ? one.GetInverseMagic(out) : one.GetMagic(out));
+        ASSERT_TRUE(inverse ? two.GetMagic(theirs) : two.GetInverseMagic(theirs));
+        EXPECT_EQ(out.bytes, theirs.bytes);
+    }
+    testFrame::closeAll(one, two);
+}
+
+// ---- key expansion and keys: known answers ----
+
+TEST_F(vxNetTransportTest, KeyExpansionMatchesKnownAnswers)
+{
+    int checked = 0;
+    for (const auto& kat : vxtest::readKat("transport.vec")) {
+        if (kat.algorithm != "expand") {
+            continue;
+        }
+        vxNetTransportKeyExpander expander;
+        ASSERT_TRUE(frame.open(expander, static_cast<uint32_t>(std::stoul(kat.fields.at("Size")))));
+        vxBytes eb = hexBytes(kat.fields.at("In"));
+        ASSERT_TRUE(expander.ExpandBytes(eb)) << vxtest::dumpTrail();
+        EXPECT_EQ(hexOf(eb), kat.fields.at("Out")) << "in " << kat.fields.at("In");
+        testFrame::closeAll(expander);
+        ++checked;
+    }
+    EXPECT_EQ(checked, 6);
+}
+
+TEST_F(vxNetTransportTest, KeyExpansionNeedsAnOpenExpander)
+{
+    vxNetTransportKeyExpander expander;
+    vxBytes eb = filled(5, 1);
+    EXPECT_FAILS_WITH(expander.ExpandBytes(eb), "Object in incorrect state:  Expected open. ");
+}
+
+TEST_F(vxNetTransportTest, KeyExpansionToASizeNoCipherHasFailsItsFinalCheck)
+{
+    vxNetTransportKeyExpander expander;
+    ASSERT_TRUE(frame.open(expander, 20U));
+    vxBytes eb = filled(5, 1);
+    EXPECT_FAILS_WITH(expander.ExpandBytes(eb), "eb.bytes.size() == TargetSize");
+    veltrix::vxBase::lvxClearLastError();
+    testFrame::closeAll(expander);
+}
+
+TEST_F(vxNetTransportTest, ReSeededKeysMatchKnownAnswersForEveryCipher)
+{
+    const auto kats = vxtest::readKat("transport.vec");
+    const auto& kat = kats.back();
+    ASSERT_EQ(kat.algorithm, "reseed");
+    for (const auto& [name, number] : cipherNumbers) {
+        vxCipherId id;
+        vxNetTransportKeys keys;
+        ASSERT_TRUE(frame.open(id, number)) << name << vxtest::dumpTrail();
+        ASSERT_TRUE(frame.open(keys, id, true)) << vxtest::dumpTrail();
+        ASSERT_TRUE(keys.ReSeed(hexBytes(kat.fields.at("Seed0")), hexBytes(kat.fields.at("Seed1"))))
+            << vxtest::dumpTrail();
+        EXPECT_EQ(hexOf(keys.chain.magicOne), kat.fields.at("MagicOne"));
+        EXPECT_EQ(hexOf(keys.chain.magicTwo), kat.fields.at("MagicTwo"));
+        EXPECT_EQ(hexOf(keys.ciphers.ivA.iv), kat.fields.at("IvA"));
+        EXPECT_EQ(hexOf(keys.ciphers.ivB.iv), kat.fields.at("IvB"));
+        vxBytes out;
+        const bool twoBlocks = number == vxCipherId::none;
+        ASSERT_TRUE(keys.Encrypt(filled(twoBlocks ? 32 : 16, 0), out));
+        EXPECT_EQ(hexOf(out), kat.fields.at(twoBlocks ? "NoneTwoBlocks" : name)) << name;
+        testFrame::closeAll(keys, id);
+    }
+}
+
+// ---- IV mask and hidden length ----
+
+TEST_F(vxNetTransportTest, MaskAndUnmaskAgreeAndBothMasksAdvanceAlike)
+{
+    vxNetTransportHmacIV sender;
+    vxNetTransportHmacIV receiver;
+    vxNetTransportHmacIV empty;
+    ASSERT_TRUE(frame.open(sender, 16U) && frame.open(receiver, 16U) && frame.open(empty, 0U));
+    const vxBytes iv0 = payloadOf(16, 1);
+    ASSERT_TRUE(sender.SetIV(iv0) && receiver.SetIV(iv0) && empty.SetIV(iv0));
+    for (uint32_t i = 0; i < 50; ++i) {
+        const vxBytes cipherOutput = payloadOf(16, 100 + i);
+        vxBytes block = cipherOutput;
+        ASSERT_TRUE(sender.Mutate(block));
+        EXPECT_NE(block.bytes, cipherOutput.bytes);
+        ASSERT_TRUE(receiver.Restore(block));
+        EXPECT_EQ(block.bytes, cipherOutput.bytes);
+        EXPECT_EQ(sender.iv.bytes, receiver.iv.bytes);
+    }
+    vxBytes block = payloadOf(16, 9);
+    ASSERT_TRUE(empty.Mutate(block));
+    EXPECT_TRUE(block.bytes.empty()) << "a mask of size 0 keeps no byte";
+    EXPECT_NE(empty.iv.bytes, iv0.bytes) << "and still advances";
+
+    vxBytes shortBlock = filled(15, 0);
+    EXPECT_THROW((void)sender.Mutate(shortBlock), std::out_of_range);
+    testFrame::closeAll(sender, receiver, empty);
+}
+
+TEST_F(vxNetTransportTest, HiddenValuesAreFoundAtTheSameOffsetsPacketAfterPacket)
+{
+    vxNetTransportAntiCrib hider;
+    vxNetTransportAntiCrib finder;
+    ASSERT_TRUE(frame.open(hider, 12U) && frame.open(finder, 12U));
+    // The sequence's first offset from its opening state is 0; the hidden value is big-endian.
+    vxBytes haystack = filled(17, 0xAA);
+    ASSERT_TRUE(hider.Hide(0x10, haystack));
+    EXPECT_EQ(hexOf(haystack), "00000010AAAAAAAAAAAAAAAAAAAAAAAA");
+    uint32_t found = 0;
+    ASSERT_TRUE(finder.Find(hexBytes("01020304")) && finder.GetValue(found));
+    EXPECT_EQ(found, 0x01020304U);
+    ASSERT_TRUE(finder.Find(hexBytes("01020304")) && finder.GetValue(found));
+    EXPECT_EQ(found, 0U) << "the second offset, 6, lies in the zero-filled part";
+
+    std::set<uint32_t> offsets;
+    for (uint32_t i = 0; i < 1000; ++i) {
+        haystack = filled(16, 0);
+        ASSERT_TRUE(hider.Seed(payloadOf(16, i)) && finder.Seed(payloadOf(16, i)));
+        ASSERT_TRUE(hider.Hide(0xFFFFFFFFU - i, haystack));
+        for (size_t at = 0; at < 16; ++at) {
+            if (haystack.bytes[at] != 0) {
+                offsets.insert(static_cast<uint32_t>(at));
+                break;
+            }
+        }
+        ASSERT_TRUE(finder.Find(haystack) && finder.GetValue(found));
+        ASSERT_EQ(found, 0xFFFFFFFFU - i);
+    }
+    EXPECT_EQ(offsets.size(), 12U) << "offsets 0 to 11 all occur";
+    EXPECT_EQ(*offsets.rbegin(), 11U);
+
+    vxBytes shortHaystack = filled(15, 0);
+    EXPECT_THROW((void)hider.Hide(1, shortHaystack), std::out_of_range);
+    testFrame::closeAll(hider, finder);
+}
+
+TEST_F(vxNetTransportTest, FindRefusesHaystacksOfTheWrongLength)
+{
+    const std::vector<std::pair<size_t, const char*>> cases = {
+        {0, "(haystack.bytes.size() > 1 )"},
+        {1, "(haystack.bytes.size() > 1 )"},
+        {17, "(haystack.bytes.size() <= 16)"}};
+    vxNetTransportAntiCrib finder;
+    ASSERT_TRUE(frame.open(finder, 12U));
+    for (const auto& [size, text] : cases) {
+        SCOPED_TRACE(size);
+        EXPECT_FAILS_WITH(finder.Find(filled(size, 1)), text);
+        veltrix::vxBase::lvxClearLastError();
+    }
+    testFrame::closeAll(finder);
+}
+
+// ---- ciphers and keys in both directions ----
+
+TEST_F(vxNetTransportTest, KeysOfOppositeSidesDecryptEachOthersBlocksAndDropPartialBlocks)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes256)) << vxtest::dumpTrail();
+    vxNetTransportKeys& server = pair.server.keys;
+    vxNetTransportKeys& client = pair.client.keys;
+    vxBytes sealed;
+    vxBytes opened;
+    for (uint32_t i = 0; i < 300; ++i) {
+        const vxBytes plain = payloadOf(16 * (1 + i % 5), i);
+        vxNetTransportKeys& from = i % 3 == 0 ? client : server;
+        vxNetTransportKeys& to = i % 3 == 0 ? server : client;
+        ASSERT_TRUE(from.Encrypt(plain, sealed) && to.Decrypt(sealed, opened));
+        ASSERT_EQ(opened.bytes, plain.bytes) << i;
+    }
+    const vxBytes block = filled(16, 0x5A);
+    vxBytes first;
+    ASSERT_TRUE(server.Encrypt(block, first) && server.Encrypt(&block, sealed));
+    EXPECT_NE(first.bytes, sealed.bytes) << "the same block twice is never the same ciphertext";
+
+    ASSERT_TRUE(server.Encrypt(filled(15, 1), sealed));
+    EXPECT_TRUE(sealed.bytes.empty());
+    ASSERT_TRUE(server.Encrypt(filled(40, 1), sealed));
+    EXPECT_EQ(sealed.bytes.size(), 32U);
+    EXPECT_QUIET();
+}
+
+TEST_F(vxNetTransportTest, ReSeedingWithTheSeedsSwappedGivesKeysThatDoNotMatch)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
+    const vxBytes seed0 = payloadOf(16, 1);
+    const vxBytes seed1 = payloadOf(16, 2);
+    ASSERT_TRUE(pair.server.keys.ReSeed(seed0, seed1) && pair.client.keys.ReSeed(seed1, seed0));
+    EXPECT_NE(pair.server.keys.chain.magicOne.bytes, pair.client.keys.chain.magicOne.bytes);
+    const vxBytes plain = filled(16, 3);
+    vxBytes sealed;
+    vxBytes opened;
+    ASSERT_TRUE(pair.server.keys.Encrypt(plain, sealed) &&
+                pair.client.keys.Decrypt(sealed, opened));
+    EXPECT_NE(opened.bytes, plain.bytes);
+
+    EXPECT_FAILS_WITH(pair.server.keys.ReSeed(vxBytes(), seed1), "( seed0.bytes.size() > 0 )");
+    veltrix::vxBase::lvxClearLastError();
+    EXPECT_FAILS_WITH(pair.server.keys.ReSeed(seed0, vxBytes()), "( seed1.bytes.size() > 0 )");
+}
+
+TEST_F(vxNetTransportTest, EntropyPoolsAreLeftEmptyByEveryUpdate)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
+    vxNetTransportKeys& keys = pair.server.keys;
+    EXPECT_EQ(keys.entropy.magicOne.bytes.size(), 16U) << "ReSeed fills both pools";
+    ASSERT_TRUE(keys.UpdateEntropyPoolOne(filled(16, 1)));
+    EXPECT_TRUE(keys.entropy.magicOne.bytes.empty());
+    EXPECT_EQ(keys.entropy.magicTwo.bytes.size(), 16U);
+    ASSERT_TRUE(keys.UpdateEntropyPoolTwo(filled(16, 1)));
+    EXPECT_TRUE(keys.entropy.magicTwo.bytes.empty());
+}
+
+// ---- packets ----
+
+TEST_F(vxNetTransportTest, PayloadsOfEveryLengthCrossInBothDirectionsPaddedToWholeBlocks)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes256));
+    const std::vector<std::pair<uint32_t, uint32_t>> sizes = {
+        {0, 48},  {1, 64},      {15, 64},       {16, 64},
+        {17, 80}, {1000, 1056}, {16368, 16416}, {16384, 16432}};
+    for (const auto& [size, onWire] : sizes) {
+        for (transportEnd* from : {&pair.client, &pair.server}) {
+            transportEnd& to = from == &pair.client ? pair.server : pair.client;
+            const vxBytes sent = payloadOf(size, size);
+            uint32_t wireSize = 0;
+            vxBytes got;
+            ASSERT_TRUE(from->send(sent, wireSize) && to.receive(got)) << vxtest::dumpTrail();
+            EXPECT_EQ(wireSize, onWire) << size;
+            EXPECT_EQ(got.bytes, sent.bytes) << size;
+            uint32_t padded = 0;
+            ASSERT_TRUE(to.header.GetSizeWithPadding(padded));
+            EXPECT_EQ(padded, onWire - 48);
+        }
+    }
+}
+
+TEST_F(vxNetTransportTest, ThousandsOfPacketsInterleavedBothWaysStayInStepForEveryCipher)
+{
+    for (const auto& [name, number] : cipherNumbers) {
+        transportPair ends;
+        ASSERT_TRUE(ends.open(frame, number)) << name;
+        std::mt19937 generator(number);
+        std::vector<vxBytes> inFlight;
+        for (uint32_t i = 0; i < 1000; ++i) {
+            // A burst of one to three packets one way, then the other end reads them all.
+            const bool fromClient = generator() % 2 == 0;
+            transportEnd& from = fromClient ? ends.client : ends.server;
+            transportEnd& to = fromClient ? ends.server : ends.client;
+            inFlight.clear();
+            for (uint32_t burst = 1 + generator() % 3; burst > 0; --burst) {
+                inFlight.push_back(payloadOf(generator() % 2048, i * 3 + burst));
+                ASSERT_TRUE(from.send(inFlight.back())) << vxtest::dumpTrail();
+            }
+            for (const vxBytes& sent : inFlight) {
+                vxBytes got;
+                ASSERT_TRUE(to.receive(got)) << name << " packet " << i << vxtest::dumpTrail();
+                ASSERT_EQ(got.bytes, sent.bytes) << name << " packet " << i;
+            }
+        }
+        ends.close();
+    }
+}
+
+TEST_F(vxNetTransportTest, ACommandPacketIsAHeaderAloneWhoseBodyHmacCoversTheChainKey)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
+    exchange(3, 20);
+    vxBytes chainKey; // K of the client's sending direction, before the packet
+    ASSERT_TRUE(pair.client.keys.chain.GetInverseMagic(chainKey));
+    ASSERT_TRUE(pair.client.header.CreateCmdMessage(5, pair.client.keys, &pair.client.socket))
+        << vxtest::dumpTrail();
+
+    vxBytes got = filled(1, 0);
+    ASSERT_TRUE(pair.server.receive(got)) << vxtest::dumpTrail();
+    EXPECT_TRUE(got.bytes.empty());
+    uint32_t value = 0;
+    ASSERT_TRUE(pair.server.header.GetPayloadSize(value));
+    EXPECT_EQ(value, 0xC0DE0005U);
+    ASSERT_TRUE(pair.server.header.GetSizeWithPadding(value));
+    EXPECT_EQ(value, 0xC0DE0010U);
+    unsigned char extra = 0;
+    EXPECT_EQ(recv(pair.server.socket.sockFd, &extra, 1, MSG_DONTWAIT), -1)
+        << "nothing follows the 48-byte header";
+
+    // The body HMAC is the keyed digest of K under K' = the ratcheted key: MD5((K' xor 0x36) || K).
+    vxBytes ratcheted;
+    ASSERT_TRUE(pair.server.keys.chain.GetMagic(ratcheted));
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(frame.open(id, vxHashId::md5) && frame.open(md, id));
+    vxBytes pad = ratcheted;
+    for (unsigned char& byte : pad.bytes) {
+        byte ^= 0x36U;
+    }
+    vxBytes expected;
+    ASSERT_TRUE(md.Init() && md.Update(pad) && md.Update(chainKey) && md.Final() &&
+                md.GetBytes(expected));
+    EXPECT_EQ(hexOf(pair.server.header.hMacBody), hexOf(expected));
+    testFrame::closeAll(md, id);
+
+    exchange(3, 100); // both directions carry on in step after a command
+}
+
+TEST_F(vxNetTransportTest, EveryFlippedHeaderBitFailsThatHeaderOrTheNext)
+{
+    for (uint32_t bit = 0; bit < 48 * 8; ++bit) {
+        transportPair ends;
+        ASSERT_TRUE(ends.open(frame, vxCipherId::aes128));
+        ASSERT_TRUE(ends.client.header.CreateFromPayload(ends.client.keys, vxBytes()));
+        vxBytes wire;
+        ASSERT_TRUE(ends.client.header.GetEncryptedHeader(wire));
+        wire.bytes[bit / 8] ^= static_cast<unsigned char>(1U << (bit % 8));
+        ASSERT_TRUE(ends.client.socket.SendPlaintext(wire));
+        vxBytes got;
+        if (ends.server.receive(got)) {
+            ASSERT_TRUE(ends.client.send(filled(1, 0)));
+            EXPECT_FALSE(ends.server.receive(got)) << "bit " << bit;
+        }
+        EXPECT_EQ(vxtest::firstMessage(), headMismatch) << "bit " << bit;
+        veltrix::vxBase::lvxClearLastError();
+        ends.close();
+    }
+}
+
+TEST_F(vxNetTransportTest, AFlippedBodyByteFailsTheBodyCheck)
+{
+    for (const size_t at : {0UL, 15UL, 16UL, 999UL}) {
+        transportPair ends;
+        ASSERT_TRUE(ends.open(frame, vxCipherId::aes192));
+        const vxBytes payload = payloadOf(1000, 1);
+        vxBytes header;
+        ASSERT_TRUE(ends.client.header.CreateFromPayload(ends.client.keys, payload));
+        vxBytes padding;
+        vxBytes body = payload;
+        ASSERT_TRUE(ends.client.header.GetBodyPadding(padding) && body.CopyBack(padding));
+        vxBytes sealed;
+        ASSERT_TRUE(ends.client.keys.Encrypt(body, sealed));
+        sealed.bytes[at] ^= 0x80U;
+        ASSERT_TRUE(ends.client.header.GetEncryptedHeader(header) &&
+                    ends.client.socket.SendPlaintext(header) &&
+                    ends.client.socket.SendPlaintext(sealed));
+        vxBytes got;
+        SCOPED_TRACE(at);
+        EXPECT_FAILS_WITH(ends.server.receive(got), "tempBytes3 == hMacBody");
+        veltrix::vxBase::lvxClearLastError();
+        ends.close();
+    }
+}
+
+TEST_F(vxNetTransportTest, AReplayedPacketIsRefused)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
+    // The client's packet is captured from its socket and delivered twice through a second pair.
+    int relay[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, relay), 0);
+    const vxBytes payload = payloadOf(40, 3);
+    uint32_t wireSize = 0;
+    ASSERT_TRUE(pair.client.send(payload, wireSize));
+    std::vector<unsigned char> captured(wireSize);
+    ASSERT_EQ(recv(pair.server.socket.sockFd, captured.data(), wireSize, MSG_WAITALL),
+              static_cast<ssize_t>(wireSize));
+    for (int copy = 0; copy < 2; ++copy) {
+        ASSERT_EQ(write(relay[1], captured.data(), wireSize), static_cast<ssize_t>(wireSize));
+    }
+    (void)close(pair.server.socket.sockFd);
+    pair.server.socket.sockFd = relay[0];
+    vxBytes got;
+    ASSERT_TRUE(pair.server.receive(got));
+    EXPECT_EQ(got.bytes, payload.bytes);
+    EXPECT_FAILS_WITH(pair.server.receive(got), headMismatch);
+    (void)close(relay[1]);
+}
+
+TEST_F(vxNetTransportTest, TheSamePayloadTwiceLooksDifferentOnTheWire)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
+    const vxBytes payload = filled(17, 0x42);
+    std::vector<std::vector<unsigned char>> headers;
+    std::vector<std::vector<unsigned char>> bodies;
+    for (int i = 0; i < 2; ++i) {
+        vxBytes got;
+        ASSERT_TRUE(pair.client.send(payload) && pair.server.receive(got));
+        vxBytes header;
+        ASSERT_TRUE(pair.client.header.GetEncryptedHeader(header));
+        headers.push_back(header.bytes);
+        bodies.push_back(pair.client.wire.bytes);
+    }
+    EXPECT_NE(headers[0], headers[1]);
+    EXPECT_NE(bodies[0], bodies[1]);
+}
+
+TEST_F(vxNetTransportTest, AWakeUpReturnsBeforeAnyHeaderIsReadAndLeavesTheKeysInStep)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
+    uint32_t writeEnd = 0;
+    ASSERT_TRUE(pair.server.socket.createWakeupFd(writeEnd));
+    const unsigned char byte = 1;
+    ASSERT_EQ(write(static_cast<int>(writeEnd), &byte, 1), 1);
+    ASSERT_TRUE(pair.server.header.ReadFromWire(pair.server.keys, &pair.server.socket));
+    EXPECT_TRUE(pair.server.socket.wakeupSeen);
+    exchange(2, 33);
+    (void)close(static_cast<int>(writeEnd));
+    (void)close(pair.server.socket.wakeupFd);
+    pair.server.socket.wakeupFd = 0;
+}
+
+TEST_F(vxNetTransportTest, ThePaddedSizeRoundsUpUnlessRoundingWouldOverflow)
+{
+    vxNetTransportHeader header;
+    ASSERT_TRUE(frame.open(header, true));
+    const std::vector<std::pair<uint32_t, uint32_t>> cases = {{0, 0},
+                                                              {1, 16},
+                                                              {15, 16},
+                                                              {16, 16},
+                                                              {17, 32},
+                                                              {0xFFFFFFEFU, 0xFFFFFFF0U},
+                                                              {0xFFFFFFF0U, 0xFFFFFFF0U},
+                                                              {0xFFFFFFFFU, 0xFFFFFFF0U}};
+    for (const auto& [size, padded] : cases) {
+        header.SetPaddingSize(size);
+        EXPECT_EQ(header.payloadSize, size);
+        EXPECT_EQ(header.sizeWithPadding, padded) << size;
+    }
+    header.Clear();
+    EXPECT_EQ(header.sizeWithPadding, 0U);
+    testFrame::closeAll(header);
+}
+
+TEST_F(vxNetTransportTest, HeaderOperationsNeedAnOpenHeader)
+{
+    vxNetTransportHeader header;
+    vxNetTransportKeys keys;
+    EXPECT_FAILS_WITH(header.CreateFromPayload(keys, vxBytes()),
+                      "Object in incorrect state:  Expected open. ");
+}
+
+} // namespace
