@@ -260,8 +260,12 @@ bool vxNetTransportHmacIV::maskInto(const vxBytes& block)
     requireSize(block, size);
     requireSize(iv, size);
     scratch.bytes.resize(size);
+    // Plain pointers, so the compiler need not reload the vectors' internals after each store.
+    const unsigned char* in = block.bytes.data();
+    const unsigned char* mask = iv.bytes.data();
+    unsigned char* out = scratch.bytes.data();
     for (uint32_t i = 0; i < size; ++i) {
-        scratch.bytes[i] = static_cast<unsigned char>(block.bytes[i] ^ iv.bytes[i]);
+        out[i] = static_cast<unsigned char>(in[i] ^ mask[i]);
     }
     return true;
 }
@@ -273,28 +277,29 @@ bool vxNetTransportHmacIV::advance(const vxBytes& cipherOutput)
     return true;
 }
 
+bool vxNetTransportHmacIV::takeResult(vxBytes& block)
+{
+    block.bytes.swap(scratch.bytes);
+    LVX_CHECK(hmac.GetBytes(scratch));
+    // The new IV without a copy: scratch is refilled before it is read again.
+    iv.bytes.swap(scratch.bytes);
+    return true;
+}
+
 bool vxNetTransportHmacIV::Mutate(vxBytes& block)
 {
     LVX_GUARD_LATCH();
-    scratch.bytes.clear();
-    LVX_CHECK(advance(block));
+    LVX_CHECK(advance(block)); // over E, the block as it comes in
     LVX_CHECK(maskInto(block));
-    block.bytes.swap(scratch.bytes);
-    scratch.bytes.clear();
-    LVX_CHECK(hmac.GetBytes(scratch));
-    return SetIV(scratch);
+    return takeResult(block);
 }
 
 bool vxNetTransportHmacIV::Restore(vxBytes& block)
 {
     LVX_GUARD_LATCH();
-    scratch.bytes.clear();
-    LVX_CHECK(maskInto(block));
+    LVX_CHECK(maskInto(block)); // recovers E
     LVX_CHECK(advance(scratch));
-    block.bytes.swap(scratch.bytes);
-    scratch.bytes.clear();
-    LVX_CHECK(hmac.GetBytes(scratch));
-    return SetIV(scratch);
+    return takeResult(block);
 }
 
 bool vxNetTransportHmacIV::Close()

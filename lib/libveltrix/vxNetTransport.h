@@ -130,8 +130,12 @@ public:
     bool Close() override;
 
 private:
+    /** scratch = the first `size` bytes of `block` XOR the mask. */
     bool maskInto(const vxBytes& block);
+    /** The keyed digest of the next mask: HMAC(key IV, E || IV). */
     bool advance(const vxBytes& cipherOutput);
+    /** `block` takes scratch's bytes and the mask becomes the digest computed by advance. */
+    bool takeResult(vxBytes& block);
 };
 
 /** Hides a 32-bit value, most significant byte first, at an offset of 0 to 12 inside a 16-byte

@@ -192,7 +192,8 @@ struct digestAlgorithm
     int (*init)(digestContext& ctx);
     int (*update)(digestContext& ctx, const void* data, size_t length);
     int (*final)(unsigned char* out, digestContext& ctx);
-    size_t size;
+    size_t size;     ///< bytes handed out
+    size_t fullSize; ///< bytes the function writes
 };
 
 /** Adapts the functions of one algorithm, whose context type is `Member` of the union. */
@@ -209,7 +210,10 @@ struct lowLevel
 
     static int final(unsigned char* out, digestContext& ctx) { return Final(out, &(ctx.*Member)); }
 
-    static constexpr digestAlgorithm algorithm(size_t size) { return {init, update, final, size}; }
+    static constexpr digestAlgorithm algorithm(size_t size, size_t fullSize)
+    {
+        return {init, update, final, size, fullSize};
+    }
 };
 
 using md5Functions = lowLevel<MD5_CTX, &digestContext::md5, MD5_Init, MD5_Update, MD5_Final>;
@@ -221,12 +225,16 @@ using sha384Functions =
 using sha512Functions =
     lowLevel<SHA512_CTX, &digestContext::sha512, SHA512_Init, SHA512_Update, SHA512_Final>;
 
-constexpr digestAlgorithm kMd5 = md5Functions::algorithm(MD5_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha1 = sha1Functions::algorithm(SHA_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha256 = sha256Functions::algorithm(SHA256_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha256Half = sha256Functions::algorithm(kSha256HalfSize);
-constexpr digestAlgorithm kSha384 = sha384Functions::algorithm(SHA384_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha512 = sha512Functions::algorithm(SHA512_DIGEST_LENGTH);
+constexpr digestAlgorithm kMd5 = md5Functions::algorithm(MD5_DIGEST_LENGTH, MD5_DIGEST_LENGTH);
+constexpr digestAlgorithm kSha1 = sha1Functions::algorithm(SHA_DIGEST_LENGTH, SHA_DIGEST_LENGTH);
+constexpr digestAlgorithm kSha256 =
+    sha256Functions::algorithm(SHA256_DIGEST_LENGTH, SHA256_DIGEST_LENGTH);
+constexpr digestAlgorithm kSha256Half =
+    sha256Functions::algorithm(kSha256HalfSize, SHA256_DIGEST_LENGTH);
+constexpr digestAlgorithm kSha384 =
+    sha384Functions::algorithm(SHA384_DIGEST_LENGTH, SHA384_DIGEST_LENGTH);
+constexpr digestAlgorithm kSha512 =
+    sha512Functions::algorithm(SHA512_DIGEST_LENGTH, SHA512_DIGEST_LENGTH);
 
 /** The algorithm of a digest id, or null for an unknown id. */
 const digestAlgorithm* digestOf(uint32_t id)
@@ -676,12 +684,20 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginMdFinal(vxPluginStorage* st)
     if (state->finished) {
         return true; // a repeated Final keeps the digest of the finished message
     }
-    unsigned char full[SHA512_DIGEST_LENGTH];
-    if (state->algorithm.final(full, state->ctx) != 1) {
-        return fail();
+    const digestAlgorithm& algorithm = state->algorithm;
+    if (algorithm.size == algorithm.fullSize) {
+        // Straight into the output: this is the path of every keyed digest of the transport.
+        if (algorithm.final(state->digest.data(), state->ctx) != 1) {
+            return fail();
+        }
+    } else {
+        unsigned char full[SHA512_DIGEST_LENGTH];
+        if (algorithm.final(full, state->ctx) != 1) {
+            return fail();
+        }
+        std::memcpy(state->digest.data(), full, algorithm.size);
+        OPENSSL_cleanse(full, sizeof full);
     }
-    std::memcpy(state->digest.data(), full, state->digest.size());
-    OPENSSL_cleanse(full, sizeof full);
     state->finished = true;
     return true;
 }
