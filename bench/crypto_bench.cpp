@@ -10,8 +10,7 @@
 // cannot measure at all (the plug-in does not load, a library call fails, the results differ).
 //
 //   crypto_bench [benchmark options]    (five repetitions unless --benchmark_repetitions is given)
-#include "vxGlobal.h"
-#include "vxMain.h"
+#include "benchCommon.h"
 
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
@@ -29,6 +28,7 @@
 #include <vector>
 
 using namespace veltrix;
+using namespace vxbench;
 
 namespace {
 
@@ -37,60 +37,6 @@ constexpr size_t kKeyedMessageSize = 48;
 constexpr size_t kKeyedKeySize = 16;
 constexpr size_t kAesBlockSize = 16;
 constexpr size_t kAes128KeySize = 16;
-constexpr int kDefaultRepetitions = 5;
-
-// ---- Set-up ----------------------------------------------------------------------------------
-
-/** The root of the benchmark's object tree: loads the plug-in and opens objects as an owner
- *  would. */
-class benchFrame : public vxMain
-{
-public:
-    bool main(int /*argc*/, char** /*argv*/) override { return true; }
-
-    bool loadPlugin(const std::string& directory)
-    {
-        api.setSearchPath(directory);
-        return LoadPlugin("openssl");
-    }
-
-    template <class Child, class... Args> bool open(Child& child, Args&&... args)
-    {
-        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
-        return true;
-    }
-
-    /** PreClose, Close, PostClose; false at the first step that fails. */
-    static bool close(vxBase& child)
-    {
-        return child.PreClose() && child.Close() && child.PostClose();
-    }
-};
-
-/** Closes an object that is open; for the end of a scope. */
-void closeIfOpen(vxBase& child)
-{
-    if (child.opened) {
-        (void)benchFrame::close(child);
-    }
-}
-
-/** `size` bytes of a fixed, non-trivial pattern. */
-std::vector<unsigned char> pattern(size_t size, unsigned seed)
-{
-    std::vector<unsigned char> bytes(size);
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<unsigned char>((i * 131U + seed * 17U + 7U) & 0xFFU);
-    }
-    return bytes;
-}
-
-vxBytes asBytes(std::vector<unsigned char> bytes)
-{
-    vxBytes result;
-    result.bytes = std::move(bytes);
-    return result;
-}
 
 struct evpFree
 {
@@ -314,27 +260,6 @@ struct benchInputs
 
 // ---- Benchmarks ------------------------------------------------------------------------------
 
-/** The timed loop every benchmark shares: `step` does one iteration's work and says whether it
- *  succeeded; `output` is what the compiler must not optimise away. */
-template <class Step>
-void timeSteps(benchmark::State& state, bool ready, const char* what, size_t bytesPerStep,
-               const void* output, Step step)
-{
-    if (!ready) {
-        state.SkipWithError((std::string("cannot set up ") + what).c_str());
-        return;
-    }
-    for (auto _ : state) {
-        if (!step()) {
-            state.SkipWithError((std::string(what) + " failed").c_str());
-            break;
-        }
-        benchmark::DoNotOptimize(output);
-        benchmark::ClobberMemory();
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytesPerStep));
-}
-
 void benchLibraryDigest(benchmark::State& state, benchFrame& frame, const benchInputs& in,
                         uint32_t hash)
 {
@@ -442,123 +367,12 @@ bool checkAgreement(benchFrame& frame, const benchInputs& in)
 
 // ---- Pairs and the ratio table -----------------------------------------------------------------
 
-struct benchPair
-{
-    const char* label;
-    const char* library;
-    const char* direct;
-    double goal; ///< the library/direct ratio the library aims to stay within
-};
-
-const benchPair kPairs[] = {
+const std::vector<benchPair> kPairs = {
     {"MD5, 64-byte message", "digest/md5_64B/library", "digest/md5_64B/openssl", 1.5},
     {"SHA-256, 64-byte message", "digest/sha256_64B/library", "digest/sha256_64B/openssl", 1.5},
     {"AES-128, one block", "cipher/aes128_block/library", "cipher/aes128_block/openssl", 3.0},
     {"keyed SHA-256, 48 bytes", "keyed/sha256_48B/library", "keyed/sha256_48B/openssl", 2.0},
     {"keyed MD5, 48 bytes", "keyed/md5_48B/library", "keyed/md5_48B/openssl", 2.0},
-};
-
-double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-/** The times per iteration, in nanoseconds, of each repetition of one benchmark. */
-struct repetitionTimes
-{
-    std::vector<double> cpu;
-    std::vector<double> real;
-};
-
-/** min, median and max of the per-repetition ratios: repetition i of the library over
- *  repetition i of the direct code. */
-struct ratioRange
-{
-    double min = 0;
-    double median = 0;
-    double max = 0;
-};
-
-ratioRange ratios(const std::vector<double>& library, const std::vector<double>& direct)
-{
-    std::vector<double> values;
-    for (size_t i = 0; i < std::min(library.size(), direct.size()); ++i) {
-        values.push_back(library[i] / direct[i]);
-    }
-    return {*std::min_element(values.begin(), values.end()), median(values),
-            *std::max_element(values.begin(), values.end())};
-}
-
-/** Passes every run on to the display reporter and keeps the times per iteration of each
- *  repetition, by benchmark name, for the ratio table. */
-class ratioReporter : public benchmark::BenchmarkReporter
-{
-public:
-    explicit ratioReporter(benchmark::BenchmarkReporter* displayReporter) : display(displayReporter)
-    {}
-
-    bool ReportContext(const Context& context) override { return display->ReportContext(context); }
-
-    void ReportRuns(const std::vector<Run>& runs) override
-    {
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration) {
-                continue;
-            }
-            if (run.error_occurred || run.iterations <= 0) {
-                failed = true;
-                continue;
-            }
-            const auto iterations = static_cast<double>(run.iterations);
-            repetitionTimes& times = measured[run.run_name.function_name];
-            times.cpu.push_back(run.cpu_accumulated_time * 1e9 / iterations);
-            times.real.push_back(run.real_accumulated_time * 1e9 / iterations);
-        }
-        display->ReportRuns(runs);
-    }
-
-    void Finalize() override { display->Finalize(); }
-
-    bool anyFailed() const { return failed; }
-
-    /** Per pair: the median CPU times, the range of the per-repetition CPU-time ratios, and the
-     *  median real-time ratio. CPU time leads because a shared machine steals wall-clock time
-     *  from whichever side happens to be running; a large gap between the two ratios means the
-     *  run was disturbed. */
-    void printSummary(std::ostream& out) const
-    {
-        char line[200];
-        out << "\nlibrary/direct ratios per iteration (CPU time; real-time median for "
-               "comparison)\n";
-        (void)std::snprintf(line, sizeof line, "%-26s %4s %10s %10s %6s %6s %6s %6s %5s  %s\n",
-                            "pair", "reps", "library ns", "direct ns", "min", "median", "max",
-                            "real", "goal", "median");
-        out << line;
-        for (const benchPair& pair : kPairs) {
-            const auto library = measured.find(pair.library);
-            const auto direct = measured.find(pair.direct);
-            if (library == measured.end() || direct == measured.end()) {
-                (void)std::snprintf(line, sizeof line, "%-26s %4s\n", pair.label, "-");
-                out << line;
-                continue;
-            }
-            const ratioRange cpu = ratios(library->second.cpu, direct->second.cpu);
-            const ratioRange real = ratios(library->second.real, direct->second.real);
-            (void)std::snprintf(
-                line, sizeof line, "%-26s %4zu %10.1f %10.1f %6.2f %6.2f %6.2f %6.2f %5.1f  %s\n",
-                pair.label, std::min(library->second.cpu.size(), direct->second.cpu.size()),
-                median(library->second.cpu), median(direct->second.cpu), cpu.min, cpu.median,
-                cpu.max, real.median, pair.goal, cpu.median <= pair.goal ? "within" : "OVER");
-            out << line;
-        }
-    }
-
-private:
-    benchmark::BenchmarkReporter* display; ///< owned by the benchmark library
-    std::map<std::string, repetitionTimes> measured;
-    bool failed = false;
 };
 
 void registerBenchmarks(benchFrame& frame, const benchInputs& in)
@@ -586,40 +400,12 @@ void registerBenchmarks(benchFrame& frame, const benchInputs& in)
 
 int main(int argc, char** argv)
 {
-    // Five repetitions by default; a --benchmark_repetitions on the command line comes later and
-    // wins.
-    std::string repetitions = "--benchmark_repetitions=" + std::to_string(kDefaultRepetitions);
-    std::vector<char*> args{argv[0], repetitions.data()};
-    args.insert(args.end(), argv + 1, argv + argc);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) {
-        return 1;
-    }
-
-    benchFrame frame;
-    if (!frame.loadPlugin(VX_PLUGIN_DIR)) {
-        std::cerr << "crypto_bench: cannot load the plug-in from " << VX_PLUGIN_DIR << "\n";
-        vxBase::DumpStackTrace(std::cerr);
-        return 1;
-    }
     const benchInputs inputs;
-    if (!checkAgreement(frame, inputs)) {
-        vxBase::DumpStackTrace(std::cerr);
-        return 1;
-    }
-
-    registerBenchmarks(frame, inputs);
-    ratioReporter reporter(benchmark::CreateDefaultDisplayReporter());
-    (void)benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    reporter.printSummary(std::cout);
-
-    const bool latched = vxGlobal.stackTrace.errorLatch.load();
-    if (latched) {
-        vxBase::DumpStackTrace(std::cerr);
-    }
-    (void)benchFrame::close(frame.api);
-    return reporter.anyFailed() || latched ? 1 : 0;
+    return runBenchmarks(argc, argv, "crypto_bench", VX_PLUGIN_DIR, kPairs, [&](benchFrame& frame) {
+        if (!checkAgreement(frame, inputs)) {
+            return false;
+        }
+        registerBenchmarks(frame, inputs);
+        return true;
+    });
 }

@@ -1,6 +1,9 @@
 #include "vxTransportPair.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
+
+#include <initializer_list>
 
 namespace vxtest {
 
@@ -18,26 +21,41 @@ veltrix::vxBytes counting(uint32_t size, unsigned char start)
     return out;
 }
 
+bool closeChild(veltrix::vxBase& child)
+{
+    return !child.opened || (child.PreClose() && child.Close() && child.PostClose());
+}
+
 } // namespace
 
-bool transportEnd::open(testFrame& frame, uint32_t cipher, bool side, int fd)
+transportEnd::transportEnd()
 {
-    if (!frame.open(id, cipher) || !frame.open(keys, id, side) || !frame.open(header, side) ||
-        !frame.open(socket, side)) {
-        return false;
-    }
+    LVX_INIT_OBJECT();
+}
+
+transportEnd::~transportEnd()
+{
+    LVX_DESTRUCT();
+}
+
+bool transportEnd::Open(uint32_t cipher, bool side, int fd)
+{
+    LVX_CALL_OPEN(id, cipher);
+    LVX_CALL_OPEN(keys, id, side);
+    LVX_CALL_OPEN(header, side);
+    LVX_CALL_OPEN(socket, side);
     socket.sockFd = fd;
     return true;
 }
 
-void transportEnd::close()
+bool transportEnd::Close()
 {
-    for (veltrix::vxBase* object :
+    bool closed = true;
+    for (veltrix::vxBase* child :
          std::initializer_list<veltrix::vxBase*>{&socket, &header, &keys, &id}) {
-        if (object->opened) {
-            (void)testFrame::close(*object);
-        }
+        closed = closeChild(*child) && closed;
     }
+    return closed;
 }
 
 bool transportEnd::send(const veltrix::vxBytes& payload, uint32_t& wireSize)
@@ -77,22 +95,33 @@ bool transportEnd::receive(veltrix::vxBytes& payload)
            header.GetPayloadSize(size) && payload.CopyOffsets(0, size, body);
 }
 
-bool transportPair::open(testFrame& frame, uint32_t cipher)
-{
-    int fds[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
-        return false;
-    }
-    const veltrix::vxBytes seed0 = counting(16, 0x00);
-    const veltrix::vxBytes seed1 = counting(16, 0x10);
-    return server.open(frame, cipher, true, fds[0]) && client.open(frame, cipher, false, fds[1]) &&
-           server.keys.ReSeed(seed0, seed1) && client.keys.ReSeed(seed0, seed1);
-}
-
 void transportPair::close()
 {
-    server.close();
-    client.close();
+    for (transportEnd* end : {&server, &client}) {
+        (void)closeChild(*end);
+    }
+}
+
+bool transportPair::socketPair(int (&fds)[2])
+{
+    return socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0;
+}
+
+void transportPair::closeUnadopted(const int (&fds)[2]) const
+{
+    if (!server.opened) {
+        (void)::close(fds[0]);
+    }
+    if (!client.opened) {
+        (void)::close(fds[1]);
+    }
+}
+
+bool transportPair::seed()
+{
+    const veltrix::vxBytes seed0 = counting(16, 0x00);
+    const veltrix::vxBytes seed1 = counting(16, 0x10);
+    return server.keys.ReSeed(seed0, seed1) && client.keys.ReSeed(seed0, seed1);
 }
 
 } // namespace vxtest

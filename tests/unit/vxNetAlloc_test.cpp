@@ -1,6 +1,7 @@
 // The per-packet path allocates nothing once its buffers have grown: every global operator new and
 // every OpenSSL allocation is counted while warmed-up ends exchange packets of every size.
 
+#include "vxTest.h"
 #include "vxTransportPair.h"
 
 #include <openssl/crypto.h>

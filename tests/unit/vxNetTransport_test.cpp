@@ -3,6 +3,7 @@
 // by two ends over a socket pair: every length, thousands of packets both ways, command packets,
 // tampered and replayed packets.
 
+#include "vxTest.h"
 #include "vxTransportPair.h"
 
 #include <sys/socket.h>

@@ -1,0 +1,219 @@
+// Shared by the benchmark programs: the object frame that loads the plug-in, the timed loop, and
+// the reporter that turns each library/direct pair of benchmarks into a row of CPU-time ratios.
+#pragma once
+
+#include "vxGlobal.h"
+#include "vxMain.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vxbench {
+
+using namespace veltrix;
+
+/** The root of the benchmark's object tree: loads the plug-in and opens objects as an owner
+ *  would. */
+class benchFrame : public vxMain
+{
+public:
+    bool main(int /*argc*/, char** /*argv*/) override { return true; }
+
+    bool loadPlugin(const std::string& directory)
+    {
+        api.setSearchPath(directory);
+        return LoadPlugin("openssl");
+    }
+
+    template <class Child, class... Args> bool open(Child& child, Args&&... args)
+    {
+        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
+        return true;
+    }
+
+    /** PreClose, Close, PostClose; false at the first step that fails. */
+    static bool close(vxBase& child)
+    {
+        return child.PreClose() && child.Close() && child.PostClose();
+    }
+};
+
+/** Closes an object that is open; for the end of a scope. */
+inline void closeIfOpen(vxBase& child)
+{
+    if (child.opened) {
+        (void)benchFrame::close(child);
+    }
+}
+
+/** `size` bytes of a fixed, non-trivial pattern. */
+inline std::vector<unsigned char> pattern(size_t size, unsigned seed)
+{
+    std::vector<unsigned char> bytes(size);
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<unsigned char>((i * 131U + seed * 17U + 7U) & 0xFFU);
+    }
+    return bytes;
+}
+
+inline vxBytes asBytes(std::vector<unsigned char> bytes)
+{
+    vxBytes result;
+    result.bytes = std::move(bytes);
+    return result;
+}
+
+/** The timed loop every benchmark shares: `step` does one iteration's work and says whether it
+ *  succeeded; `output` is what the compiler must not optimise away. */
+template <class Step>
+void timeSteps(benchmark::State& state, bool ready, const char* what, size_t bytesPerStep,
+               const void* output, Step step)
+{
+    if (!ready) {
+        state.SkipWithError((std::string("cannot set up ") + what).c_str());
+        return;
+    }
+    for (auto _ : state) {
+        if (!step()) {
+            state.SkipWithError((std::string(what) + " failed").c_str());
+            break;
+        }
+        benchmark::DoNotOptimize(output);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytesPerStep));
+}
+
+/** A library benchmark and the direct benchmark it is measured against. */
+struct benchPair
+{
+    const char* label;
+    const char* library;
+    const char* direct;
+    double goal; ///< the library/direct ratio the library aims to stay within; 0 for none
+};
+
+inline double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    const size_t middle = values.size() / 2;
+    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+/** The times per iteration, in nanoseconds, of each repetition of one benchmark. */
+struct repetitionTimes
+{
+    std::vector<double> cpu;
+    std::vector<double> real;
+};
+
+/** min, median and max of the per-repetition ratios: repetition i of the library over
+ *  repetition i of the direct code. */
+struct ratioRange
+{
+    double min = 0;
+    double median = 0;
+    double max = 0;
+};
+
+inline ratioRange ratios(const std::vector<double>& library, const std::vector<double>& direct)
+{
+    std::vector<double> values;
+    for (size_t i = 0; i < std::min(library.size(), direct.size()); ++i) {
+        values.push_back(library[i] / direct[i]);
+    }
+    return {*std::min_element(values.begin(), values.end()), median(values),
+            *std::max_element(values.begin(), values.end())};
+}
+
+/** Passes every run on to the display reporter and keeps the times per iteration of each
+ *  repetition, by benchmark name, for the ratio table. */
+class ratioReporter : public benchmark::BenchmarkReporter
+{
+public:
+    ratioReporter(benchmark::BenchmarkReporter* displayReporter, std::vector<benchPair> table)
+        : display(displayReporter), pairs(std::move(table))
+    {}
+
+    bool ReportContext(const Context& context) override { return display->ReportContext(context); }
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        for (const Run& run : runs) {
+            if (run.run_type != Run::RT_Iteration) {
+                continue;
+            }
+            if (run.error_occurred || run.iterations <= 0) {
+                failed = true;
+                continue;
+            }
+            const auto iterations = static_cast<double>(run.iterations);
+            repetitionTimes& times = measured[run.run_name.function_name];
+            times.cpu.push_back(run.cpu_accumulated_time * 1e9 / iterations);
+            times.real.push_back(run.real_accumulated_time * 1e9 / iterations);
+        }
+        display->ReportRuns(runs);
+    }
+
+    void Finalize() override { display->Finalize(); }
+
+    bool anyFailed() const { return failed; }
+
+    /** Per pair: the median CPU times, the range of the per-repetition CPU-time ratios, and the
+     *  median real-time ratio. CPU time leads because a shared machine steals wall-clock time
+     *  from whichever side happens to be running; a large gap between the two ratios means the
+     *  run was disturbed. */
+    void printSummary(std::ostream& out) const
+    {
+        char line[200];
+        out << "\nlibrary/direct ratios per iteration (CPU time; real-time median for "
+               "comparison)\n";
+        (void)std::snprintf(line, sizeof line, "%-30s %4s %10s %10s %6s %6s %6s %6s %5s  %s\n",
+                            "pair", "reps", "library ns", "direct ns", "min", "median", "max",
+                            "real", "goal", "median");
+        out << line;
+        for (const benchPair& pair : pairs) {
+            const auto library = measured.find(pair.library);
+            const auto direct = measured.find(pair.direct);
+            if (library == measured.end() || direct == measured.end()) {
+                (void)std::snprintf(line, sizeof line, "%-30s %4s\n", pair.label, "-");
+                out << line;
+                continue;
+            }
+            const ratioRange cpu = ratios(library->second.cpu, direct->second.cpu);
+            const ratioRange real = ratios(library->second.real, direct->second.real);
+            (void)std::snprintf(
+                line, sizeof line, "%-30s %4zu %10.1f %10.1f %6.2f %6.2f %6.2f %6.2f %5.2f  %s\n",
+                pair.label, std::min(library->second.cpu.size(), direct->second.cpu.size()),
+                median(library->second.cpu), median(direct->second.cpu), cpu.min, cpu.median,
+                cpu.max, real.median, pair.goal,
+                pair.goal <= 0 ? "-" : (cpu.median <= pair.goal ? "within" : "OVER"));
+            out << line;
+        }
+    }
+
+private:
+    benchmark::BenchmarkReporter* display; ///< owned by the benchmark library
+    std::vector<benchPair> pairs;
+    std::map<std::string, repetitionTimes> measured;
+    bool failed = false;
+};
+
+/** The common main: five repetitions unless the command line says otherwise, the plug-in loaded
+ *  from `pluginDir`, `prepare` run (agreement checks and registration; false ends the program),
+ *  the benchmarks run and the ratio table of `pairs` printed. Returns the exit status: nonzero
+ *  only when the program could not measure. */
+int runBenchmarks(int argc, char** argv, const char* program, const char* pluginDir,
+                  std::vector<benchPair> pairs, const std::function<bool(benchFrame&)>& prepare);
+
+} // namespace vxbench
