@@ -452,6 +452,28 @@ TEST_F(vxNetTransportTest, ACommandPacketIsAHeaderAloneWhoseBodyHmacCoversTheCha
     exchange(3, 100); // both directions carry on in step after a command
 }
 
+TEST_F(vxNetTransportTest, CommandCodesArriveMarkedAndRoundedUpToSixteen)
+{
+    ASSERT_TRUE(pair.open(frame, vxCipherId::aes256));
+    // code sent, padded size found by the receiver
+    const std::vector<std::pair<uint32_t, uint32_t>> cases = {
+        {1, 0xC0DE0010U},  {2, 0xC0DE0010U},       {16, 0xC0DE0010U}, {17, 0xC0DE0020U},
+        {20, 0xC0DE0020U}, {0xFFF0U, 0xC0DEFFF0U}, {0, 0xC0DE0000U},  {0xFFFFU, 0xC0DF0000U}};
+    for (const auto& [code, padded] : cases) {
+        for (transportEnd* from : {&pair.client, &pair.server}) {
+            transportEnd& to = from == &pair.client ? pair.server : pair.client;
+            ASSERT_TRUE(from->header.CreateCmdMessage(code, from->keys, &from->socket));
+            ASSERT_TRUE(to.header.ReadFromWire(to.keys, &to.socket)) << vxtest::dumpTrail();
+            uint32_t value = 0;
+            ASSERT_TRUE(to.header.GetPayloadSize(value));
+            EXPECT_EQ(value, 0xC0DE0000U | code);
+            ASSERT_TRUE(to.header.GetSizeWithPadding(value));
+            EXPECT_EQ(value, padded) << code;
+        }
+    }
+    exchange(2, 16);
+}
+
 TEST_F(vxNetTransportTest, EveryFlippedHeaderBitFailsThatHeaderOrTheNext)
 {
     for (uint32_t bit = 0; bit < 48 * 8; ++bit) {
