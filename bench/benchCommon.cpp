@@ -4,24 +4,11 @@
 
 namespace vxbench {
 
-namespace {
-
-constexpr int kDefaultRepetitions = 5;
-
-} // namespace
-
 int runBenchmarks(int argc, char** argv, const char* program, const char* pluginDir,
                   std::vector<benchPair> pairs, const std::function<bool(benchFrame&)>& prepare)
 {
-    // Five repetitions by default; a --benchmark_repetitions on the command line comes later and
-    // wins.
-    std::string repetitions = "--benchmark_repetitions=" + std::to_string(kDefaultRepetitions);
-    std::vector<char*> args{argv[0], repetitions.data()};
-    args.insert(args.end(), argv + 1, argv + argc);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
 

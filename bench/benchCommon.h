@@ -110,15 +110,15 @@ inline double median(std::vector<double> values)
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-/** The times per iteration, in nanoseconds, of each repetition of one benchmark. */
-struct repetitionTimes
+/** The times per iteration, in nanoseconds, of each round of one benchmark. */
+struct roundTimes
 {
     std::vector<double> cpu;
     std::vector<double> real;
 };
 
-/** min, median and max of the per-repetition ratios: repetition i of the library over
- *  repetition i of the direct code. */
+/** min, median and max of the per-round ratios: round i of the library over
+ *  round i of the direct code. */
 struct ratioRange
 {
     double min = 0;
@@ -137,7 +137,7 @@ inline ratioRange ratios(const std::vector<double>& library, const std::vector<d
 }
 
 /** Passes every run on to the display reporter and keeps the times per iteration of each
- *  repetition, by benchmark name, for the ratio table. */
+ *  round, by benchmark name, for the ratio table. */
 class ratioReporter : public benchmark::BenchmarkReporter
 {
 public:
@@ -158,7 +158,7 @@ public:
                 continue;
             }
             const auto iterations = static_cast<double>(run.iterations);
-            repetitionTimes& times = measured[run.run_name.function_name];
+            roundTimes& times = measured[run.run_name.function_name];
             times.cpu.push_back(run.cpu_accumulated_time * 1e9 / iterations);
             times.real.push_back(run.real_accumulated_time * 1e9 / iterations);
         }
@@ -169,7 +169,7 @@ public:
 
     bool anyFailed() const { return failed; }
 
-    /** Per pair: the median CPU times, the range of the per-repetition CPU-time ratios, and the
+    /** Per pair: the median CPU times, the range of the per-round CPU-time ratios, and the
      *  median real-time ratio. CPU time leads because a shared machine steals wall-clock time
      *  from whichever side happens to be running; a large gap between the two ratios means the
      *  run was disturbed. */
@@ -178,22 +178,22 @@ public:
         char line[200];
         out << "\nlibrary/direct ratios per iteration (CPU time; real-time median for "
                "comparison)\n";
-        (void)std::snprintf(line, sizeof line, "%-30s %4s %10s %10s %6s %6s %6s %6s %5s  %s\n",
-                            "pair", "reps", "library ns", "direct ns", "min", "median", "max",
+        (void)std::snprintf(line, sizeof line, "%-30s %6s %10s %10s %6s %6s %6s %6s %5s  %s\n",
+                            "pair", "rounds", "library ns", "direct ns", "min", "median", "max",
                             "real", "goal", "median");
         out << line;
         for (const benchPair& pair : pairs) {
             const auto library = measured.find(pair.library);
             const auto direct = measured.find(pair.direct);
             if (library == measured.end() || direct == measured.end()) {
-                (void)std::snprintf(line, sizeof line, "%-30s %4s\n", pair.label, "-");
+                (void)std::snprintf(line, sizeof line, "%-30s %6s\n", pair.label, "-");
                 out << line;
                 continue;
             }
             const ratioRange cpu = ratios(library->second.cpu, direct->second.cpu);
             const ratioRange real = ratios(library->second.real, direct->second.real);
             (void)std::snprintf(
-                line, sizeof line, "%-30s %4zu %10.1f %10.1f %6.2f %6.2f %6.2f %6.2f %5.2f  %s\n",
+                line, sizeof line, "%-30s %6zu %10.1f %10.1f %6.2f %6.2f %6.2f %6.2f %5.2f  %s\n",
                 pair.label, std::min(library->second.cpu.size(), direct->second.cpu.size()),
                 median(library->second.cpu), median(direct->second.cpu), cpu.min, cpu.median,
                 cpu.max, real.median, pair.goal,
@@ -205,11 +205,27 @@ public:
 private:
     benchmark::BenchmarkReporter* display; ///< owned by the benchmark library
     std::vector<benchPair> pairs;
-    std::map<std::string, repetitionTimes> measured;
+    std::map<std::string, roundTimes> measured;
     bool failed = false;
 };
 
-/** The common main: five repetitions unless the command line says otherwise, the plug-in loaded
+/** How often each pair is measured. */
+constexpr int kRounds = 5;
+
+/** Registers the library benchmark and its direct counterpart alternately, kRounds times each.
+ *  The machine's speed drifts by tens of percent over seconds here, so measuring every round of
+ *  one side right after the same round of the other keeps the drift out of their ratio; the
+ *  reporter pairs round i of the library with round i of the direct code. */
+template <class Library, class Direct>
+void registerPair(const benchPair& pair, Library library, Direct direct)
+{
+    for (int round = 0; round < kRounds; ++round) {
+        benchmark::RegisterBenchmark(pair.library, library);
+        benchmark::RegisterBenchmark(pair.direct, direct);
+    }
+}
+
+/** The common main: the plug-in loaded
  *  from `pluginDir`, `prepare` run (agreement checks and registration; false ends the program),
  *  the benchmarks run and the ratio table of `pairs` printed. Returns the exit status: nonzero
  *  only when the program could not measure. */

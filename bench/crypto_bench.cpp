@@ -9,7 +9,7 @@
 // The ratios are a measurement, not a verdict: the exit status is nonzero only when the run
 // cannot measure at all (the plug-in does not load, a library call fails, the results differ).
 //
-//   crypto_bench [benchmark options]    (five repetitions unless --benchmark_repetitions is given)
+//   crypto_bench [benchmark options]    (each pair measured five times, alternately)
 #include "benchCommon.h"
 
 #include <benchmark/benchmark.h>
@@ -380,19 +380,21 @@ void registerBenchmarks(benchFrame& frame, const benchInputs& in)
     const std::pair<uint32_t, const benchPair*> digests[] = {{vxHashId::md5, &kPairs[0]},
                                                              {vxHashId::sha256, &kPairs[1]}};
     for (const auto& [hash, pair] : digests) {
-        benchmark::RegisterBenchmark(pair->library, benchLibraryDigest, std::ref(frame),
-                                     std::cref(in), hash);
-        benchmark::RegisterBenchmark(pair->direct, benchDirectDigest, std::cref(in), hash);
+        registerPair(
+            *pair,
+            [&frame, &in, hash = hash](auto& state) { benchLibraryDigest(state, frame, in, hash); },
+            [&in, hash = hash](auto& state) { benchDirectDigest(state, in, hash); });
     }
-    benchmark::RegisterBenchmark(kPairs[2].library, benchLibraryCipher, std::ref(frame),
-                                 std::cref(in));
-    benchmark::RegisterBenchmark(kPairs[2].direct, benchDirectCipher, std::cref(in));
+    registerPair(
+        kPairs[2], [&frame, &in](auto& state) { benchLibraryCipher(state, frame, in); },
+        [&in](auto& state) { benchDirectCipher(state, in); });
     const std::pair<uint32_t, const benchPair*> keyed[] = {{vxHashId::sha256, &kPairs[3]},
                                                            {vxHashId::md5, &kPairs[4]}};
     for (const auto& [hash, pair] : keyed) {
-        benchmark::RegisterBenchmark(pair->library, benchLibraryKeyed, std::ref(frame),
-                                     std::cref(in), hash);
-        benchmark::RegisterBenchmark(pair->direct, benchDirectKeyed, std::cref(in), hash);
+        registerPair(
+            *pair,
+            [&frame, &in, hash = hash](auto& state) { benchLibraryKeyed(state, frame, in, hash); },
+            [&in, hash = hash](auto& state) { benchDirectKeyed(state, in, hash); });
     }
 }
 

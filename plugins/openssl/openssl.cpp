@@ -610,10 +610,13 @@ bool runCipherBlock(vxPluginStorage* st, const vxByteVector* in, vxByteVector* o
     }
     // ECB without padding on exactly one block: Update delivers the whole block at once and
     // keeps nothing back, so the context is ready for the next block without a Final.
-    EVP_CIPHER_CTX* ctx = encrypt ? state->encrypt.get() : state->decrypt.get();
+    // The direction's own Update: EVP_CipherUpdate would only dispatch to it, once per block.
     constexpr int kBlockLength = static_cast<int>(kBlockSize);
     int produced = 0;
-    const bool done = EVP_CipherUpdate(ctx, out->data(), &produced, in->data(), kBlockLength) == 1;
+    const bool done = (encrypt ? EVP_EncryptUpdate(state->encrypt.get(), out->data(), &produced,
+                                                   in->data(), kBlockLength)
+                               : EVP_DecryptUpdate(state->decrypt.get(), out->data(), &produced,
+                                                   in->data(), kBlockLength)) == 1;
     if (!done || produced != kBlockLength) {
         return fail();
     }
