@@ -412,7 +412,7 @@ bool vxHmacMd::Final()
 
 bool vxHmacMd::GetBytes(vxBytes& mac)
 {
-    mac = result;
+    mac.bytes = result.bytes;
     return true;
 }
 

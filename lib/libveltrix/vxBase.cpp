@@ -269,17 +269,21 @@ void vxBase::addMessage(const char* file, unsigned int line, const char* format,
     vxGlobal.stackTrace.addMessage(file, text, line);
 }
 
-void vxBase::addMessageWithErrno(const char* format, ...) const
+std::string lvxErrnoText(int error)
 {
-    const int error = errno;
     char reason[128] = "";
     // The GNU strerror_r may return a static text instead of filling the buffer.
-    const char* text = strerror_r(error, reason, sizeof reason);
+    return strerror_r(error, reason, sizeof reason);
+}
+
+void vxBase::addMessageWithErrno(const char* format, ...) const
+{
+    const std::string reason = lvxErrnoText(errno);
     va_list args;
     va_start(args, format);
     const std::string message = vformat(format, args);
     va_end(args);
-    vxGlobal.stackTrace.addMessage(message + text);
+    vxGlobal.stackTrace.addMessage(message + reason);
 }
 
 void vxBase::recordEvent(const char* function, const char* file, int line, const char* format,

@@ -3,6 +3,8 @@
 
 #include "vxGlobal.h"
 
+#include <string>
+
 // Message texts, byte for byte (double and trailing blanks are part of them).
 #define LVX_MSG_UNABLE        "Unable to continue from previous error"
 #define LVX_MSG_EXPECTED_OPEN "Object in incorrect state:  Expected open. "
@@ -106,6 +108,18 @@
         }                                            \
     } while (0)
 
+/** The text of an errno value, as the errno variant of the message call appends it. */
+namespace veltrix {
+std::string lvxErrnoText(int error);
+} // namespace veltrix
+
+/** Records `text` followed by the text of the current errno, latches and returns false. */
+#define LVX_FAIL_ERRNO(text)                               \
+    do {                                                   \
+        const std::string lvxReason = lvxErrnoText(errno); \
+        LVX_FAIL("%s%s", text, lvxReason.c_str());         \
+    } while (0)
+
 /** The close protocol on a member: PreClose, Close, PostClose, each checked. */
 #define LVX_CALL_CLOSE(child)           \
     do {                                \
@@ -133,6 +147,29 @@
 #define LVX_MSG_SELECT_TIMEOUT "Select timeout expired."
 #define LVX_MSG_SHORT_SEND     "rv == (int)v.bytes.size()"
 #define LVX_MSG_SHORT_BLOCK    ""
+#define LVX_MSG_PORT_FIRST     "The port must be set before the address."
+#define LVX_MSG_RESOLVER       "Socket error: "
+#define LVX_MSG_SETSOCKOPT     "setsockopt failed: "
+#define LVX_MSG_NO_SOCKET      "Unable to create socket: "
+#define LVX_MSG_CONNECT        "connect() failed: "
+#define LVX_MSG_SELECT         "select() failed: "
+#define LVX_MSG_NO_PORT        "Port is not set."
+#define LVX_MSG_NO_ADDRESS     "Address is not set."
+#define LVX_MSG_LINGER         "setsockopt() failed: "
+#define LVX_MSG_BIND           "bind() failed: "
+#define LVX_MSG_LISTEN         "listen() failed: "
+#define LVX_MSG_IPV6_NAME      "Unimplmeneted ipv6 name"
+#define LVX_SOCKET_LOG         "/tmp/fw/log/vxNetSocket.log"
+// Encrypted socket.
+#define LVX_MSG_REKEY_REQUEST "Process a key re-exchange request."
+#define LVX_MSG_UNKNOWN_CMD   "fail"
+// Handshake.
+#define LVX_MSG_BAD_RESPONSE   "( decrypted == correctResponse )"
+#define LVX_MSG_VERSION_REPORT "RecvProtocolVersion : error receiving protocol:: encrypted size="
+#define LVX_MSG_VERSION_SIZE2  ", decrypted size="
+// Server.
+#define LVX_MSG_ID_SET   "__clientIdSet == false"
+#define LVX_MSG_ID_UNSET "__clientIdSet == true"
 // Protocol statistics.
 #define LVX_MSG_BYTES_SUFFIX " bytes."
 

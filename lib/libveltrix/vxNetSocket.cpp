@@ -1,15 +1,26 @@
-// The plain TCP socket: fixed-size blocks in the clear.
+// The plain TCP socket (fixed-size blocks in the clear), kept socket options, and the encrypted
+// socket's packets and commands.
 #include "vxNetSocket.h"
 
 #include "vxGuard.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <new>
+#include <sstream>
+#include <vector>
 
 namespace veltrix {
 
@@ -40,9 +51,57 @@ int secondsToMillis(uint32_t seconds)
                : static_cast<int>(seconds) * kMillisPerSecond;
 }
 
+/** Sets or clears `flag` in the descriptor's status flags. */
+bool changeFlags(int fd, int flag, bool on)
+{
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags == -1) {
+        return false; // quiet: the caller records the failure
+    }
+    return fcntl(fd, F_SETFL, on ? (flags | flag) : (flags & ~flag)) != -1;
+}
+
+/** Every encrypted message is written as two sends, header and body. With the coalescing of
+ *  small segments on, the body waits for the peer's delayed acknowledgement of the header (some
+ *  40 ms on Linux) on every message that answers another. The bytes on the wire are the same
+ *  either way; a descriptor that refuses the option only loses speed. */
+void sendSegmentsAtOnce(int fd)
+{
+    const int on = 1;
+    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+/** The bind log: each line appended and flushed at once. When the file cannot be opened (its
+ *  directory is missing) the lines are lost and binding goes on. A line never disturbs errno,
+ *  which the failure that follows it reports. */
+class socketLog
+{
+public:
+    socketLog() : file(LVX_SOCKET_LOG, std::ios::app) {}
+
+    void line(const std::string& text)
+    {
+        const int saved = errno;
+        file << text << '\n' << std::flush;
+        errno = saved;
+    }
+
+private:
+    std::ofstream file;
+};
+
 } // namespace
 
-LVX_DEFINE_LIFECYCLE(vxNetSocket)
+vxNetSocket::vxNetSocket()
+{
+    LVX_INIT_OBJECT();
+}
+
+vxNetSocket::~vxNetSocket()
+{
+    LVX_DESTRUCT();
+    release();
+}
 
 bool vxNetSocket::Open(bool isOrigin)
 {
@@ -50,8 +109,7 @@ bool vxNetSocket::Open(bool isOrigin)
     if (opened) {
         LVX_FAIL(LVX_MSG_EXPECTED_CLOSED, initLine, static_cast<int>(openLine));
     }
-    aitop = nullptr;
-    sockFd = -1;
+    release(); // no resolver list and no descriptor
     soTimeout = 0;
     origin = isOrigin;
     soBacklog = kDefaultBacklog;
@@ -65,17 +123,27 @@ bool vxNetSocket::Open(bool isOrigin)
 
 bool vxNetSocket::Close()
 {
+    release();
+    packetBuffer.reset();
+    return true;
+}
+
+void vxNetSocket::release()
+{
     if (aitop != nullptr) {
         freeaddrinfo(aitop);
         aitop = nullptr;
     }
-    packetBuffer.reset();
+    releaseDescriptor();
+}
+
+void vxNetSocket::releaseDescriptor()
+{
     if (sockFd != -1) {
         (void)shutdown(sockFd, SHUT_RDWR);
         (void)close(sockFd);
         sockFd = -1;
     }
-    return true;
 }
 
 bool vxNetSocket::setPort(const std::string& port)
@@ -114,6 +182,185 @@ bool vxNetSocket::setKeyExchangeMode(uint8_t mode)
         return false; // quiet: only one mode exists
     }
     soMode = mode;
+    return true;
+}
+
+bool vxNetSocket::setAddress(const std::string& address)
+{
+    LVX_GUARD_LATCH();
+    LVX_ENSURE(!soPort.empty(), LVX_MSG_PORT_FIRST);
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_family = address.find(':') != std::string::npos ? AF_INET6 : AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    if (aitop != nullptr) {
+        freeaddrinfo(aitop);
+        aitop = nullptr;
+    }
+    const int resolved = getaddrinfo(address.c_str(), soPort.c_str(), &hints, &aitop);
+    if (resolved != 0) {
+        aitop = nullptr;
+        LVX_FAIL("%s%s", LVX_MSG_RESOLVER, gai_strerror(resolved));
+    }
+    soAddress = address;
+    return true;
+}
+
+bool vxNetSocket::setNonBlocking()
+{
+    return changeFlags(sockFd, O_NONBLOCK, true);
+}
+
+bool vxNetSocket::setBlocking()
+{
+    return changeFlags(sockFd, O_NONBLOCK, false);
+}
+
+bool vxNetSocket::setSockOpt(uint32_t optionName, bool on)
+{
+    const int value = on ? 1 : 0;
+    if (setsockopt(sockFd, SOL_SOCKET, static_cast<int>(optionName), &value, sizeof value) != 0) {
+        LVX_FAIL_ERRNO(LVX_MSG_SETSOCKOPT);
+    }
+    return true;
+}
+
+void vxNetSocket::newDescriptor()
+{
+    releaseDescriptor(); // a retried connect must not leak the attempt before
+    sockFd = ::socket(aitop->ai_family, aitop->ai_socktype, aitop->ai_protocol);
+}
+
+bool vxNetSocket::Connect()
+{
+    LVX_GUARD();
+    LVX_ENSURE(aitop != nullptr, LVX_MSG_NO_ADDRESS);
+    newDescriptor();
+    if (sockFd < 1) {
+        LVX_FAIL_ERRNO(LVX_MSG_NO_SOCKET);
+    }
+    LVX_CHECK(setSockOpt(SO_KEEPALIVE, true));
+    sendSegmentsAtOnce(sockFd);
+    if (connectTimeout != 0) {
+        LVX_CHECK(setNonBlocking());
+    }
+    if (connect(sockFd, aitop->ai_addr, aitop->ai_addrlen) != 0 && errno != EINPROGRESS) {
+        LVX_FAIL_ERRNO(LVX_MSG_CONNECT);
+    }
+    if (connectTimeout == 0) {
+        return true;
+    }
+    return awaitConnect();
+}
+
+bool vxNetSocket::awaitConnect()
+{
+    pollfd fds[1] = {{sockFd, POLLOUT, 0}};
+    const int ready = ::poll(fds, 1, secondsToMillis(connectTimeout));
+    if (ready == 0) {
+        return false; // quiet: the peer did not answer in time; the caller may retry
+    }
+    if (ready < 0) {
+        LVX_FAIL_ERRNO(LVX_MSG_SELECT);
+    }
+    // A refused connection is writable too; it shows on the first receive.
+    LVX_CHECK(setBlocking());
+    return true;
+}
+
+bool vxNetSocket::BindAndListen()
+{
+    LVX_GUARD();
+    socketLog log;
+    log.line(" BindAndListen begin");
+    LVX_ENSURE(!soPort.empty(), LVX_MSG_NO_PORT);
+    LVX_ENSURE(!soAddress.empty() && aitop != nullptr, LVX_MSG_NO_ADDRESS);
+    log.line("Port: " + soPort + " soAddress: " + soAddress);
+    newDescriptor();
+    log.line(" BindAndListen sockFd: " + std::to_string(sockFd));
+    if (sockFd <= 0) {
+        LVX_FAIL_ERRNO(LVX_MSG_NO_SOCKET);
+    }
+    log.line(" BindAndListen 2 ");
+    const linger lingerOn{1, 1};
+    const int lingerSet = setsockopt(sockFd, SOL_SOCKET, SO_LINGER, &lingerOn, sizeof lingerOn);
+    log.line(" BindAndListen setsockopt err: " + std::to_string(lingerSet));
+    if (lingerSet != 0) {
+        LVX_FAIL_ERRNO(LVX_MSG_LINGER);
+    }
+    LVX_CHECK(setSockOpt(SO_REUSEADDR, true));
+    LVX_CHECK(setSockOpt(SO_KEEPALIVE, true));
+    log.line(" BindAndListen to bind ");
+    const int bound = bind(sockFd, aitop->ai_addr, aitop->ai_addrlen);
+    log.line(" BindAndListen bind error : " + std::to_string(bound));
+    if (bound != 0) {
+        LVX_FAIL_ERRNO(LVX_MSG_BIND);
+    }
+    const int listening = listen(sockFd, static_cast<int>(soBacklog));
+    log.line(" BindAndListen listen: err : " + std::to_string(listening));
+    if (listening != 0) {
+        LVX_FAIL_ERRNO(LVX_MSG_LISTEN);
+    }
+    LVX_CHECK(setNonBlocking());
+    log.line(" BindAndListen after setNonBlocking ");
+    return true;
+}
+
+bool vxNetSocket::Accept(vxNetSocket& conn)
+{
+    sockaddr_in peer{};
+    int fd = -1;
+    do {
+        socklen_t length = sizeof peer;
+        fd = accept(sockFd, reinterpret_cast<sockaddr*>(&peer), &length);
+    } while (fd == -1 && errno == EINTR);
+    if (fd == -1) {
+        return false; // quiet: nothing pending on the non-blocking listener, or a lost peer
+    }
+    conn.sockFd = fd;
+    sendSegmentsAtOnce(fd);
+    LVX_CHECK(conn.setNodeName(peer));
+    return true;
+}
+
+bool vxNetSocket::setNodeName(const sockaddr_in& address)
+{
+    char text[INET_ADDRSTRLEN] = "";
+    (void)inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    nodeName = text;
+    return true;
+}
+
+bool vxNetSocket::setNodeName(const sockaddr_in6& /*address*/)
+{
+    nodeName = LVX_MSG_IPV6_NAME;
+    return false; // quiet: IPv6 peers have no name yet
+}
+
+bool vxNetSocket::dumpSocketInfo()
+{
+    int family = 0;
+    int socketType = 0;
+    int protocol = 0;
+    std::vector<unsigned char> address;
+    if (aitop != nullptr) {
+        family = aitop->ai_family;
+        socketType = aitop->ai_socktype;
+        protocol = aitop->ai_protocol;
+        const auto* first = reinterpret_cast<const unsigned char*>(aitop->ai_addr);
+        address.assign(first, first + aitop->ai_addrlen);
+    }
+    // Rendered apart, so no flag of the caller's stream changes a line.
+    std::ostringstream out;
+    out << "origin: " << (origin ? 1 : 0) << "\ndoDisconnect: " << (doDisconnect ? 1 : 0)
+        << "\nsoMode: " << static_cast<char>(soMode) << "\nsockFd: " << sockFd
+        << "\nconnectTimeout: " << connectTimeout << "\nwakeupFd: " << wakeupFd
+        << "\nsoPort: " << soPort << "\nsoSecret: " << soSecret << "\nsoAddress: " << soAddress
+        << "\nnodeName: " << nodeName << "\nsoTimeout: " << soTimeout
+        << "\naitop info: family: " << family << " socktype: " << socketType
+        << " protocol: " << protocol << "\naitop info: ai_addr: " << hexString(address).text
+        << " ai_addrlen: " << address.size() << '\n';
+    std::cout << out.str() << std::flush;
     return true;
 }
 
@@ -202,6 +449,212 @@ bool vxNetSocket::GetNodeName(std::string& peerName)
 {
     LVX_GUARD();
     peerName = nodeName;
+    return true;
+}
+
+LVX_DEFINE_LIFECYCLE(vxNetSockoptProperties)
+
+bool vxNetSockoptProperties::Open()
+{
+    return true;
+}
+
+bool vxNetSockoptProperties::Close()
+{
+    value.reset();
+    return true;
+}
+
+bool vxNetSockoptProperties::Set(int32_t optionLevel, int32_t optionName, const void* optionValue,
+                                 uint32_t length)
+{
+    level = optionLevel;
+    name = optionName;
+    len = length;
+    value.reset();
+    if (length == 0) {
+        return true;
+    }
+    // NOLINTNEXTLINE(modernize-make-unique): an allocation failure is a result, not an exception
+    value.reset(new (std::nothrow) unsigned char[length]());
+    if (!value) {
+        return false; // quiet: the caller judges a failed allocation
+    }
+    if (optionValue != nullptr) {
+        std::memcpy(value.get(), optionValue, length);
+    }
+    return true;
+}
+
+bool vxNetSockoptProperties::Apply(int32_t fd)
+{
+    return setsockopt(fd, level, name, value.get(), len) == 0;
+}
+
+namespace {
+
+/** The command mark in the upper half of a header's size field. */
+constexpr uint32_t kCommandMark = 0xC0DEU;
+constexpr uint32_t kCmdDisconnect = 1;
+constexpr uint32_t kCmdReKeyRequest = 2;
+/** The bytes a receiver reads and drops after a command header. */
+constexpr uint32_t kCommandTrailer = 16;
+/** What a sent disconnect command counts in the statistics. */
+constexpr uint32_t kCommandCountedBytes = 64;
+
+struct modeName
+{
+    const char* text;
+    uint32_t number;
+};
+
+constexpr modeName kCipherModes[] = {{"none", 1}, {"aes128", 2}, {"aes192", 3}, {"aes256", 4}};
+// "sha512" is 4 and "sha384" 5: the digest identifiers' own numbering.
+constexpr modeName kHashModes[] = {{"md5", 1},    {"sha1", 2},   {"sha256", 3},
+                                   {"sha512", 4}, {"sha384", 5}, {"sha256-128", 19}};
+
+template <size_t N>
+bool modeNumber(const modeName (&table)[N], const std::string& text, uint32_t& number)
+{
+    for (const modeName& mode : table) {
+        if (text == mode.text) {
+            number = mode.number;
+            return true;
+        }
+    }
+    return false; // quiet: unknown names are the caller's to judge
+}
+
+} // namespace
+
+LVX_DEFINE_LIFECYCLE(vxNetEncryptedSocket)
+
+bool vxNetEncryptedSocket::Open(const std::string& cipherMode, const std::string& hashMode,
+                                vxNetSocket* plain)
+{
+    uint32_t cipherNumber = 0;
+    uint32_t hashNumber = 0;
+    if (!modeNumber(kCipherModes, cipherMode, cipherNumber) ||
+        !modeNumber(kHashModes, hashMode, hashNumber)) {
+        return false; // quiet: an unknown mode name
+    }
+    LVX_CALL_OPEN(cipherId, cipherNumber);
+    LVX_CALL_OPEN(hashId, hashNumber);
+    LVX_CALL_OPEN(keys, cipherId, plain->origin);
+    LVX_CALL_OPEN(workBuffer);
+    LVX_CALL_OPEN(bodyBuffer);
+    LVX_CALL_OPEN(stats);
+    LVX_CALL_OPEN(header, plain->origin);
+    socket = plain;
+    return true;
+}
+
+bool vxNetEncryptedSocket::Open(const std::string& cipherMode, vxNetSocket* plain)
+{
+    return Open(cipherMode, "md5", plain);
+}
+
+bool vxNetEncryptedSocket::Close()
+{
+    LVX_CALL_CLOSE(header);
+    LVX_CALL_CLOSE(cipherId);
+    LVX_CALL_CLOSE(hashId);
+    LVX_CALL_CLOSE(keys);
+    LVX_CALL_CLOSE(stats);
+    LVX_CALL_CLOSE(workBuffer);
+    LVX_CALL_CLOSE(bodyBuffer);
+    return true;
+}
+
+bool vxNetEncryptedSocket::SendEncrypted(const vxBytes& payload)
+{
+    LVX_GUARD();
+    LVX_CHECK(header.CreateFromPayload(keys, payload));
+    workBuffer.bytes.clear();
+    bodyBuffer.bytes.clear();
+    LVX_CHECK(workBuffer.CopyBack(payload));
+    LVX_CHECK(header.GetBodyPadding(bodyBuffer));
+    LVX_CHECK(workBuffer.CopyBack(bodyBuffer));
+    LVX_CHECK(keys.Encrypt(workBuffer, bodyBuffer));
+    workBuffer.bytes.clear();
+    LVX_CHECK(header.GetEncryptedHeader(workBuffer));
+    LVX_CHECK(socket->SendPlaintext(workBuffer));
+    LVX_CHECK(socket->SendPlaintext(bodyBuffer));
+    LVX_CHECK(stats.UpdateSendStats(workBuffer));
+    LVX_CHECK(stats.UpdateSendStats(bodyBuffer));
+    return ProcessReKey();
+}
+
+bool vxNetEncryptedSocket::RecvEncrypted(vxBytes& bytes)
+{
+    LVX_GUARD();
+    header.Clear();
+    LVX_CHECK(header.ReadFromWire(keys, socket));
+    if (socket->wakeupSeen) {
+        return true;
+    }
+    workBuffer.bytes.clear();
+    bodyBuffer.bytes.clear();
+    uint32_t padded = 0;
+    LVX_CHECK(header.GetSizeWithPadding(padded));
+    if ((padded >> 16U) == kCommandMark) {
+        LVX_CHECK(ProcessCommandPacket(padded));
+        return true;
+    }
+    LVX_CHECK(socket->RecvPlaintext(padded, workBuffer));
+    if (socket->wakeupSeen) {
+        return true;
+    }
+    LVX_CHECK(keys.Decrypt(workBuffer, bodyBuffer));
+    workBuffer.bytes.clear();
+    LVX_CHECK(keys.chain.GetMagic(workBuffer));
+    LVX_CHECK(header.ValidateHmacBody(workBuffer, bodyBuffer));
+    bytes.bytes.clear();
+    uint32_t payloadSize = 0;
+    LVX_CHECK(header.GetPayloadSize(payloadSize));
+    LVX_CHECK(bytes.CopyOffsets(0, payloadSize, bodyBuffer));
+    LVX_CHECK(header.GetSizeWithPadding(padded));
+    LVX_CHECK(stats.UpdateRecvStats(padded));
+    return true;
+}
+
+bool vxNetEncryptedSocket::SendClientDisconnect()
+{
+    LVX_GUARD();
+    LVX_CHECK(header.CreateCmdMessage(kCmdDisconnect, keys, socket));
+    LVX_CHECK(stats.UpdateSendStats(kCommandCountedBytes));
+    return true;
+}
+
+bool vxNetEncryptedSocket::ProcessCommandPacket(uint32_t sizeField)
+{
+    LVX_GUARD_LATCH();
+    // The sender writes nothing after a command header; these 16 bytes come from the peer's
+    // next packet or never (its close, a time-out or the wake-up pipe end the wait).
+    LVX_CHECK(socket->RecvPlaintext(kCommandTrailer, workBuffer));
+    if (socket->wakeupSeen) {
+        return true;
+    }
+    workBuffer.bytes.clear();
+    // The receiver rounded the hidden 0xC0DE0000 | code up to a multiple of 16: codes 1 to 16
+    // all read back as 1 here.
+    const uint32_t code = (sizeField - 15U) & 0xFFFFU;
+    if (code == kCmdDisconnect) {
+        socket->doDisconnect = true;
+        return true;
+    }
+    if (code == kCmdReKeyRequest) {
+        std::cout << LVX_MSG_REKEY_REQUEST << std::endl;
+        return true;
+    }
+    std::cout << LVX_MSG_UNKNOWN_CMD << std::endl;
+    return false; // recorded: by RecvEncrypted, which received the command
+}
+
+bool vxNetEncryptedSocket::ProcessReKey()
+{
+    // The policy is consulted on every send, but no re-exchange is ever started from here.
+    (void)stats.NeedReKey();
     return true;
 }
 

@@ -1,19 +1,30 @@
-// The plain TCP socket: fixed-size blocks in the clear, a receive that a wake-up pipe can release.
+// The plain TCP socket (fixed-size blocks in the clear, a receive that a wake-up pipe can
+// release), one socket option kept for later descriptors, and the encrypted socket on top.
+//
+// Every failure in these classes sets the process-wide error latch: from then on every guarded
+// operation in the process refuses with "Unable to continue from previous error" until the
+// application clears the trail. A broken connection is therefore the end of the session.
 #pragma once
 
 #include "network.h"
 #include "vxBytes.h"
+#include "vxNetStats.h"
+#include "vxNetTransport.h"
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
 struct addrinfo;
+struct sockaddr_in;
+struct sockaddr_in6;
 
 namespace veltrix {
 
-/** One TCP endpoint. A socket is used by one thread at a time; the wake-up pipe is the one
- *  cross-thread device. */
+/** One TCP endpoint. Set the port, then the (numeric) address, then Connect, or BindAndListen
+ *  and Accept. A socket is used by one thread at a time; the wake-up pipe is the one cross-thread
+ *  device. Connected and accepted descriptors send small segments at once (TCP_NODELAY): an
+ *  encrypted message is two sends, and its body must not wait for the peer's acknowledgement. */
 class VX_API vxNetSocket : public vxBase
 {
 public:
@@ -36,6 +47,8 @@ public:
 
     vxNetSocket();
     LVX_NOT_COPYABLE(vxNetSocket);
+    /** Reports an open socket like every library object, and releases its descriptor and
+     *  resolver list even then. */
     ~vxNetSocket() override;
 
     using vxBase::Open;
@@ -53,6 +66,42 @@ public:
     bool setSoBacklog(uint32_t& backlog);
     /** Accepts only mode 2; false without a message otherwise. */
     bool setKeyExchangeMode(uint8_t mode);
+
+    /** Resolves a numeric IPv4 or IPv6 address (never a host name) with the port set before.
+     *  Fails with "The port must be set before the address." or "Socket error: " and the
+     *  resolver's text. */
+    bool setAddress(const std::string& address);
+    /** Set or clear O_NONBLOCK; false without a message when fcntl fails. */
+    bool setNonBlocking();
+    bool setBlocking();
+    /** A SOL_SOCKET option switched on or off. Fails with "setsockopt failed: " and the errno
+     *  text. */
+    bool setSockOpt(uint32_t name, bool on);
+    /** Creates the descriptor (SO_KEEPALIVE on) and connects to the resolved address. With a
+     *  connect time-out, a peer that does not answer in time gives a quiet false (no message,
+     *  latch clear, socket left non-blocking) that the caller may retry. A refused connection
+     *  is not reported here: it shows on the first receive. Fails with "Unable to create
+     *  socket: ", "connect() failed: " or "select() failed: " and the errno text, or "Address is
+     *  not set." without a resolved address. */
+    bool Connect();
+    /** Binds the resolved address and listens (SO_LINGER 1 s, SO_REUSEADDR, SO_KEEPALIVE), and
+     *  leaves the listening descriptor non-blocking: wait until it is readable before Accept.
+     *  Appends its progress to "/tmp/fw/log/vxNetSocket.log" when that directory exists (the
+     *  lines are lost otherwise; binding goes on). Fails with "Port is not set.", "Address is
+     *  not set.", or "Unable to create socket: ", "setsockopt() failed: ", "bind() failed: ",
+     *  "listen() failed: " and the errno text. */
+    bool BindAndListen();
+    /** Accepts one connection into `conn`, which must be open, and records the peer's IPv4
+     *  address as its node name. Nothing pending (the listening socket is non-blocking) or any
+     *  other accept error gives a quiet false. */
+    bool Accept(vxNetSocket& conn);
+    /** The address in dotted decimal, without the port. */
+    bool setNodeName(const sockaddr_in& address);
+    /** Not implemented: the node name becomes "Unimplmeneted ipv6 name" and the result is
+     *  false. */
+    bool setNodeName(const sockaddr_in6& address);
+    /** Every field, one per line, on standard output. */
+    bool dumpSocketInfo();
 
     /** Makes a pipe, keeps its read end and hands out the write end: one byte written into it
      *  releases a blocked RecvPlaintext. False without a message when pipe() fails. */
@@ -75,6 +124,94 @@ public:
 private:
     bool waitFirstReadiness();
     bool takeWakeup();
+    /** The descriptor of the first resolved address, kept in `sockFd`. */
+    void newDescriptor();
+    /** The wait of a connect with a time-out. */
+    bool awaitConnect();
+    /** Closes the descriptor and frees the resolver list. */
+    void release();
+    void releaseDescriptor();
+};
+
+/** One socket option (level, name, value bytes) kept to be applied to later descriptors. */
+class VX_API vxNetSockoptProperties : public vxBase
+{
+public:
+    int32_t level = 0;
+    int32_t name = 0; ///< the option name; hides the object name of vxBase
+    uint32_t len = 0;
+    std::unique_ptr<unsigned char[]> value; ///< a copy of the value; none when `len` is 0
+
+    vxNetSockoptProperties();
+    LVX_NOT_COPYABLE(vxNetSockoptProperties);
+    ~vxNetSockoptProperties() override;
+
+    /** Nothing to prepare; true. */
+    bool Open() override;
+    /** Frees the value. */
+    bool Close() override;
+    /** Keeps a copy of `len` bytes at `optionValue`. False when the copy cannot be allocated. */
+    bool Set(int32_t optionLevel, int32_t optionName, const void* optionValue, uint32_t length);
+    /** setsockopt on `fd`; true when it succeeded. */
+    bool Apply(int32_t fd);
+};
+
+/** Encrypted, authenticated messages over a connected plain socket, which it borrows and never
+ *  closes. Open it after the connect or accept, let the handshake seed its keys, then send and
+ *  receive. One thread drives it; there is no lock.
+ *
+ *  Both ends advance their keys in lock-step, so a lost, altered or reordered packet, or a
+ *  receive released by the wake-up pipe between a header and its body, ends the session. */
+class VX_API vxNetEncryptedSocket : public vxBase
+{
+public:
+    vxNetSocket* socket = nullptr; ///< borrowed
+    vxBytes workBuffer;
+    vxBytes bodyBuffer;
+    vxCipherId cipherId;
+    vxHashId hashId;
+    vxNetTransportKeys keys;
+    vxNetProtocolStats stats;
+    vxNetTransportHeader header;
+
+    vxNetEncryptedSocket();
+    LVX_NOT_COPYABLE(vxNetEncryptedSocket);
+    ~vxNetEncryptedSocket() override;
+
+    using vxBase::Open;
+    /** Cipher mode "none", "aes128", "aes192" or "aes256"; hash mode "md5", "sha1", "sha256",
+     *  "sha512", "sha384" or "sha256-128" (exact, case-sensitive). An unknown name gives a quiet
+     *  false. The hash mode selects the handshake's digest, which must be 16 bytes long: only
+     *  "md5" and "sha256-128" complete a handshake; the others fail its validation. `plain`
+     *  must be the open, connected socket of this end. */
+    bool Open(const std::string& cipherMode, const std::string& hashMode, vxNetSocket* plain);
+    /** The same with hash mode "md5". */
+    bool Open(const std::string& cipherMode, vxNetSocket* plain);
+    /** Closes every member; the plain socket stays open. */
+    bool Close() override;
+
+    /** Sends one message of 0 to 16384 bytes as a 48-byte header and a body padded to a
+     *  multiple of 16, and counts two sent messages: the header and the body. A larger payload
+     *  fails with "bytes.size() <= maxSize" after its header went out. The peer cannot receive an
+     *  empty payload: its receive fails with "size >= 1". */
+    bool SendEncrypted(const vxBytes& payload);
+    /** Receives one message into `bytes`. True with `bytes` untouched means one of: the wake-up
+     *  pipe fired (socket's `wakeupSeen`), or the peer sent the disconnect command (socket's
+     *  `doDisconnect`), or a key re-exchange request arrived. A peer that closed without the
+     *  disconnect command makes the receive fail ("tempBytes1.bytes.size() ==
+     *  VX_HEADER_WIRE_SIZE") and latch. After a command header 16 more bytes are read and
+     *  dropped, so a peer that sent the disconnect command should close its socket next; until
+     *  it does, this receive waits. */
+    bool RecvEncrypted(vxBytes& bytes);
+    /** Sends the disconnect command (a 48-byte header alone) and counts 64 sent bytes. Close the
+     *  plain socket afterwards: the peer reads 16 bytes more and waits for them. */
+    bool SendClientDisconnect();
+    /** Handles a command header whose size field is `sizeField`: reads and drops 16 bytes, then
+     *  code (sizeField - 15) mod 65536: 1 marks the socket disconnected, 2 writes "Process a key
+     *  re-exchange request." on standard output, any other writes "fail" and returns false. */
+    bool ProcessCommandPacket(uint32_t sizeField);
+    /** Consults the re-key policy and ignores its answer; always true. */
+    bool ProcessReKey();
 };
 
 } // namespace veltrix

@@ -1,0 +1,92 @@
+// The pre-shared-key handshake that opens every connection.
+#pragma once
+
+#include "cryptoapi.h"
+#include "vxBytes.h"
+#include "vxNetTransport.h"
+
+#include <cstdint>
+
+namespace veltrix {
+
+class vxNetSocket;
+class vxNetEncryptedSocket;
+
+/** One handshake, at one end, over a connected plain socket: the server announces the protocol
+ *  version, then each end answers the other's random challenge with a keyed digest of it under
+ *  the digest of the shared secret, and both ends seed their encrypted socket from the two
+ *  challenges (the server's first). Every message is 16 bytes, encrypted with keys derived from
+ *  the raw secret.
+ *
+ *  The answers are 16 bytes on the wire, so the handshake completes only with a 16-byte digest
+ *  ("md5" or "sha256-128"); with a longer one the validation fails. A wrong secret fails with
+ *  "( decrypted == correctResponse )" at the end that validates first, the server. The object
+ *  holds the secret and its digest until Close, and serves one handshake. */
+class VX_API vxNetPSKChallengeResponse : public vxBase
+{
+public:
+    bool isServer = false;
+    uint32_t protocolVersion = 0; ///< as received; never compared
+    vxHashId hashId;
+    vxHmacMd hmac;
+    vxNetTransportKeys keys; ///< the handshake's own keys
+    vxBytes workBytes;
+    vxBytes decrypted;
+    vxBytes wireBytes;
+    vxBytes secretDigest;
+    vxBytes secret;
+    vxBytes localChallenges;
+    vxBytes peerChallenges;
+    vxBytes correctResponse;
+    vxBytes receivedChallenge;
+
+    vxNetPSKChallengeResponse();
+    LVX_NOT_COPYABLE(vxNetPSKChallengeResponse);
+    ~vxNetPSKChallengeResponse() override;
+
+    using vxBase::Open;
+    /** Opens the digest `hashValue`, the keyed digest on it, the keys with `cipher` and
+     *  `server`, and the buffers. */
+    bool Open(const vxCipherId& cipher, uint32_t hashValue, bool server);
+    /** The same with the digest of `hash`: the form the endpoints use. */
+    bool Open(const vxCipherId& cipher, const vxHashId& hash, bool server);
+    /** The same with MD5. */
+    bool Open(const vxCipherId& cipher, bool server);
+    /** Wipes and closes everything. */
+    bool Close() override;
+
+    /** Appends `value` to the secret (a second call extends it), digests the whole secret and
+     *  sets the handshake keys' IVs and keys from the raw secret. */
+    bool SetSecret(const vxBytes& value);
+    /** Server: 16 random bytes with the version 1 hidden in them. */
+    bool SendProtocolVersion(vxNetSocket& socket);
+    /** Client: receives the version into `protocolVersion`. A message that does not decrypt to 16
+     *  bytes is reported on standard output ("RecvProtocolVersion : error receiving protocol::
+     *  encrypted size=..., decrypted size=...") and the call goes on. */
+    bool RecvProtocolVersion(vxNetSocket& socket);
+    /** A new random challenge, encrypted for sending, and the answer expected to it. */
+    bool GenerateChallengeRequest();
+    bool SendChallengeRequest(vxNetSocket& socket);
+    bool RecvChallengeRequest(vxNetSocket& socket);
+    /** The answer to the received challenge, encrypted for sending. */
+    bool GenerateChallengeResponse();
+    bool SendChallengeResponse(vxNetSocket& socket);
+    bool RecvChallengeResponse(vxNetSocket& socket);
+    /** Fails with "( decrypted == correctResponse )" unless the received answer is the expected
+     *  one. */
+    bool ValidateChallengeResponse();
+    /** Re-seeds `encSocket`'s keys with the server's challenge first and the client's second. */
+    bool SeedInitialKeys(vxNetEncryptedSocket& encSocket);
+    /** Appends `b` to `peerChallenges` when `fromPeer`, else to `localChallenges`; true. */
+    bool UpdateEntropyPool(bool fromPeer, const vxBytes& b);
+
+private:
+    /** 16 bytes from a fresh random source. */
+    bool randomBlock(vxBytes& out);
+    /** HMAC(key `secretDigest`, `data`) into `out`. */
+    bool answer(const vxBytes& data, vxBytes& out);
+    /** A 16-byte message into `wireBytes`, then `decrypted`. */
+    bool receiveMessage(vxNetSocket& socket, vxBytes& plain);
+};
+
+} // namespace veltrix

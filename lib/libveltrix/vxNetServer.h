@@ -1,0 +1,118 @@
+// The listening end: accepted connections, their handshakes, the options they inherit, pruning.
+#pragma once
+
+#include "vxNetAuth.h"
+#include "vxNetSocket.h"
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+namespace veltrix {
+
+/** The server's record of one accepted connection: its socket, encrypted socket and handshake,
+ *  and an optional client id. Send and receive through `encryptedSocket`; the connection is over
+ *  when `socket.doDisconnect` is set (the peer sent the disconnect command or closed). */
+class VX_API vxNetConnectedClient : public vxBase
+{
+public:
+    bool __clientIdSet = false; // NOLINT(bugprone-reserved-identifier): the field's public name
+    uint32_t clientId = 0;
+    vxNetSocket socket;
+    vxNetEncryptedSocket encryptedSocket;
+    vxNetPSKChallengeResponse handshake; ///< opened and closed inside PerformKeyExchange
+
+    vxNetConnectedClient();
+    LVX_NOT_COPYABLE(vxNetConnectedClient);
+    ~vxNetConnectedClient() override;
+
+    using vxBase::Open;
+    /** Opens the socket (server side) and the encrypted socket on it with the two mode names;
+     *  an unknown name fails here. */
+    bool Open(const std::string& cipherMode, const std::string& hashMode);
+    /** The same with hash mode "md5". */
+    bool Open(const std::string& cipherMode);
+    /** Closes the encrypted socket, then the socket. */
+    bool Close() override;
+
+    /** Once only: a second call fails with "__clientIdSet == false". */
+    bool SetClientId(const uint32_t& id);
+    /** Fails with "__clientIdSet == true" when no id was set. */
+    bool GetClientId(uint32_t& id);
+    /** Adopts a descriptor accepted elsewhere. */
+    bool SetSocketFd(int32_t& fd);
+    bool GetSocketFd(int32_t& fd);
+    /** The server's side of the handshake with `secret`. */
+    bool PerformKeyExchange(const vxBytes& secret);
+};
+
+/** Accepts connections on `socket` and runs their handshakes with the cipher and hash modes set
+ *  here. The application binds: it sets port and address on `socket` and calls its
+ *  BindAndListen. The listening descriptor is non-blocking, so accept only once it is readable
+ *  (an accept with nothing pending fails and latches). No lock guards the lists: accept,
+ *  receive and prune on one thread. Any failure latches the whole process. */
+class VX_API vxNetServer : public vxBase
+{
+public:
+    uint8_t keyExchangeMode = 0;
+    uint32_t nextClientId = 0; ///< the last id handed out by updateNextClientId
+    std::string cipherMode;
+    std::string hashMode;
+    /** The managed connections, in order of acceptance; owned. */
+    std::list<std::unique_ptr<vxNetConnectedClient>> connectedClients;
+    /** Options applied to every accepted descriptor, in order of creation; owned. */
+    std::list<std::unique_ptr<vxNetSockoptProperties>> inheritedProperties;
+    vxNetSocket socket; ///< the listening socket
+
+    vxNetServer();
+    LVX_NOT_COPYABLE(vxNetServer);
+    /** Closes and destroys the connections still managed. */
+    ~vxNetServer() override;
+
+    /** Opens the listening socket (server side); binding is the application's. */
+    bool Open() override;
+    /** Closes the listening socket; managed connections stay as they are until pruned or the
+     *  server is destroyed. */
+    bool Close() override;
+
+    /** Kept for the dump. */
+    bool SetKeyExchangeMode(const uint8_t& mode);
+    /** Stored unchecked: an unknown name fails at the next accept. */
+    bool SetCipherMode(const std::string& mode);
+    bool SetHashMode(const std::string& mode);
+    /** Keeps an option (setsockopt level, name and value bytes) for every accepted connection. */
+    bool CreateSockoptProperty(int32_t level, int32_t optionName, const void* value, uint32_t len);
+    /** Applies the kept options to `fd` in order of creation. */
+    bool ApplyInheritedProperties(int32_t fd);
+    /** Opens `cc` with the two mode names. */
+    bool func_LVX_CALL_OPENP(vxNetConnectedClient* cc, std::string cipher, std::string hash);
+    /** Accepts a connection into the open record `cc` (or, when `fd` is not -1, adopts that
+     *  descriptor), gives its receives a first-readiness time-out of `timeout` seconds unless 0,
+     *  applies the kept options and runs the handshake. The record stays the caller's. */
+    bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, int32_t fd,
+                         uint32_t timeout);
+    bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc);
+    bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, uint32_t timeout);
+    bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, int32_t fd);
+    /** Accepts and handshakes a new connection that the server then owns and lists; on failure
+     *  nothing is listed. */
+    bool acceptNewManagedClient(const vxBytes& secret);
+    /** True when no managed connection has client id `id`. Every managed connection must have an
+     *  id: one without fails with "__clientIdSet == true". */
+    bool testClientId(uint32_t id);
+    /** Advances `nextClientId` to the next id no managed connection uses (the first is 1). Fails
+     *  when a managed connection has no id. */
+    bool updateNextClientId();
+    /** Not implemented: does nothing and returns false. */
+    bool DisconnectClient(uint32_t id);
+    /** Closes and destroys every managed connection marked disconnected. Always false. */
+    bool pruneCClist();
+    /** Closes and destroys the first managed connection marked disconnected; false when there
+     *  is none. */
+    bool pruneCClistSub();
+    /** Modes, next client id and the number of connections on standard output. */
+    bool DumpvxNetServerInfo();
+};
+
+} // namespace veltrix
