@@ -19,7 +19,8 @@ namespace veltrix {
  *
  *  After the disconnect command, close the client at once: the server reads 16 bytes more after
  *  the command and waits in that read until this socket closes. Any failure latches the process:
- *  the client cannot be used further. */
+ *  the client cannot be used further. A client serves one session: its handshake and encrypted
+ *  socket cannot be opened a second time. */
 class VX_API vxNetClient : public vxBase
 {
 public:

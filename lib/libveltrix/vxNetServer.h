@@ -102,7 +102,8 @@ public:
      *  id: one without fails with "__clientIdSet == true". */
     bool testClientId(uint32_t id);
     /** Advances `nextClientId` to the next id no managed connection uses (the first is 1). Fails
-     *  when a managed connection has no id. */
+     *  when a managed connection has no id, so call it before accepting, and give the new
+     *  connection `nextClientId` once it is accepted. */
     bool updateNextClientId();
     /** Not implemented: does nothing and returns false. */
     bool DisconnectClient(uint32_t id);

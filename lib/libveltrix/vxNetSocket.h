@@ -187,7 +187,8 @@ public:
     bool Open(const std::string& cipherMode, const std::string& hashMode, vxNetSocket* plain);
     /** The same with hash mode "md5". */
     bool Open(const std::string& cipherMode, vxNetSocket* plain);
-    /** Closes every member; the plain socket stays open. */
+    /** Closes every member; the plain socket stays open. Its ciphers cannot be opened again, so
+     *  neither can the encrypted socket: open a new one for the next connection. */
     bool Close() override;
 
     /** Sends one message of 0 to 16384 bytes as a 48-byte header and a body padded to a
