@@ -73,6 +73,16 @@ const vxReg& plugin()
     return *cryptoRegistry;
 }
 
+/** The plug-in state an object still holds when it is destroyed: an object left open because a
+ *  failure latched before its owner could close it. The state is released all the same, so a
+ *  failed session leaks nothing. */
+void releaseLeftState(vxPluginStorage& storage, vxPluginMdClose_t vxReg::*close)
+{
+    if (storage.handle != nullptr && cryptoRegistry != nullptr) {
+        (void)(cryptoRegistry->*close)(&storage);
+    }
+}
+
 } // namespace
 
 // ---- registry and front object ----
@@ -214,6 +224,7 @@ vxMd::vxMd()
 vxMd::~vxMd()
 {
     LVX_DESTRUCT();
+    releaseLeftState(storage, &vxReg::vxPluginMdClose);
 }
 
 bool vxMd::Open(const vxHashId& id)
@@ -323,10 +334,10 @@ bool vxMd::Close()
 
 std::ostream& operator<<(std::ostream& out, const vxMd& md)
 {
-    vxMd copy(md);
     std::string text;
-    const bool ok = copy.GetString(text);
-    copy.opened = false; // the copy shares the original's plug-in state; it owns nothing
+    // GetString reads the finished digest and changes nothing; a copy would share the plug-in
+    // state that only the original owns.
+    const bool ok = const_cast<vxMd&>(md).GetString(text);
     return out << (ok ? text : LVX_MSG_STREAM_ERROR);
 }
 
@@ -433,6 +444,7 @@ vxCipher::vxCipher()
 vxCipher::~vxCipher()
 {
     LVX_DESTRUCT();
+    releaseLeftState(storage, &vxReg::vxPluginCipherClose);
 }
 
 bool vxCipher::Open(const vxCipherId& id)
@@ -502,6 +514,7 @@ vxRand::vxRand()
 vxRand::~vxRand()
 {
     LVX_DESTRUCT();
+    releaseLeftState(storage, &vxReg::vxPluginRandClose);
 }
 
 bool vxRand::Open(bool flag)
@@ -625,6 +638,7 @@ vxRsa::vxRsa() : fingerprint(defaultFingerprint)
 vxRsa::~vxRsa()
 {
     LVX_DESTRUCT();
+    releaseLeftState(storage, &vxReg::vxPluginRsaClose);
 }
 
 std::string vxRsa::exponent(int index)

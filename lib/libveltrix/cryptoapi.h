@@ -116,7 +116,9 @@ public:
     uint32_t length = 0; ///< message bytes since construction or the last Init
 
     vxMd();
-    LVX_COPYABLE(vxMd);
+    /** Owns its plug-in state: not copyable. */
+    LVX_NOT_COPYABLE(vxMd);
+    /** Releases the plug-in state even when the object was left open. */
     ~vxMd() override;
 
     using vxBase::Open;
