@@ -1,0 +1,1102 @@
+// net_bench: the network layer end to end on loopback, each figure beside a reference measured in
+// the same run, and a table at the end with each ratio, its goal and "within" or "OVER".
+//
+// 1. Throughput of 16384-byte payloads, one way, between two processes over TCP on 127.0.0.1: the
+//    client sends N payloads with SendEncrypted and the clock stops when the server's small
+//    acknowledgement of the last one arrives. Reference: the in-memory cost of one packet of the
+//    same transport, measured in this process without TCP: two encrypted sockets on the ends of an
+//    AF_UNIX socket pair, keyed alike with ReSeed, a batch of packets sent (timed), then received
+//    (timed). The slower side bounds any pipeline of one sender and one receiver, so the goal is
+//    end-to-end packets per second >= 0.80 x (1 / slower side's time per packet). N is chosen from
+//    a first reference measurement so that one repetition lasts about 1.5 s; the reference is
+//    measured again before each of the three repetitions, so a drift of the machine's speed
+//    between them stays out of each ratio; the table shows the repetition with the median ratio.
+//    Each repetition also prints the CPU time per packet of both processes (the server's comes
+//    back in its acknowledgement) and how much of the time each was on a CPU: this tells a slow
+//    code path (more CPU per packet than the reference) from ends that were off the CPU, waiting
+//    for each other or for a CPU that other work was using.
+//
+// 2. Handshakes per second: connect, handshake, disconnect command and close, one after another,
+//    against a server process that accepts each as a managed connection, receives until the
+//    disconnect and prunes it. No goal; instead the share of each handshake's time that is crypto
+//    work: both ends of the handshake replayed in this process without any socket (the messages
+//    copied from one end's wireBytes into the other's), plus the opening and closing of the two
+//    encrypted sockets whose keys it seeds. The rest is connection set-up and tear-down, system
+//    calls, object set-up, and the waits while a message crosses to the other process.
+//
+// 3. Server memory per idle connection: a server process accepts and handshakes 1000 managed
+//    connections, left idle, and measures its resident set (/proc/self/statm) and its heap in use
+//    (mallinfo2: bytes allocated from the arena plus mapped blocks) before the first, after the
+//    first and after the last. The figure is the growth from the first to the last over the
+//    connections in between, which leaves out one-time costs (the first connection's own cost is
+//    printed separately), followed by an in-process breakdown of one connection record's heap.
+//    Kernel socket buffers are not in either figure. Goal: at most 64 KiB per connection. The
+//    server needs a descriptor per connection, so both processes raise their soft limit on open
+//    files to the hard limit; with a hard limit too low for 1000 the count is reduced and the
+//    output says so.
+//
+// The exit status is nonzero only when something could not be measured, never for a missed goal.
+//
+//   net_bench    (no options; 7 to 12 s)
+
+#include "benchCommon.h"
+#include "vxNetAuth.h"
+#include "vxNetClient.h"
+#include "vxNetServer.h"
+#include "vxNetSocket.h"
+#include "vxNetTransport.h"
+
+#include <malloc.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace veltrix;
+using namespace vxbench;
+
+namespace {
+
+const char* const kCipher = "aes256";
+const char* const kHash = "md5";
+const char* const kLoopback = "127.0.0.1";
+const char* const kSecret = "the secret both ends of every benchmark connection share";
+
+constexpr size_t kPayloadSize = 16384;
+constexpr int kRepetitions = 3;
+constexpr double kTargetSeconds = 1.5;    // one end-to-end repetition
+constexpr double kReferenceSeconds = 0.6; // one in-memory reference, both sides together
+constexpr size_t kMinPackets = 200;
+constexpr size_t kMaxPackets = 20000;
+constexpr size_t kBatch = 8; // 8 packets of 16 KiB fit a socket pair's buffer: no send blocks
+constexpr double kThroughputGoal = 0.80;
+constexpr double kBusyEnough = 0.90; // below this, a repetition's ends were often off the CPU
+
+constexpr size_t kWarmupHandshakes = 10;
+constexpr size_t kHandshakes = 300;
+
+constexpr size_t kIdleConnections = 1000;
+constexpr rlim_t kSpareDescriptors = 64; // the listener, pipes, standard streams, the plug-in
+constexpr double kMemoryGoal = 64 * 1024;
+
+constexpr int kAcceptWaitMs = 10000;
+constexpr uint32_t kReceiveTimeoutSeconds = 30; // the client's guard against a stuck server
+constexpr int kChildGraceMs = 2000; // a failed run waits this long for its server to exit
+constexpr int kChildPollMs = 10;
+
+// The handshake's version message, as the library builds it.
+constexpr uint32_t kMessageSize = 16;
+constexpr uint32_t kVersionOffsets = 12;
+constexpr uint32_t kProtocolVersion = 1;
+
+using steadyClock = std::chrono::steady_clock;
+
+double secondsBetween(steadyClock::time_point from, steadyClock::time_point to)
+{
+    return std::chrono::duration<double>(to - from).count();
+}
+
+/** CPU seconds this process has used so far. */
+double processCpuSeconds()
+{
+    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
+
+/** Reports why the run stops; main prints the library's error trail once. */
+bool fail(const std::string& what)
+{
+    std::cerr << "net_bench: " << what << "\n";
+    return false;
+}
+
+std::string fixed(double value, int decimals)
+{
+    std::ostringstream out;
+    out.setf(std::ios::fixed);
+    out.precision(decimals);
+    out << value;
+    return out.str();
+}
+
+vxBytes bytesOf(const std::string& text)
+{
+    vxBytes bytes;
+    (void)bytes.Replace(text);
+    return bytes;
+}
+
+std::string textOf(const vxBytes& bytes)
+{
+    return {bytes.bytes.begin(), bytes.bytes.end()};
+}
+
+vxBytes sixteenBytes(unsigned char start)
+{
+    vxBytes out;
+    for (unsigned char i = 0; i < 16; ++i) {
+        out.bytes.push_back(static_cast<unsigned char>(start + i));
+    }
+    return out;
+}
+
+/** Closes, last first, whichever of `objects` are open; false when a close fails. */
+bool closeAll(std::initializer_list<vxBase*> objects)
+{
+    bool closed = true;
+    for (auto it = std::rbegin(objects); it != std::rend(objects); ++it) {
+        if ((*it)->opened) {
+            closed = benchFrame::close(**it) && closed;
+        }
+    }
+    return closed;
+}
+
+// ---- The result table --------------------------------------------------------------------------
+
+struct resultRow
+{
+    std::string label;
+    std::string measured;
+    std::string reference;
+    double ratio = 0;
+    std::string goal;    ///< "-" for none
+    std::string verdict; ///< "within", "OVER" or "-"
+};
+
+void printTable(const std::vector<resultRow>& rows)
+{
+    char line[240];
+    std::cout << "\nresults (ratio = measured / reference)\n";
+    (void)std::snprintf(line, sizeof line, "%-44s %-24s %-30s %6s %8s\n", "measurement", "measured",
+                        "reference", "ratio", "goal");
+    std::cout << line;
+    for (const resultRow& row : rows) {
+        (void)std::snprintf(line, sizeof line, "%-44s %-24s %-30s %6.2f %8s  %s\n",
+                            row.label.c_str(), row.measured.c_str(), row.reference.c_str(),
+                            row.ratio, row.goal.c_str(), row.verdict.c_str());
+        std::cout << line;
+    }
+}
+
+// ---- Descriptors and memory --------------------------------------------------------------------
+
+/** Raises the soft limit on open files to the hard limit; returns the limit now in force. A forked
+ *  server inherits it. */
+rlim_t raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return 0;
+    }
+    if (limit.rlim_cur < limit.rlim_max) {
+        rlimit raised = limit;
+        raised.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+            limit = raised;
+        }
+    }
+    return limit.rlim_cur;
+}
+
+struct memorySample
+{
+    long long resident = 0; ///< bytes, from /proc/self/statm
+    long long heap = 0;     ///< bytes allocated by malloc, arena and mapped blocks
+};
+
+bool sampleMemory(memorySample& sample)
+{
+    std::ifstream statm("/proc/self/statm");
+    long long pages = 0;
+    long long residentPages = 0;
+    if (!(statm >> pages >> residentPages)) {
+        return false;
+    }
+    sample.resident = residentPages * sysconf(_SC_PAGESIZE);
+    const struct mallinfo2 info = mallinfo2();
+    sample.heap = static_cast<long long>(info.uordblks + info.hblkhd);
+    return true;
+}
+
+// ---- The server process ------------------------------------------------------------------------
+
+/** Reads one line from `fd` (without its newline); false at end of file before a newline. */
+bool readLine(int fd, std::string& line)
+{
+    line.clear();
+    char c = 0;
+    while (read(fd, &c, 1) == 1) {
+        if (c == '\n') {
+            return true;
+        }
+        line.push_back(c);
+    }
+    return false;
+}
+
+bool writeLine(int fd, const std::string& text)
+{
+    const std::string line = text + "\n";
+    return write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+}
+
+/** Waits until the non-blocking listening socket has a connection pending, then accepts and
+ *  handshakes it as a managed connection. */
+bool acceptManaged(vxNetServer& server)
+{
+    pollfd pending{server.socket.sockFd, POLLIN, 0};
+    if (poll(&pending, 1, kAcceptWaitMs) != 1) {
+        return fail("the server saw no connection in time");
+    }
+    if (!server.acceptNewManagedClient(bytesOf(kSecret))) {
+        return fail("the server could not accept and handshake a connection");
+    }
+    return true;
+}
+
+/** Receives on `peer` until the disconnect command (or the peer's close) arrives. Data messages
+ *  are dropped. */
+bool drainUntilDisconnect(vxNetConnectedClient& peer)
+{
+    vxBytes message;
+    while (!peer.socket.doDisconnect) {
+        if (!peer.encryptedSocket.RecvEncrypted(message)) {
+            return fail("the server could not receive");
+        }
+    }
+    return true;
+}
+
+/** What the server does once it listens: its side of one measurement. `reports` is the pipe to
+ *  the benchmark process. */
+using serveFunction = std::function<bool(vxNetServer& server, int reports)>;
+
+/** Binds 127.0.0.1 on a port the system picks and tells the benchmark process which. */
+bool listenOnLoopback(vxNetServer& server, int reports)
+{
+    if (!server.SetCipherMode(kCipher) || !server.SetHashMode(kHash) ||
+        !server.socket.setPort("0") || !server.socket.setAddress(kLoopback) ||
+        !server.socket.BindAndListen()) {
+        return fail("the server could not listen on the loopback address");
+    }
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    if (getsockname(server.socket.sockFd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
+        return fail("the server could not read back its port");
+    }
+    return writeLine(reports, std::to_string(ntohs(bound.sin_port)));
+}
+
+/** The whole life of a server process; the result becomes its exit status. */
+bool runServer(benchFrame& frame, const std::string& what, const serveFunction& serve, int reports)
+{
+    vxNetServer server;
+    const bool served =
+        frame.open(server) && listenOnLoopback(server, reports) && serve(server, reports);
+    if (!served) {
+        // Before the server goes: its destructor closes the connections, and the benchmark
+        // process, seeing them close, fails too and terminates this one.
+        std::cerr << "net_bench: the " << what << " server failed; its error trail:\n";
+        vxBase::DumpStackTrace(std::cerr);
+    }
+    // Whatever the server still manages is closed by its destructor.
+    return served && closeAll({&server});
+}
+
+/** A server in a forked child process, and the pipe it reports through. A server still running
+ *  when this goes (the benchmark process failed) is terminated and reaped. */
+class childServer
+{
+public:
+    childServer() = default;
+    childServer(const childServer&) = delete;
+    childServer& operator=(const childServer&) = delete;
+    childServer(childServer&&) = delete;
+    childServer& operator=(childServer&&) = delete;
+
+    ~childServer()
+    {
+        closeReports();
+        if (pid > 0 && !exitedWithin(kChildGraceMs)) {
+            (void)kill(pid, SIGTERM);
+            (void)waitpid(pid, nullptr, 0);
+        }
+    }
+
+    /** Forks the server and reads the port it listens on. */
+    bool start(benchFrame& frame, const std::string& what, const serveFunction& serve)
+    {
+        int ends[2] = {-1, -1};
+        if (pipe(ends) != 0) {
+            return fail("cannot create a pipe for the " + what + " server");
+        }
+        std::cout.flush();
+        std::cerr.flush();
+        pid = fork();
+        if (pid == 0) {
+            (void)::close(ends[0]);
+            const bool served = runServer(frame, what, serve, ends[1]);
+            std::cout.flush();
+            std::cerr.flush();
+            _exit(served ? 0 : 1); // nothing of the benchmark process may run twice
+        }
+        (void)::close(ends[1]);
+        reports = ends[0];
+        if (pid < 0) {
+            return fail("cannot start the " + what + " server");
+        }
+        if (!readLine(reports, port) || port.empty()) {
+            return fail("the " + what + " server did not report its port");
+        }
+        return true;
+    }
+
+    /** Waits for the server to exit; true when it exited successfully. */
+    bool finish()
+    {
+        closeReports();
+        int status = 0;
+        const bool reaped = waitpid(pid, &status, 0) == pid;
+        pid = -1;
+        if (!reaped || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+            return fail("the server process did not finish cleanly");
+        }
+        return true;
+    }
+
+    std::string port;
+    int reports = -1; ///< read end of the pipe
+
+private:
+    /** A server that failed too is given the time to report and exit by itself. */
+    bool exitedWithin(int milliseconds) const
+    {
+        for (int waited = 0; waited < milliseconds; waited += kChildPollMs) {
+            if (waitpid(pid, nullptr, WNOHANG) == pid) {
+                return true;
+            }
+            (void)poll(nullptr, 0, kChildPollMs);
+        }
+        return false;
+    }
+
+    void closeReports()
+    {
+        if (reports != -1) {
+            (void)::close(reports);
+            reports = -1;
+        }
+    }
+
+    pid_t pid = -1;
+};
+
+// ---- The client side ---------------------------------------------------------------------------
+
+/** Opens `client`, connects it to the server's port and runs the handshake. */
+bool connectClient(benchFrame& frame, vxNetClient& client, const std::string& port)
+{
+    uint32_t timeout = kReceiveTimeoutSeconds;
+    // The port is set before the address: the address is resolved with it.
+    if (!frame.open(client) || !client.socket.setPort(port) ||
+        !client.socket.setAddress(kLoopback) || !client.socket.setTimeOut(timeout) ||
+        !client.Connect()) {
+        return fail("the client could not connect");
+    }
+    if (!frame.open(client.encryptedSocket, kCipher, kHash, &client.socket) ||
+        !client.PerformKeyExchange(bytesOf(kSecret))) {
+        return fail("the client's handshake failed");
+    }
+    return true;
+}
+
+/** The disconnect command, then the close at once: the server waits for it. */
+bool disconnectClient(vxNetClient& client)
+{
+    if (!client.SendClientDisconnect() || !closeAll({&client, &client.encryptedSocket})) {
+        return fail("the client could not disconnect");
+    }
+    return true;
+}
+
+// ---- 1. Throughput -----------------------------------------------------------------------------
+
+/** Two encrypted sockets joined by a socket pair and keyed alike without a handshake. */
+class linkedSockets
+{
+public:
+    linkedSockets() = default;
+    linkedSockets(const linkedSockets&) = delete;
+    linkedSockets& operator=(const linkedSockets&) = delete;
+    linkedSockets(linkedSockets&&) = delete;
+    linkedSockets& operator=(linkedSockets&&) = delete;
+
+    ~linkedSockets() { (void)close(); }
+
+    bool open(benchFrame& frame)
+    {
+        int fds[2] = {-1, -1};
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
+            return false;
+        }
+        // Each plain socket owns its descriptor from here on and closes it.
+        const bool plainOpened = frame.open(senderPlain, true) && frame.open(receiverPlain, false);
+        senderPlain.sockFd = fds[0];
+        receiverPlain.sockFd = fds[1];
+        if (!plainOpened) {
+            return false;
+        }
+        const vxBytes seed0 = sixteenBytes(0x00);
+        const vxBytes seed1 = sixteenBytes(0x10);
+        return frame.open(sender, kCipher, kHash, &senderPlain) &&
+               frame.open(receiver, kCipher, kHash, &receiverPlain) &&
+               sender.keys.ReSeed(seed0, seed1) && receiver.keys.ReSeed(seed0, seed1);
+    }
+
+    bool close() { return closeAll({&senderPlain, &receiverPlain, &sender, &receiver}); }
+
+    vxNetSocket senderPlain;
+    vxNetSocket receiverPlain;
+    vxNetEncryptedSocket sender;
+    vxNetEncryptedSocket receiver;
+};
+
+/** Seconds per packet on each side of the in-memory reference. */
+struct packetCost
+{
+    double send = 0;
+    double receive = 0;
+
+    double slower() const { return std::max(send, receive); }
+};
+
+/** One batch sent, then received; each side's time added to its total. */
+bool timeBatch(linkedSockets& pair, const vxBytes& payload, double& sendTotal, double& recvTotal)
+{
+    vxBytes got;
+    const auto start = steadyClock::now();
+    for (size_t i = 0; i < kBatch; ++i) {
+        if (!pair.sender.SendEncrypted(payload)) {
+            return fail("the in-memory send failed");
+        }
+    }
+    const auto sent = steadyClock::now();
+    for (size_t i = 0; i < kBatch; ++i) {
+        if (!pair.receiver.RecvEncrypted(got)) {
+            return fail("the in-memory receive failed");
+        }
+    }
+    const auto received = steadyClock::now();
+    sendTotal += secondsBetween(start, sent);
+    recvTotal += secondsBetween(sent, received);
+    if (got.bytes != payload.bytes) {
+        return fail("the in-memory receive returned other bytes than were sent");
+    }
+    return true;
+}
+
+/** The reference: batches until both sides together took kReferenceSeconds. */
+bool measurePacketCost(benchFrame& frame, packetCost& cost)
+{
+    linkedSockets pair;
+    if (!pair.open(frame)) {
+        return fail("cannot open the in-memory socket pair");
+    }
+    const vxBytes payload = asBytes(pattern(kPayloadSize, 1));
+    double sendTotal = 0;
+    double recvTotal = 0;
+    if (!timeBatch(pair, payload, sendTotal, recvTotal)) { // warm-up, not counted
+        return false;
+    }
+    sendTotal = 0;
+    recvTotal = 0;
+    size_t packets = 0;
+    while (sendTotal + recvTotal < kReferenceSeconds) {
+        if (!timeBatch(pair, payload, sendTotal, recvTotal)) {
+            return false;
+        }
+        packets += kBatch;
+    }
+    cost.send = sendTotal / static_cast<double>(packets);
+    cost.receive = recvTotal / static_cast<double>(packets);
+    return pair.close() || fail("cannot close the in-memory socket pair");
+}
+
+/** The server of the throughput test: one connection; after every `packets` payloads a small
+ *  acknowledgement carrying the count and the CPU seconds the server used since the last one. */
+bool sinkPayloads(vxNetServer& server, size_t packets)
+{
+    if (!acceptManaged(server)) {
+        return false;
+    }
+    vxNetConnectedClient& peer = *server.connectedClients.back();
+    vxBytes message;
+    size_t received = 0;
+    double cpuAtLastAck = processCpuSeconds();
+    for (;;) {
+        if (!peer.encryptedSocket.RecvEncrypted(message)) {
+            return fail("the server could not receive a payload");
+        }
+        if (peer.socket.doDisconnect) {
+            break;
+        }
+        if (message.bytes.size() != kPayloadSize) {
+            return fail("the server received a payload of the wrong size");
+        }
+        if (++received == packets) {
+            received = 0;
+            const double cpu = processCpuSeconds();
+            const std::string ack = std::to_string(packets) + " " + fixed(cpu - cpuAtLastAck, 6);
+            cpuAtLastAck = cpu;
+            if (!peer.encryptedSocket.SendEncrypted(bytesOf(ack))) {
+                return fail("the server could not acknowledge");
+            }
+        }
+    }
+    (void)server.pruneCClist();
+    return server.connectedClients.empty() || fail("the server could not prune the connection");
+}
+
+/** One end-to-end repetition: its wall-clock time, and the CPU time each process used in it. */
+struct repetitionTimes
+{
+    double seconds = 0;
+    double clientCpu = 0;
+    double serverCpu = 0; ///< as the server's acknowledgement reports it
+};
+
+/** One end-to-end repetition: `packets` payloads sent until the acknowledgement is back. */
+bool timePayloads(vxNetClient& client, size_t packets, repetitionTimes& times)
+{
+    const vxBytes payload = asBytes(pattern(kPayloadSize, 2));
+    vxBytes ack;
+    const double cpuAtStart = processCpuSeconds();
+    const auto start = steadyClock::now();
+    for (size_t i = 0; i < packets; ++i) {
+        if (!client.encryptedSocket.SendEncrypted(payload)) {
+            return fail("the client could not send a payload");
+        }
+    }
+    if (!client.encryptedSocket.RecvEncrypted(ack)) {
+        return fail("the client received no acknowledgement");
+    }
+    times.seconds = secondsBetween(start, steadyClock::now());
+    times.clientCpu = processCpuSeconds() - cpuAtStart;
+    std::istringstream fields(textOf(ack));
+    size_t counted = 0;
+    if (!(fields >> counted >> times.serverCpu) || counted != packets) {
+        return fail("the acknowledgement is wrong: " + textOf(ack));
+    }
+    return true;
+}
+
+std::string rateText(double packetsPerSecond)
+{
+    return fixed(packetsPerSecond, 0) + " pkt/s, " +
+           fixed(packetsPerSecond * kPayloadSize / 1e6, 1) + " MB/s";
+}
+
+/** Enough packets for about kTargetSeconds at the reference rate. */
+size_t packetsFor(const packetCost& cost)
+{
+    const auto wanted = static_cast<size_t>(kTargetSeconds / cost.slower());
+    return std::clamp(wanted, kMinPackets, kMaxPackets);
+}
+
+/** One repetition's figures: the in-memory reference measured just before it, and the end-to-end
+ *  run. */
+struct repetition
+{
+    packetCost cost;
+    repetitionTimes times;
+    size_t packets = 0;
+
+    double endToEnd() const { return static_cast<double>(packets) / times.seconds; }
+
+    double reference() const { return 1 / cost.slower(); }
+
+    double ratio() const { return endToEnd() / reference(); }
+
+    /** The rate had both ends been on a CPU the whole time: the larger CPU time per packet. */
+    double onCpu() const
+    {
+        return static_cast<double>(packets) / std::max(times.clientCpu, times.serverCpu);
+    }
+};
+
+/** The figures of one repetition. The CPU time per packet of each process says whether a side was
+ *  busy the whole time or off the CPU (waiting for the other, or for a CPU), and how its cost per
+ *  packet compares with the reference's, measured alone. */
+void printRepetition(int number, const repetition& r)
+{
+    const auto count = static_cast<double>(r.packets);
+    std::cout << "   repetition " << number << ": in memory " << fixed(r.cost.send * 1e6, 1)
+              << " us send, " << fixed(r.cost.receive * 1e6, 1) << " us receive per packet -> "
+              << rateText(r.reference()) << "; end to end " << rateText(r.endToEnd()) << " in "
+              << fixed(r.times.seconds, 2) << " s, ratio " << fixed(r.ratio(), 3) << "\n"
+              << "      CPU per packet end to end: client "
+              << fixed(r.times.clientCpu / count * 1e6, 1) << " us (busy "
+              << fixed(r.times.clientCpu / r.times.seconds * 100, 0) << "% of the time), server "
+              << fixed(r.times.serverCpu / count * 1e6, 1) << " us (busy "
+              << fixed(r.times.serverCpu / r.times.seconds * 100, 0)
+              << "%); never off the CPU it would be " << fixed(r.onCpu(), 0) << " pkt/s, ratio "
+              << fixed(r.onCpu() / r.reference(), 3) << "\n";
+    const double busiest = std::max(r.times.clientCpu, r.times.serverCpu) / r.times.seconds;
+    if (busiest < kBusyEnough) {
+        std::cout << "      note: neither end was on a CPU more than " << fixed(busiest * 100, 0)
+                  << "% of the time: the CPUs were shared with other work, or each end waited "
+                     "for the other\n";
+    }
+}
+
+/** The repetition whose ratio is the median, so that the row's figures and ratio belong
+ *  together. */
+const repetition& medianRepetition(std::vector<repetition>& all)
+{
+    std::sort(all.begin(), all.end(),
+              [](const repetition& a, const repetition& b) { return a.ratio() < b.ratio(); });
+    return all[all.size() / 2];
+}
+
+bool measureThroughput(benchFrame& frame, std::vector<resultRow>& rows)
+{
+    packetCost cost;
+    if (!measurePacketCost(frame, cost)) {
+        return false;
+    }
+    const size_t packets = packetsFor(cost);
+    std::cout << "1. throughput of " << kPayloadSize << "-byte payloads, " << packets
+              << " per repetition (MB = 10^6 payload bytes)\n";
+    childServer server;
+    if (!server.start(frame, "throughput",
+                      [packets](vxNetServer& s, int) { return sinkPayloads(s, packets); })) {
+        return false;
+    }
+    vxNetClient client;
+    if (!connectClient(frame, client, server.port)) {
+        return false;
+    }
+    std::vector<repetition> all;
+    for (int number = 1; number <= kRepetitions; ++number) {
+        // The first reference is the one N was chosen from; the others are fresh.
+        repetition r;
+        r.packets = packets;
+        r.cost = cost;
+        if ((number > 1 && !measurePacketCost(frame, r.cost)) ||
+            !timePayloads(client, packets, r.times)) {
+            return false;
+        }
+        printRepetition(number, r);
+        all.push_back(r);
+    }
+    if (!disconnectClient(client) || !server.finish()) {
+        return false;
+    }
+    const repetition& middle = medianRepetition(all);
+    rows.push_back({"loopback 16 KiB one way, end to end", rateText(middle.endToEnd()),
+                    rateText(middle.reference()), middle.ratio(), ">= " + fixed(kThroughputGoal, 2),
+                    middle.ratio() >= kThroughputGoal ? "within" : "OVER"});
+    return true;
+}
+
+// ---- 2. Handshakes -----------------------------------------------------------------------------
+
+/** The server of the handshake test: `count` connections, one at a time, each received until its
+ *  disconnect and pruned. */
+bool serveHandshakes(vxNetServer& server, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        if (!acceptManaged(server) || !drainUntilDisconnect(*server.connectedClients.back())) {
+            return false;
+        }
+        (void)server.pruneCClist();
+        if (!server.connectedClients.empty()) {
+            return fail("the server could not prune a connection");
+        }
+    }
+    return true;
+}
+
+/** A fresh client: connect, handshake, disconnect, close. */
+bool oneHandshake(benchFrame& frame, const std::string& port)
+{
+    const auto client = std::make_unique<vxNetClient>();
+    return connectClient(frame, *client, port) && disconnectClient(*client);
+}
+
+/** Seconds per handshake over the network, after a few untimed ones. */
+bool timeHandshakes(benchFrame& frame, double& perHandshake)
+{
+    childServer server;
+    if (!server.start(frame, "handshake", [](vxNetServer& s, int) {
+            return serveHandshakes(s, kWarmupHandshakes + kHandshakes);
+        })) {
+        return false;
+    }
+    for (size_t i = 0; i < kWarmupHandshakes; ++i) {
+        if (!oneHandshake(frame, server.port)) {
+            return false;
+        }
+    }
+    const auto start = steadyClock::now();
+    for (size_t i = 0; i < kHandshakes; ++i) {
+        if (!oneHandshake(frame, server.port)) {
+            return false;
+        }
+    }
+    perHandshake = secondsBetween(start, steadyClock::now()) / static_cast<double>(kHandshakes);
+    return server.finish();
+}
+
+/** A 16-byte message from one end to the other: `to` receives `from`'s wire bytes and decrypts
+ *  them into `plain`, as its receive would. */
+bool deliver(vxNetPSKChallengeResponse& from, vxNetPSKChallengeResponse& to, vxBytes& plain)
+{
+    to.wireBytes.bytes = from.wireBytes.bytes;
+    return to.keys.Decrypt(to.wireBytes, plain);
+}
+
+/** The version message: the server hides the version in 16 random bytes and encrypts them; the
+ *  client decrypts and finds it. */
+bool versionMessage(benchFrame& frame, vxNetPSKChallengeResponse& server,
+                    vxNetPSKChallengeResponse& client)
+{
+    vxRand rand;
+    vxNetTransportAntiCrib hide;
+    vxNetTransportAntiCrib find;
+    const bool exchanged = frame.open(rand, true) && rand.Read(kMessageSize) &&
+                           rand.GetHashedBytes(server.workBytes) &&
+                           frame.open(hide, kVersionOffsets) && hide.Seed(server.secretDigest) &&
+                           hide.Hide(kProtocolVersion, server.workBytes) &&
+                           server.keys.Encrypt(server.workBytes, server.wireBytes) &&
+                           deliver(server, client, client.decrypted) &&
+                           frame.open(find, kVersionOffsets) && find.Seed(client.secretDigest) &&
+                           find.Find(client.decrypted) && find.GetValue(client.protocolVersion);
+    return closeAll({&rand, &hide, &find}) && exchanged &&
+           client.protocolVersion == kProtocolVersion;
+}
+
+/** Both ends of one handshake in the order of their exchange, each keying its encrypted socket.
+ *  `server` and `client` are closed handshake objects, opened here and closed again as the
+ *  endpoints do. */
+bool replayHandshake(benchFrame& frame, vxNetPSKChallengeResponse& server,
+                     vxNetPSKChallengeResponse& client, vxNetEncryptedSocket& serverSide,
+                     vxNetEncryptedSocket& clientSide)
+{
+    const vxBytes secret = bytesOf(kSecret);
+    const bool done =
+        frame.open(server, serverSide.cipherId, serverSide.hashId, true) &&
+        frame.open(client, clientSide.cipherId, clientSide.hashId, false) &&
+        server.SetSecret(secret) && client.SetSecret(secret) &&
+        versionMessage(frame, server, client) &&
+        // The server's challenge, the client's answer, the server's check.
+        server.GenerateChallengeRequest() && deliver(server, client, client.receivedChallenge) &&
+        client.UpdateEntropyPool(true, client.receivedChallenge) &&
+        client.GenerateChallengeResponse() && deliver(client, server, server.decrypted) &&
+        server.ValidateChallengeResponse() &&
+        // The client's challenge, the server's answer, the client's check.
+        client.GenerateChallengeRequest() && deliver(client, server, server.receivedChallenge) &&
+        server.UpdateEntropyPool(true, server.receivedChallenge) &&
+        server.GenerateChallengeResponse() && deliver(server, client, client.decrypted) &&
+        client.ValidateChallengeResponse() && server.SeedInitialKeys(serverSide) &&
+        client.SeedInitialKeys(clientSide);
+    return closeAll({&server, &client}) && done;
+}
+
+/** Seconds of crypto work per handshake, both ends: the replayed exchange, and the opening and
+ *  closing of the two encrypted sockets. */
+struct handshakeCrypto
+{
+    double exchange = 0;
+    double sockets = 0;
+
+    double total() const { return exchange + sockets; }
+};
+
+/** One replayed handshake with fresh encrypted sockets; times added to `cost`. */
+bool replayOnce(benchFrame& frame, vxNetSocket& serverPlain, vxNetSocket& clientPlain,
+                handshakeCrypto& cost)
+{
+    vxNetEncryptedSocket serverSide;
+    vxNetEncryptedSocket clientSide;
+    const auto start = steadyClock::now();
+    if (!frame.open(serverSide, kCipher, kHash, &serverPlain) ||
+        !frame.open(clientSide, kCipher, kHash, &clientPlain)) {
+        return fail("cannot open the encrypted sockets of the replayed handshake");
+    }
+    const auto opened = steadyClock::now();
+    vxNetPSKChallengeResponse server;
+    vxNetPSKChallengeResponse client;
+    if (!replayHandshake(frame, server, client, serverSide, clientSide)) {
+        return fail("the replayed handshake failed");
+    }
+    const auto replayed = steadyClock::now();
+    if (!closeAll({&serverSide, &clientSide})) {
+        return fail("cannot close the encrypted sockets of the replayed handshake");
+    }
+    const auto closed = steadyClock::now();
+    cost.sockets += secondsBetween(start, opened) + secondsBetween(replayed, closed);
+    cost.exchange += secondsBetween(opened, replayed);
+    return true;
+}
+
+bool measureHandshakeCrypto(benchFrame& frame, handshakeCrypto& perHandshake)
+{
+    // Plain sockets without descriptors: the encrypted sockets only read their side from them.
+    vxNetSocket serverPlain;
+    vxNetSocket clientPlain;
+    if (!frame.open(serverPlain, true) || !frame.open(clientPlain, false)) {
+        return fail("cannot open the plain sockets of the replayed handshake");
+    }
+    handshakeCrypto cost;
+    for (size_t i = 0; i < kWarmupHandshakes; ++i) {
+        if (!replayOnce(frame, serverPlain, clientPlain, cost)) {
+            return false;
+        }
+    }
+    cost = {};
+    for (size_t i = 0; i < kHandshakes; ++i) {
+        if (!replayOnce(frame, serverPlain, clientPlain, cost)) {
+            return false;
+        }
+    }
+    perHandshake.exchange = cost.exchange / static_cast<double>(kHandshakes);
+    perHandshake.sockets = cost.sockets / static_cast<double>(kHandshakes);
+    return closeAll({&serverPlain, &clientPlain}) || fail("cannot close the plain sockets");
+}
+
+bool measureHandshakes(benchFrame& frame, std::vector<resultRow>& rows)
+{
+    std::cout << "2. handshakes: " << kHandshakes << " sequential, after " << kWarmupHandshakes
+              << " untimed\n";
+    double perHandshake = 0;
+    handshakeCrypto crypto;
+    if (!timeHandshakes(frame, perHandshake) || !measureHandshakeCrypto(frame, crypto)) {
+        return false;
+    }
+    const double share = crypto.total() / perHandshake;
+    std::cout << "   over loopback " << fixed(perHandshake * 1e6, 1) << " us per handshake ("
+              << fixed(1 / perHandshake, 0) << "/s)\n"
+              << "   crypto in process, both ends: " << fixed(crypto.exchange * 1e6, 1)
+              << " us the exchange + " << fixed(crypto.sockets * 1e6, 1)
+              << " us opening and closing the two encrypted sockets = "
+              << fixed(crypto.total() * 1e6, 1) << " us (" << fixed(share * 100, 1)
+              << "% of a handshake)\n";
+    rows.push_back({"handshakes per second (ratio: crypto share)",
+                    fixed(1 / perHandshake, 0) + " /s",
+                    fixed(1 / crypto.total(), 0) + " /s crypto alone", share, "-", "-"});
+    return true;
+}
+
+// ---- 3. Memory per idle connection -------------------------------------------------------------
+
+/** The server of the memory test: `count` connections accepted and left idle, memory sampled
+ *  before the first, after the first and after the last and reported as one line; then every
+ *  connection received until its disconnect, and pruned. */
+bool holdIdle(vxNetServer& server, size_t count, int reports)
+{
+    memorySample before;
+    memorySample first;
+    memorySample last;
+    if (!sampleMemory(before)) {
+        return fail("the server cannot read its memory use");
+    }
+    for (size_t i = 0; i < count; ++i) {
+        if (!acceptManaged(server) || (i == 0 && !sampleMemory(first))) {
+            return false;
+        }
+    }
+    if (!sampleMemory(last)) {
+        return fail("the server cannot read its memory use");
+    }
+    std::ostringstream line;
+    line << before.resident << ' ' << first.resident << ' ' << last.resident << ' ' << before.heap
+         << ' ' << first.heap << ' ' << last.heap;
+    if (!writeLine(reports, line.str())) {
+        return false;
+    }
+    for (const auto& peer : server.connectedClients) {
+        if (!drainUntilDisconnect(*peer)) {
+            return false;
+        }
+    }
+    (void)server.pruneCClist();
+    return server.connectedClients.empty() || fail("the server could not prune the connections");
+}
+
+/** How many idle connections the descriptor limit allows, said aloud when fewer than wanted. */
+size_t idleConnectionCount(rlim_t descriptorLimit)
+{
+    if (descriptorLimit >= kIdleConnections + kSpareDescriptors) {
+        return kIdleConnections;
+    }
+    const size_t count = descriptorLimit > kSpareDescriptors + 2
+                             ? static_cast<size_t>(descriptorLimit - kSpareDescriptors)
+                             : 2;
+    std::cout << "   the limit on open files is " << descriptorLimit << ": " << count
+              << " connections instead of " << kIdleConnections << "\n";
+    return count;
+}
+
+void addMemoryRow(std::vector<resultRow>& rows, const char* label, double perConnection)
+{
+    const double ratio = perConnection / kMemoryGoal;
+    rows.push_back({label, fixed(perConnection / 1024, 1) + " KiB",
+                    fixed(kMemoryGoal / 1024, 1) + " KiB (budget)", ratio, "<= 1.00",
+                    ratio <= 1.0 ? "within" : "OVER"});
+}
+
+bool reportMemory(const std::string& line, size_t count, std::vector<resultRow>& rows)
+{
+    std::istringstream in(line);
+    memorySample before;
+    memorySample first;
+    memorySample last;
+    if (!(in >> before.resident >> first.resident >> last.resident >> before.heap >> first.heap >>
+          last.heap)) {
+        return fail("the memory report of the server is unreadable: " + line);
+    }
+    const auto others = static_cast<double>(count - 1);
+    const double resident = static_cast<double>(last.resident - first.resident) / others;
+    const double heap = static_cast<double>(last.heap - first.heap) / others;
+    std::cout << "   the first connection: resident +"
+              << fixed(static_cast<double>(first.resident - before.resident) / 1024, 1)
+              << " KiB, heap +" << fixed(static_cast<double>(first.heap - before.heap) / 1024, 1)
+              << " KiB (one-time costs included)\n"
+              << "   the " << count - 1 << " after it: resident +"
+              << fixed(static_cast<double>(last.resident - first.resident) / 1024, 1)
+              << " KiB, heap +" << fixed(static_cast<double>(last.heap - first.heap) / 1024, 1)
+              << " KiB in all\n";
+    addMemoryRow(rows, "server memory per idle connection, resident", resident);
+    addMemoryRow(rows, "server memory per idle connection, heap", heap);
+    return true;
+}
+
+/** Keys the record's encrypted socket as its accept would: a replayed handshake whose server end
+ *  is the record's own handshake object, against a client end that is closed again at once. */
+bool keyRecord(benchFrame& frame, vxNetConnectedClient& record, vxNetSocket& clientPlain)
+{
+    vxNetEncryptedSocket clientSide;
+    vxNetPSKChallengeResponse client;
+    const bool keyed =
+        frame.open(clientSide, kCipher, kHash, &clientPlain) &&
+        replayHandshake(frame, record.handshake, client, record.encryptedSocket, clientSide);
+    return closeAll({&clientSide}) && keyed;
+}
+
+/** Where an idle connection's heap goes, measured in this process without descriptors: the record
+ *  of kBreakdownRecords connections opened (plain and encrypted socket), then keyed. */
+bool printRecordBreakdown(benchFrame& frame)
+{
+    constexpr size_t kBreakdownRecords = 100;
+    vxNetSocket clientPlain;
+    std::vector<std::unique_ptr<vxNetConnectedClient>> records;
+    memorySample start;
+    memorySample opened;
+    memorySample keyed;
+    bool ok = frame.open(clientPlain, false) && sampleMemory(start);
+    for (size_t i = 0; ok && i < kBreakdownRecords; ++i) {
+        records.push_back(std::make_unique<vxNetConnectedClient>());
+        ok = frame.open(*records.back(), kCipher, kHash);
+    }
+    ok = ok && sampleMemory(opened);
+    for (size_t i = 0; ok && i < records.size(); ++i) {
+        ok = keyRecord(frame, *records[i], clientPlain);
+    }
+    ok = ok && sampleMemory(keyed);
+    for (const auto& record : records) {
+        ok = closeAll({record.get()}) && ok;
+    }
+    if (!closeAll({&clientPlain}) || !ok) {
+        return fail("cannot measure the heap of a connection record");
+    }
+    const auto count = static_cast<double>(kBreakdownRecords);
+    std::cout << "   in this process, per record (" << kBreakdownRecords
+              << " records): the object itself " << fixed(sizeof(vxNetConnectedClient) / 1024.0, 1)
+              << " KiB; heap "
+              << fixed(static_cast<double>(opened.heap - start.heap) / count / 1024, 1)
+              << " KiB opened (with the plain socket's " << VX_MAX_PACKET_SIZE / 1024
+              << " KiB packet buffer), +"
+              << fixed(static_cast<double>(keyed.heap - opened.heap) / count / 1024, 1)
+              << " KiB after its handshake\n";
+    return true;
+}
+
+bool measureIdleMemory(benchFrame& frame, rlim_t descriptorLimit, std::vector<resultRow>& rows)
+{
+    std::cout << "3. server memory per idle connection\n";
+    const size_t count = idleConnectionCount(descriptorLimit);
+    childServer server;
+    if (!server.start(frame, "memory", [count](vxNetServer& s, int reports) {
+            return holdIdle(s, count, reports);
+        })) {
+        return false;
+    }
+    // Each connection needs its own client and encrypted socket, alive until the server reported.
+    std::vector<std::unique_ptr<vxNetClient>> clients;
+    for (size_t i = 0; i < count; ++i) {
+        clients.push_back(std::make_unique<vxNetClient>());
+        if (!connectClient(frame, *clients.back(), server.port)) {
+            return false;
+        }
+    }
+    std::string report;
+    if (!readLine(server.reports, report)) {
+        return fail("the memory server did not report");
+    }
+    for (const auto& client : clients) {
+        if (!disconnectClient(*client)) {
+            return false;
+        }
+    }
+    return server.finish() && reportMemory(report, count, rows) && printRecordBreakdown(frame);
+}
+
+// ---- The run -----------------------------------------------------------------------------------
+
+bool measureAll(benchFrame& frame, std::vector<resultRow>& rows)
+{
+    const rlim_t descriptorLimit = raiseDescriptorLimit();
+    return measureThroughput(frame, rows) && measureHandshakes(frame, rows) &&
+           measureIdleMemory(frame, descriptorLimit, rows);
+}
+
+} // namespace
+
+int main()
+{
+    benchFrame frame;
+    if (!frame.loadPlugin(VX_PLUGIN_DIR)) {
+        std::cerr << "net_bench: cannot load the plug-in from " << VX_PLUGIN_DIR << "\n";
+        vxBase::DumpStackTrace(std::cerr);
+        return 1;
+    }
+    std::vector<resultRow> rows;
+    const bool measured = measureAll(frame, rows);
+    printTable(rows);
+    if (!measured || vxGlobal.stackTrace.errorLatch.load()) {
+        std::cerr << "net_bench: stopped; not everything could be measured\n";
+        vxBase::DumpStackTrace(std::cerr);
+        return 1;
+    }
+    return closeAll({&frame.api}) ? 0 : 1;
+}
