@@ -146,8 +146,11 @@ bool vxNetServer::ApplyInheritedProperties(int32_t fd)
     return true;
 }
 
+// The mode names are taken by value, as copies of the server's: the interface says so.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 bool vxNetServer::func_LVX_CALL_OPENP(vxNetConnectedClient* cc, std::string cipher,
                                       std::string hash)
+// NOLINTEND(performance-unnecessary-value-param)
 {
     LVX_CALL_OPEN(*cc, cipher, hash);
     return true;

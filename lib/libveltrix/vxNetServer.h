@@ -17,7 +17,8 @@ namespace veltrix {
 class VX_API vxNetConnectedClient : public vxBase
 {
 public:
-    bool __clientIdSet = false; // NOLINT(bugprone-reserved-identifier): the field's public name
+    // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): its public name
+    bool __clientIdSet = false;
     uint32_t clientId = 0;
     vxNetSocket socket;
     vxNetEncryptedSocket encryptedSocket;
