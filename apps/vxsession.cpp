@@ -47,11 +47,6 @@ vxBytes bytesOf(const std::string& text)
     return bytes;
 }
 
-std::string textOf(const vxBytes& bytes)
-{
-    return {bytes.bytes.begin(), bytes.bytes.end()};
-}
-
 /** What both ends share: the plug-in, the settings, closing under the protocol. */
 class sessionEnd : public vxMain
 {
@@ -128,7 +123,9 @@ private:
             if (peer.socket.doDisconnect) {
                 break; // the client sent the disconnect command
             }
-            std::cout << "[server] received \"" << textOf(message) << "\"" << std::endl;
+            std::string text; // the peer's bytes, printable characters only
+            (void)message.ExportToString(text);
+            std::cout << "[server] received \"" << text << "\"" << std::endl;
             if (!peer.encryptedSocket.SendEncrypted(
                     bytesOf("got " + std::to_string(message.bytes.size()) + " bytes"))) {
                 return false;
@@ -179,7 +176,9 @@ private:
                 !client.encryptedSocket.RecvEncrypted(reply)) {
                 return false;
             }
-            std::cout << "[client] reply \"" << textOf(reply) << "\"" << std::endl;
+            std::string answer;
+            (void)reply.ExportToString(answer);
+            std::cout << "[client] reply \"" << answer << "\"" << std::endl;
         }
         std::cout << "[client] statistics:" << std::endl;
         return client.encryptedSocket.stats.Display();
