@@ -562,21 +562,6 @@ TEST_F(vxNetTransportTest, TheSamePayloadTwiceLooksDifferentOnTheWire)
     EXPECT_NE(bodies[0], bodies[1]);
 }
 
-TEST_F(vxNetTransportTest, AWakeUpReturnsBeforeAnyHeaderIsReadAndLeavesTheKeysInStep)
-{
-    ASSERT_TRUE(pair.open(frame, vxCipherId::aes128));
-    uint32_t writeEnd = 0;
-    ASSERT_TRUE(pair.server.socket.createWakeupFd(writeEnd));
-    const unsigned char byte = 1;
-    ASSERT_EQ(write(static_cast<int>(writeEnd), &byte, 1), 1);
-    ASSERT_TRUE(pair.server.header.ReadFromWire(pair.server.keys, &pair.server.socket));
-    EXPECT_TRUE(pair.server.socket.wakeupSeen);
-    exchange(2, 33);
-    (void)close(static_cast<int>(writeEnd));
-    (void)close(pair.server.socket.wakeupFd);
-    pair.server.socket.wakeupFd = 0;
-}
-
 TEST_F(vxNetTransportTest, ThePaddedSizeRoundsUpUnlessRoundingWouldOverflow)
 {
     vxNetTransportHeader header;
