@@ -337,7 +337,7 @@ std::ostream& operator<<(std::ostream& out, const vxMd& md)
     std::string text;
     // GetString reads the finished digest and changes nothing; a copy would share the plug-in
     // state that only the original owns.
-    const bool ok = const_cast<vxMd&>(md).GetString(text);
+    const bool ok = const_cast<vxMd&>(md).GetString(text); // NOLINT(*-const-cast)
     return out << (ok ? text : LVX_MSG_STREAM_ERROR);
 }
 

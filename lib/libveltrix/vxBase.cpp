@@ -251,22 +251,10 @@ void vxBase::addMessage(const char* format, ...) const
     vxGlobal.stackTrace.addMessage(text);
 }
 
-void vxBase::addMessage(const std::string& file, unsigned int line, const char* format, ...) const
+void vxBase::addMessageAt(const std::string& file, unsigned int line, const char* format,
+                          va_list args) const
 {
-    va_list args;
-    va_start(args, format);
-    const std::string text = vformat(format, args);
-    va_end(args);
-    vxGlobal.stackTrace.addMessage(file, text, line);
-}
-
-void vxBase::addMessage(const char* file, unsigned int line, const char* format, ...) const
-{
-    va_list args;
-    va_start(args, format);
-    const std::string text = vformat(format, args);
-    va_end(args);
-    vxGlobal.stackTrace.addMessage(file, text, line);
+    vxGlobal.stackTrace.addMessage(file, vformat(format, args), line);
 }
 
 std::string lvxErrnoText(int error)
@@ -312,8 +300,8 @@ void vxBase::addOpenedByHistory(vxBase* object) const
             addMessage("%s", LVX_MSG_NO_DEMANGLE);
             return;
         }
-        addMessage(current->openFile != nullptr ? current->openFile : "", current->openLine,
-                   LVX_MSG_OPENED_BY, readable.c_str());
+        const std::string file = current->openFile != nullptr ? current->openFile : "";
+        addMessage(file, current->openLine, LVX_MSG_OPENED_BY, readable.c_str());
     }
 }
 

@@ -4,18 +4,23 @@
 #include "vxExport.h"
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 #include <iosfwd>
 #include <list>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
 
 /** Declares the copy and move members of class T as defaulted (LVX_COPYABLE) or deleted
  *  (LVX_NOT_COPYABLE). Every library class declares a destructor (the unclosed-object check), so
- *  each states its copy semantics explicitly. T is a class name, which cannot be parenthesised. */
+ *  each states its copy semantics explicitly. Values (vxBytes, the algorithm identifiers, the
+ *  sequence) are copyable; owners of plug-in state, descriptors or children are not. A copy takes
+ *  its source's value but never its open state (see vxBase). T is a class name, which cannot be
+ *  parenthesised. */
 // NOLINTBEGIN(bugprone-macro-parentheses)
 #define LVX_COPYABLE(T)               \
     T(const T&) = default;            \
@@ -106,7 +111,21 @@ public:
     vxBase* parent = nullptr;
 
     vxBase() = default;
-    LVX_COPYABLE(vxBase);
+
+    /** A copy is a new object: it keeps its source's class name, but not its open state nor its
+     *  place in the object tree. It starts closed and unlinked, so its end reports nothing and it
+     *  may be opened under any parent. */
+    vxBase(const vxBase& other) : initLine(other.initLine), name(other.name) {}
+
+    /** Same as the copy; the source keeps its state but loses its name. */
+    vxBase(vxBase&& other) noexcept : initLine(other.initLine), name(std::move(other.name)) {}
+
+    /** Assignment copies a derived class's value only: this object stays as open and as linked
+     *  as it was. */
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp): copies nothing
+    vxBase& operator=(const vxBase& /*other*/) { return *this; }
+
+    vxBase& operator=(vxBase&& /*other*/) noexcept { return *this; }
 
     /** Does nothing; true. */
     virtual bool Open() { return true; }
@@ -134,11 +153,20 @@ public:
 
     void addHistory(const char* function, const char* file, int line) const;
     void addMessage(const char* format, ...) const __attribute__((format(printf, 2, 3)));
-    void addMessage(const std::string& file, unsigned int line, const char* format, ...) const
-        __attribute__((format(printf, 4, 5)));
-    /** The file-and-line form for a file given as a C text (as __FILE__ is). */
-    void addMessage(const char* file, unsigned int line, const char* format, ...) const
-        __attribute__((format(printf, 4, 5)));
+
+    /** The same, with `file` (cleaned) and `line` recorded in the message line. `file` must be a
+     *  std::string: a call whose first argument is a C text is always the form above, so
+     *  addMessage("%d of %s", 3, "x") records "3 of x". */
+    template <class Text, std::enable_if_t<std::is_same_v<Text, std::string>, int> = 0>
+    [[gnu::format(printf, 4, 5)]] void addMessage(const Text& file, unsigned int line,
+                                                  const char* format, ...) const
+    {
+        va_list args;
+        va_start(args, format);
+        addMessageAt(file, line, format, args);
+        va_end(args);
+    }
+
     /** Appends the text of the current errno to the formatted message. */
     void addMessageWithErrno(const char* format, ...) const __attribute__((format(printf, 2, 3)));
     /** Adds an "Opened by: <class>" line for `object` and each ancestor of nonzero depth. */
@@ -154,6 +182,9 @@ public:
                      ...) const __attribute__((format(printf, 5, 6)));
 
 protected:
+    /** The file-and-line form behind addMessage. */
+    void addMessageAt(const std::string& file, unsigned int line, const char* format,
+                      va_list args) const __attribute__((format(printf, 4, 0)));
     /** The derived-constructor step: closed, unlinked, named with the run-time type name. */
     void initObject(const std::type_info& type, int line);
     /** The derived-destructor check of an object that is still open. */

@@ -5,6 +5,36 @@
 
 namespace libuiTable {
 
+namespace {
+
+/** The padding changes the stream's adjustment and fill; this gives the caller them back, even
+ *  when the stream throws. */
+class formatKeeper
+{
+public:
+    explicit formatKeeper(std::ostream& stream)
+        : out(stream), flags(stream.flags()), fill(stream.fill())
+    {}
+
+    formatKeeper(const formatKeeper&) = delete;
+    formatKeeper& operator=(const formatKeeper&) = delete;
+    formatKeeper(formatKeeper&&) = delete;
+    formatKeeper& operator=(formatKeeper&&) = delete;
+
+    ~formatKeeper()
+    {
+        out.flags(flags);
+        out.fill(fill);
+    }
+
+private:
+    std::ostream& out;
+    std::ios_base::fmtflags flags;
+    char fill;
+};
+
+} // namespace
+
 void uiColumn::setColumnName(const std::string& columnName)
 {
     name = columnName;
@@ -82,6 +112,7 @@ void uiTable::displayLine(std::ostream& out, const std::vector<const std::string
 void uiTable::Display(std::ostream& out)
 {
     static const std::string empty;
+    const formatKeeper keep(out);
     std::vector<const std::string*> texts(columns.size());
     for (size_t i = 0; i < columns.size(); ++i) {
         texts[i] = &columns[i].name;

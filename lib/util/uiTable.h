@@ -70,7 +70,8 @@ public:
     void createDecorRow() {}
 
     void updateColumnMaxWidth(unsigned int column, unsigned int width);
-    /** Writes rule, header, rule, the rows and a closing rule, flushing every line. */
+    /** Writes rule, header, rule, the rows and a closing rule, flushing every line; the stream's
+     *  flags and fill are as they were afterwards. */
     void Display(std::ostream& out);
 
 private:

@@ -1,4 +1,6 @@
 // The object protocol, the error trail and its printed form.
+#include "cryptoapi.h"
+#include "vxNetSocket.h"
 #include "vxTest.h"
 #include "vxThread.h"
 #include "vxVersions.h"
@@ -6,14 +8,18 @@
 #include <cerrno>
 #include <cstdint>
 #include <functional>
+#include <iomanip>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace {
 
 using veltrix::vxBase;
 using veltrix::vxBytes;
+using veltrix::vxHashId;
 using veltrix::vxMutex;
 using vxtest::latchByFailure;
 using vxBaseTest = vxtest::vxTest;
@@ -29,7 +35,7 @@ TEST_F(vxBaseTest, DumpPrintsRowsSeparatorsFallbacksAndOnlyTheHeaderOnceCleared)
     // Two lines: the first falls back to the event's file and line, the second has its own.
     object.addHistory("bool first()", "/src/deep/file1.cpp", 12);
     object.addMessage("first");
-    object.addMessage("sub/other.h", 7, "second %d", 2);
+    object.addMessage(std::string("sub/other.h"), 7, "second %d", 2);
     // No lines: no row at all.
     object.addHistory("bool empty()", "g.cpp", 345);
     // One line each: no separator after either.
@@ -47,6 +53,11 @@ TEST_F(vxBaseTest, DumpPrintsRowsSeparatorsFallbacksAndOnlyTheHeaderOnceCleared)
                                    "| i.cpp     | 9      | last                       |\n"
                                    "|-----------|--------|----------------------------|\n");
     EXPECT_EQ(eventCount(), 4U) << "printing does not consume the trail";
+    std::ostringstream caller;
+    vxBase::DumpStackTrace(caller);
+    caller.str("");
+    caller << std::setw(6) << 42;
+    EXPECT_EQ(caller.str(), "    42") << "the caller's adjustment and fill are back";
     EXPECT_FALSE(vxtest::latched());
     vxBase::lvxClearLastError();
     object.addHistory("bool f()", "event.cpp", 31);
@@ -96,7 +107,7 @@ TEST_F(vxBaseTest, MessageWithoutEventIsDroppedErrnoTextIsAppendedAndLongTextIsC
 {
     vxBytes object;
     object.addMessage("%s", "nowhere to go");
-    object.addMessage("file.cpp", 3, "%s", "nor here");
+    object.addMessage(std::string("file.cpp"), 3, "%s", "nor here");
     errno = ENOENT;
     object.addMessageWithErrno("%s", "open() failed: ");
     EXPECT_FALSE(vxBase::HaveStackTrace());
@@ -120,10 +131,70 @@ TEST_F(vxBaseTest, MessageWithoutEventIsDroppedErrnoTextIsAppendedAndLongTextIsC
         }
         object.addHistory("bool f()", "f.cpp", 1);
         object.addMessage("%s", text.c_str());
-        object.addMessage("f.cpp", 2, "%s", text.c_str());
+        object.addMessage(std::string("f.cpp"), 2, "%s", text.c_str());
         EXPECT_EQ(vxtest::trailMessages(), std::vector<std::string>(2, text.substr(0, r.kept)))
             << r.length;
     }
+}
+
+TEST_F(vxBaseTest, FormattedCallWithANumberIsNotTakenForTheFileAndLineForm)
+{
+    vxBytes object;
+    object.addHistory("bool f()", "f.cpp", 1);
+    object.addMessage("%d of %s", 3, "x");
+    object.addMessage(std::string("dir/g.cpp"), 4, "%u of %s", 5U, "y");
+    const auto& lines = vxGlobal.stackTrace.events.back().lines;
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].message, "3 of x");
+    EXPECT_EQ(lines[0].file, "");
+    EXPECT_EQ(lines[0].line, "");
+    EXPECT_EQ(lines[1].message, "5 of y");
+    EXPECT_EQ(lines[1].file, "g.cpp");
+    EXPECT_EQ(lines[1].line, "4");
+}
+
+template <class... T>
+constexpr bool copyable = ((std::is_copy_constructible_v<T> && std::is_copy_assignable_v<T>)&&...);
+template <class... T>
+constexpr bool notCopyable = ((!std::is_copy_constructible_v<T> &&
+                               !std::is_copy_assignable_v<T>)&&...);
+
+// Values may be copied; a copy of an owner of plug-in state, a descriptor or children would
+// release them a second time.
+static_assert(copyable<vxBytes, vxHashId, veltrix::vxCipherId, veltrix::vxSequence>);
+static_assert(notCopyable<veltrix::vxMd, veltrix::vxHmacMd, veltrix::vxCipher, veltrix::vxRand,
+                          veltrix::vxRsa, veltrix::vxApi, vxMutex, veltrix::vxMain,
+                          veltrix::vxNetSocket, veltrix::vxNetEncryptedSocket>);
+
+TEST_F(vxBaseTest, CopiesTakeTheValueButNeverTheOpenStateOrTheLinks)
+{
+    vxHashId open;
+    ASSERT_TRUE(frame.open(open, vxHashId::sha256));
+    {
+        vxHashId copy(open);
+        vxHashId moved(std::move(copy));
+        for (const vxHashId* id : {&copy, &moved}) {
+            EXPECT_EQ(id->value, vxHashId::sha256);
+            EXPECT_FALSE(id->opened);
+            EXPECT_EQ(id->parent, nullptr);
+            EXPECT_EQ(id->depth, 0U);
+            EXPECT_EQ(id->openLine, 0U);
+        }
+        EXPECT_EQ(moved.name, open.name);
+        ASSERT_TRUE(frame.open(moved, vxHashId::md5)) << "a copy opens under any parent";
+        vxHashId closed;
+        closed = open;
+        EXPECT_EQ(closed.value, vxHashId::sha256);
+        EXPECT_FALSE(closed.opened) << "assignment keeps the target's state";
+        open = moved;
+        EXPECT_EQ(open.value, vxHashId::md5);
+        EXPECT_TRUE(open.opened);
+        EXPECT_EQ(open.parent, &frame);
+        EXPECT_TRUE(vxtest::testFrame::close(moved));
+    }
+    EXPECT_FALSE(vxtest::latched()) << vxtest::dumpTrail();
+    EXPECT_FALSE(vxBase::HaveStackTrace());
+    EXPECT_TRUE(vxtest::testFrame::close(open));
 }
 
 TEST_F(vxBaseTest, PreOpenLinkageViolations)
