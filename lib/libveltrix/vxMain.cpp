@@ -25,8 +25,19 @@ vxMain::vxMain() : previousRoot((vxGlobal.tryInit(), vxGlobal.root))
 vxMain::~vxMain()
 {
     opened = false;
+    // Frames form a chain from the root through the roots each one replaced. Unlink this frame
+    // wherever it stands, so that in any order of destruction a destroyed frame is never the root
+    // and never restored as one.
     if (vxGlobal.root == this) {
         vxGlobal.root = previousRoot;
+        return;
+    }
+    for (auto* frame = dynamic_cast<vxMain*>(vxGlobal.root); frame != nullptr;
+         frame = dynamic_cast<vxMain*>(frame->previousRoot)) {
+        if (frame->previousRoot == this) {
+            frame->previousRoot = previousRoot;
+            return;
+        }
     }
 }
 

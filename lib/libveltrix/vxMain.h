@@ -14,7 +14,8 @@ public:
     /** Makes this frame the root of the object tree (replacing an earlier frame). */
     vxMain();
     LVX_NOT_COPYABLE(vxMain);
-    /** Never reported as unclosed; hands the root back to the library's own. */
+    /** Never reported as unclosed. Hands the root back to the frame or root this one replaced;
+     *  frames may be destroyed in any order. */
     ~vxMain() override;
 
     /** The application's main routine. */

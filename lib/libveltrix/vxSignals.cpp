@@ -47,7 +47,9 @@ void vxSignalHandlerChld(int /*signo*/)
 
 void vxSignalHandlerQuit(int /*signo*/)
 {
-    _exit(0); // async-signal-safe, unlike exit()
+    // exit() could run atexit handlers and flush stdio in the middle of the interrupted code
+    // (possibly inside malloc or a stream); _exit is async-signal-safe and ends at once.
+    _exit(0);
 }
 
 void* vxSignalsMainThread(void* /*arg*/)

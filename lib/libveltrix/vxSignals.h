@@ -23,7 +23,8 @@ public:
 VX_API void vxSignalHandlerDummy(int signo);
 /** Reaps every finished child without blocking, keeping errno intact. */
 VX_API void vxSignalHandlerChld(int signo);
-/** Ends the process with status 0. */
+/** Ends the process with status 0 through _exit: exit() is not safe in a signal handler, so no
+ *  atexit handler, static destructor or stdio flush runs. */
 VX_API void vxSignalHandlerQuit(int signo);
 /** Thread routine of the signal object; returns null at once. */
 VX_API void* vxSignalsMainThread(void* arg);

@@ -7,8 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 
 using namespace veltrix;
 using vxtest::firstMessage;
@@ -59,6 +64,29 @@ TEST_F(mainTest, FrameIsTheOpenRootAndHandsItBack)
     }
     EXPECT_EQ(vxGlobal.root, before);
     EXPECT_FALSE(latched()); // the frame is never reported as unclosed
+}
+
+TEST_F(mainTest, FramesMayEndInAnyOrderWithoutLeavingADestroyedRoot)
+{
+    vxBase* const before = vxGlobal.root;
+    std::array<int, 3> order = {0, 1, 2};
+    do {
+        std::array<std::unique_ptr<recordingApp>, 3> frames;
+        for (auto& app : frames) {
+            app = std::make_unique<recordingApp>();
+        }
+        for (const int index : order) {
+            frames[index].reset();
+            // The newest frame still alive is the root, else the one before them all.
+            vxBase* expected = before;
+            for (const auto& app : frames) {
+                expected = app ? app.get() : expected;
+            }
+            EXPECT_EQ(vxGlobal.root, expected)
+                << "destroyed " << order[0] << order[1] << order[2] << " up to " << index;
+        }
+    } while (std::next_permutation(order.begin(), order.end()));
+    EXPECT_FALSE(latched());
 }
 
 TEST_F(mainTest, InitAndRunRecordsTheApplicationAndRunsMain)
@@ -149,9 +177,15 @@ TEST(mainDeathTest, DieCutsTheMessageAt1023Characters)
                 "^\\*\\*\\* Error: x{1023}\n$");
 }
 
-TEST(signalDeathTest, QuitHandlerExitsWithZero)
+TEST(signalDeathTest, QuitHandlerEndsAtOnceWithZero)
 {
-    EXPECT_EXIT(vxSignalHandlerQuit(SIGTERM), ::testing::ExitedWithCode(0), "");
+    // Ended through _exit: an atexit handler registered before the signal never runs.
+    EXPECT_EXIT(
+        {
+            (void)std::atexit([] { (void)std::fputs("atexit handler ran", stderr); });
+            vxSignalHandlerQuit(SIGTERM);
+        },
+        ::testing::ExitedWithCode(0), "^$");
 }
 
 TEST(signalTest, DummyHandlerAbsorbsInterruptAndHangup)
@@ -193,12 +227,6 @@ TEST(signalTest, ChildHandlerReapsEveryChildAndKeepsErrno)
     ASSERT_EQ(sigaction(SIGCHLD, nullptr, &now), 0);
     EXPECT_EQ(now.sa_handler, &vxSignalHandlerChld);
     ASSERT_EQ(sigaction(SIGCHLD, &saved, nullptr), 0);
-}
-
-TEST(signalTest, SignalObjectDoesNothing)
-{
-    EXPECT_EQ(vxSignalsMainThread(nullptr), nullptr);
-    EXPECT_TRUE(vxGlobal.signals.CreateMainThread());
 }
 
 } // namespace
