@@ -5,14 +5,49 @@
 #include "vxVersions.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <string_view>
 
 using namespace veltrix;
 using vxtest::firstMessage;
 using vxtest::latched;
 using vxtest::tempDir;
 using vxtest::trailMessages;
+
+namespace {
+
+/** Every probe of a file named "libveltrix_probed.so", in order, as "stat <path>" or "lstat <path>". */
+std::vector<std::string> probes;
+
+template <class Probe>
+int recordProbe(const char* symbol, Probe* real, const char* path, struct stat* info)
+{
+    if (path != nullptr &&
+        std::string_view(path).find("libveltrix_probed.so") != std::string::npos) {
+        probes.push_back(std::string(symbol) + " " + path);
+    }
+    return real(path, info);
+}
+
+using probeFunction = int(const char*, struct stat*);
+
+} // namespace
+
+// The test program's own stat and lstat stand before the C library's for the plug-in loader too,
+// so the order in which it probes the search path can be watched.
+extern "C" int stat(const char* path, struct stat* info) noexcept
+{
+    static auto* const real = reinterpret_cast<probeFunction*>(dlsym(RTLD_NEXT, "stat"));
+    return recordProbe("stat", real, path, info);
+}
+
+extern "C" int lstat(const char* path, struct stat* info) noexcept
+{
+    static auto* const real = reinterpret_cast<probeFunction*>(dlsym(RTLD_NEXT, "lstat"));
+    return recordProbe("lstat", real, path, info);
+}
 
 namespace {
 
@@ -88,13 +123,22 @@ TEST_F(loaderTest, SearchPathIsWalkedInOrder)
     EXPECT_EQ(second.path, d2 + "/libveltrix_fake.so");
 }
 
-TEST_F(loaderTest, DefaultPathTriesFourCandidatesEndingInLocalSecure)
+TEST_F(loaderTest, DefaultPathTriesItsFourCandidatesInOrder)
 {
     vxApi api; // only for its default search path
     EXPECT_EQ(api.searchPath, "/lib:/lib/secure:/usr/lib/secure/:/usr/local/lib/secure");
-    EXPECT_FAILS_WITH(load(api.searchPath, "nosuchplugin"),
-                      "No such file or directory: libveltrix_nosuchplugin.so");
-    EXPECT_EQ(loader.path, "/usr/local/lib/secure/libveltrix_nosuchplugin.so");
+    probes.clear();
+    EXPECT_FAILS_WITH(load(api.searchPath, "probed"),
+                      "No such file or directory: libveltrix_probed.so");
+    std::vector<std::string> expected;
+    for (const char* path :
+         {"/lib/libveltrix_probed.so", "/lib/secure/libveltrix_probed.so",
+          "/usr/lib/secure//libveltrix_probed.so", "/usr/local/lib/secure/libveltrix_probed.so"}) {
+        expected.push_back(std::string("stat ") + path);
+        expected.push_back(std::string("lstat ") + path);
+    }
+    EXPECT_EQ(probes, expected);
+    EXPECT_EQ(loader.path, "/usr/local/lib/secure/libveltrix_probed.so");
 }
 
 TEST_F(loaderTest, TrailingSlashGivesDoubleSlash)
@@ -328,6 +372,25 @@ TEST_F(apiTest, CloseWithoutOpenChangesNothing)
     EXPECT_TRUE(api.Close());
     EXPECT_EQ(cryptoRegistry, nullptr);
     EXPECT_FALSE(veltrix::vxBase::HaveStackTrace());
+}
+
+TEST_F(apiTest, CryptoObjectsCannotOpenWithoutAPlugin)
+{
+    if (cryptoRegistry != nullptr) {
+        GTEST_SKIP() << "a plug-in is already loaded in this process";
+    }
+    vxHashId hashId;
+    hashId.value = vxHashId::md5;
+    vxMd md;
+    EXPECT_FALSE(md.Open(hashId));
+    EXPECT_QUIET();
+    vxCipherId cipherId;
+    cipherId.value = vxCipherId::aes128;
+    vxCipher cipher;
+    EXPECT_FAILS_WITH(cipher.Open(cipherId), "cryptoRegistry != NULL");
+    veltrix::vxBase::lvxClearLastError();
+    vxRsa rsa;
+    EXPECT_FAILS_WITH(rsa.Open(), "cryptoRegistry");
 }
 
 TEST_F(apiTest, UnknownAcceptedNameCannotBeLinked)

@@ -268,18 +268,18 @@ TEST_F(vxRandTest, RandomSources)
 
 using vxSequenceTest = vxtest::vxTest;
 
-/** The sequence as defined, written hashed independently: a 32-bit linear congruential step, then
- *  the state divided by twice the range, modulo the range. */
+/** The sequence written out a second time, apart from the library's code: a 32-bit linear
+ *  congruential step, then the state divided by twice the range, modulo the range. */
 std::vector<uint32_t> referenceSequence(uint32_t state, uint32_t range, size_t count)
 {
-    std::vector<uint32_t> hashed;
+    std::vector<uint32_t> values;
     for (size_t i = 0; i < count; ++i) {
         state = static_cast<uint32_t>((uint64_t{state} * 1103515245ULL + 12345ULL) % 4294967296ULL);
         const uint64_t divisor = (2ULL * range) % 4294967296ULL;
         const uint64_t q = divisor == 0 ? 0 : state / divisor;
-        hashed.push_back(range == 0 ? 0 : static_cast<uint32_t>(q % range));
+        values.push_back(range == 0 ? 0 : static_cast<uint32_t>(q % range));
     }
-    return hashed;
+    return values;
 }
 
 TEST_F(vxSequenceTest, FirstValueSeedAndAgreementWithTheReference)
@@ -330,7 +330,7 @@ TEST_F(vxSequenceTest, FirstValueSeedAndAgreementWithTheReference)
         }
         EXPECT_EQ(got, referenceSequence(c.state, c.range, 8)) << c.seed << " " << c.range;
     }
-    // A few values worked hashed by hand for seed 5, range 7: 5 * 1103515245 + 12345 = 5517588570,
+    // A value worked out by hand for seed 5, range 7: 5 * 1103515245 + 12345 = 5517588570,
     // which is 1222621274 modulo 2^32; 1222621274 / 14 = 87330091, and 87330091 % 7 = 2.
     vxSequence generated;
     ASSERT_TRUE(generated.Open(7));

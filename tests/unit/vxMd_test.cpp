@@ -268,7 +268,7 @@ TEST_F(vxMdTest, GetBytesBeforeFinalGetLengthStreamOutputTraceMdAndDumpVec)
     std::ostringstream unfinished;
     unfinished << streamed;
     EXPECT_EQ(unfinished.str(), "Object protocol error");
-    // The failed GetString on the copy is an ordinary failure: recorded and latched.
+    // The failed GetString is an ordinary failure: recorded and latched.
     EXPECT_TRUE(vxtest::latched());
     EXPECT_EQ(vxtest::firstMessage(), "( finalized == true )");
     veltrix::vxBase::lvxClearLastError();

@@ -89,7 +89,7 @@ TEST_F(vxThreadTest, MutexLocksUnlocksRefusesWhileLatchedAndRecordsFailingCallSt
     ASSERT_EQ(pthread_mutexattr_settype(&checkingAttributes, PTHREAD_MUTEX_ERRORCHECK), 0);
     ASSERT_EQ(pthread_mutex_init(&checking.mutex, &checkingAttributes), 0);
     (void)pthread_mutexattr_destroy(&checkingAttributes);
-    // Locking an error-checking checking twice from one thread fails with EDEADLK.
+    // Locking an error-checking mutex twice from one thread fails with EDEADLK.
     static_assert(EDEADLK == 35, "Linux error numbers");
     ASSERT_TRUE(checking.Lock());
     EXPECT_FAILS_WITH(checking.Lock(), "Int return value failed. (35). ");
