@@ -1,0 +1,170 @@
+// veltrix cat: standard input to the peer, the peer's bytes to standard output, over one
+// encrypted connection, until the input on both sides has ended.
+//
+//   veltrix cat --listen ADDR:PORT ...   waits for one connection (the server end)
+//   veltrix cat ADDR:PORT ...            connects (the client end)
+//
+// It speaks the tunnel's stream protocol, so cat and tunnel talk to each other with half-close;
+// --raw sends bare payloads instead, for any application built on the library.
+#include "commands.h"
+#include "relay.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+
+namespace vxcli {
+
+using namespace veltrix;
+
+namespace {
+
+struct catOptions
+{
+    std::string listen;
+    std::string peer;
+    channelOptions channel;
+    bool raw = false;
+    bool progress = false;
+    bool forceProgress = false;
+    bool stats = false;
+};
+
+/** "12.3 MiB" */
+std::string sizeText(double bytes)
+{
+    const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    size_t unit = 0;
+    while (bytes >= 1024 && unit + 1 < sizeof units / sizeof units[0]) {
+        bytes /= 1024;
+        ++unit;
+    }
+    char text[32];
+    (void)std::snprintf(text, sizeof text, "%.1f %s", bytes, units[unit]);
+    return text;
+}
+
+/** The progress line on standard error: bytes each way, the rate, the time so far. */
+relayTick progressLine()
+{
+    const auto start = std::chrono::steady_clock::now();
+    return [start](const relayCounters& counters, bool last) {
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const auto total = static_cast<double>(counters.toPeer + counters.fromPeer);
+        const auto whole = static_cast<unsigned long>(seconds);
+        char line[160];
+        (void)std::snprintf(line, sizeof line, "\r%s sent, %s received, %s/s, %02lu:%02lu ",
+                            sizeText(static_cast<double>(counters.toPeer)).c_str(),
+                            sizeText(static_cast<double>(counters.fromPeer)).c_str(),
+                            sizeText(seconds > 0 ? total / seconds : 0).c_str(), whole / 60,
+                            whole % 60);
+        std::cerr << line << (last ? "\n" : "") << std::flush;
+    };
+}
+
+/** The statistics table of the encrypted socket, on standard error: standard output is the
+ *  peer's data. */
+void printStats(vxNetEncryptedSocket& channel)
+{
+    std::streambuf* data = std::cout.rdbuf(std::cerr.rdbuf());
+    (void)channel.stats.Display();
+    std::cout.rdbuf(data);
+}
+
+void relay(vxNetEncryptedSocket& channel, const catOptions& options, bool initiator)
+{
+    const plainSide standard{STDIN_FILENO, STDOUT_FILENO, false, "standard input",
+                             "standard output"};
+    const bool showProgress =
+        options.forceProgress || (options.progress && isatty(STDERR_FILENO) == 1);
+    const relayTick tick = showProgress ? progressLine() : relayTick();
+    if (options.raw) {
+        relayRaw(channel, standard, initiator, tick);
+    } else {
+        relayStream(channel, standard, initiator, tick);
+    }
+    if (options.stats) {
+        printStats(channel);
+    }
+}
+
+void listenAndRelay(cliFrame& frame, const catOptions& options, const vxBytes& secret)
+{
+    vxNetSocket listener;
+    const closeOnExit listenerGuard(listener);
+    listenOn(frame, listener, parseEndpoint(options.listen));
+    pollfd pending{listener.sockFd, POLLIN, 0};
+    int fd = -1;
+    while (fd < 0) {
+        if (poll(&pending, 1, -1) < 0 && errno != EINTR) {
+            throw failure("waiting for a connection failed: " + errnoText());
+        }
+        fd = accept4(listener.sockFd, nullptr, nullptr, SOCK_CLOEXEC);
+    }
+    vxNetServer server;
+    const closeOnExit serverGuard(server);
+    vxNetConnectedClient record;
+    const closeOnExit recordGuard(record);
+    acceptEncrypted(frame, server, record, fd, options.channel, secret);
+    relay(record.encryptedSocket, options, false);
+}
+
+void connectAndRelay(cliFrame& frame, const catOptions& options, const vxBytes& secret)
+{
+    vxNetClient client;
+    const closeOnExit clientGuard(client);
+    const closeOnExit channelGuard(client.encryptedSocket);
+    connectEncrypted(frame, client, parseEndpoint(options.peer), options.channel, secret);
+    relay(client.encryptedSocket, options, true);
+}
+
+int runCat(cliFrame& frame, const catOptions& options)
+{
+    frame.loadPlugin();
+    const vxBytes secret = readSecret(options.channel.pskFile);
+    if (!options.listen.empty()) {
+        listenAndRelay(frame, options, secret);
+    } else {
+        connectAndRelay(frame, options, secret);
+    }
+    return exitOk;
+}
+
+} // namespace
+
+void addCatCommand(CLI::App& program, selection& chosen)
+{
+    auto options = std::make_shared<catOptions>();
+    CLI::App* command = program.add_subcommand(
+        "cat", "standard input to the peer and the peer's bytes to standard output");
+    CLI::Option* listen =
+        command->add_option("--listen", options->listen, "wait for one connection on ADDR:PORT")
+            ->check(endpointValidator());
+    CLI::Option* peer = command->add_option("peer", options->peer, "ADDR:PORT to connect to")
+                            ->check(endpointValidator());
+    listen->excludes(peer);
+    addChannelOptions(*command, options->channel);
+    command->add_flag("--raw", options->raw,
+                      "bare payloads, for any application built on the library");
+    command->add_flag("--progress", options->progress,
+                      "a progress line on standard error when it is a terminal");
+    command->add_flag("--force-progress", options->forceProgress,
+                      "the progress line even when standard error is not a terminal");
+    command->add_flag("--stats", options->stats,
+                      "the encrypted socket's statistics on standard error at the end");
+    command->callback([options, &chosen] {
+        if (options->listen.empty() == options->peer.empty()) {
+            throw CLI::RequiredError("--listen ADDR:PORT or a peer ADDR:PORT");
+        }
+        chosen = {"cat", [options](cliFrame& frame) { return runCat(frame, *options); }};
+    });
+}
+
+} // namespace vxcli

@@ -1,0 +1,108 @@
+// What every command of the veltrix program shares: the frame that loads the crypto plug-in,
+// failures reported as one line, and the exit statuses.
+#pragma once
+
+#include "vxMain.h"
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace vxcli {
+
+/** Exit statuses of the program. */
+enum exitStatus : int
+{
+    exitOk = 0,
+    exitFailure = 1,
+    exitUsage = 2
+};
+
+/** A command failed: the text is one line saying what failed and why, with the file or address
+ *  involved. The frame prints it after "veltrix <command>: ". */
+class failure : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/** Options that come before the command. */
+struct globalOptions
+{
+    bool verbose = false;   ///< print the error trail after the failure line
+    std::string pluginPath; ///< empty: the build tree's plug-ins, or the library's default path
+};
+
+/** The newest message of the error trail, or "no reason recorded". */
+std::string trailReason();
+
+/** Throws failure("<what>: <newest trail message>") when `ok` is false. */
+void require(bool ok, const std::string& what);
+
+/** The text of the current errno. */
+std::string errnoText();
+
+/** The root of the object tree while a command runs. */
+class cliFrame : public veltrix::vxMain
+{
+public:
+    using body = std::function<int(cliFrame&)>;
+
+    cliFrame(globalOptions options, std::string command);
+
+    /** Runs `command` inside the frame and returns its exit status. A failure it throws becomes
+     *  "veltrix <command>: <text>" on standard error (and the trail with -v) and status 1. */
+    int run(const body& command);
+
+    /** Loads the crypto plug-in: from --plugin-path when given, from the build tree when this
+     *  program runs from it, else from the library's default search path. */
+    void loadPlugin();
+
+    /** Opens `child` under the frame; throws failure("<what>: <reason>") when it cannot. */
+    template <class Child, class... Args>
+    void open(Child& child, const std::string& what, Args&&... args)
+    {
+        require(openChild(child, std::forward<Args>(args)...), what);
+    }
+
+    /** PreClose, Close, PostClose of an open object; false at the first step that fails. */
+    static bool close(veltrix::vxBase& child);
+
+    [[nodiscard]] const globalOptions& options() const { return settings; }
+
+    bool main(int argc, char** argv) override;
+
+private:
+    template <class Child, class... Args> bool openChild(Child& child, Args&&... args)
+    {
+        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
+        return true;
+    }
+
+    globalOptions settings;
+    std::string commandLabel;
+    const body* current = nullptr;
+    int status = exitFailure;
+};
+
+/** Closes `object` when it is open, at the end of a scope, whatever happened before. */
+class closeOnExit
+{
+public:
+    explicit closeOnExit(veltrix::vxBase& object) : target(object) {}
+
+    LVX_NOT_COPYABLE(closeOnExit);
+
+    ~closeOnExit()
+    {
+        if (target.opened) {
+            (void)cliFrame::close(target);
+        }
+    }
+
+private:
+    veltrix::vxBase& target;
+};
+
+} // namespace vxcli
