@@ -1,0 +1,125 @@
+// veltrix cat both ways with files compared byte for byte, in the stream protocol and with bare
+// payloads, and the statistics and progress output.
+#include "cliRun.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+using namespace vxclitest;
+
+namespace {
+
+class catTest : public testing::Test
+{
+protected:
+    void SetUp() override { writeFile(psk, "a secret for cat"); }
+
+    /** Starts `cat --listen` with `input` on its standard input; its output goes to "heard". */
+    std::unique_ptr<backgroundRun> listen(const std::string& input,
+                                          const std::vector<std::string>& extra = {})
+    {
+        writeFile(dir.file("spoken"), input);
+        std::vector<std::string> argv{veltrixPath(), "cat", "--listen", peer, "--psk-file", psk};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        auto run = std::make_unique<backgroundRun>(argv, dir.file("spoken"), dir.file("heard"));
+        // The listener is ready once its port accepts; the client retries until then.
+        return run;
+    }
+
+    /** Runs the connecting cat with `input`, retrying while the listener is not yet up. */
+    runResult connect(const std::string& input, const std::vector<std::string>& extra = {})
+    {
+        std::vector<std::string> args{"cat", peer, "--psk-file", psk};
+        args.insert(args.end(), extra.begin(), extra.end());
+        runResult run;
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            run = runVeltrix(args, input, 120);
+            if (run.err.find("Connection refused") == std::string::npos) {
+                break;
+            }
+            usleep(50000);
+        }
+        return run;
+    }
+
+    scratchDir dir;
+    std::string psk = dir.file("psk");
+    std::string peer = "127.0.0.1:" + std::to_string(freePort());
+};
+
+TEST_F(catTest, BothWaysByteForByte)
+{
+    const std::string fromListener = pattern(3 << 20, 1);
+    const std::string fromClient = pattern((5 << 20) + 17, 2);
+    const auto listener = listen(fromListener);
+    const runResult client = connect(fromClient);
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_EQ(listener->wait(60), 0) << listener->errorText();
+    EXPECT_TRUE(client.out == fromListener) << client.out.size() << " bytes received";
+    EXPECT_TRUE(readFile(dir.file("heard")) == fromClient);
+    EXPECT_EQ(client.err, "");
+}
+
+TEST_F(catTest, EmptyInputOnBothSidesEndsCleanly)
+{
+    const auto listener = listen("");
+    const runResult client = connect("");
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_EQ(listener->wait(30), 0) << listener->errorText();
+    EXPECT_EQ(client.out, "");
+    EXPECT_EQ(readFile(dir.file("heard")), "");
+}
+
+TEST_F(catTest, RawPayloadsReachTheListener)
+{
+    const std::string fromClient = pattern((1 << 20) + 5, 3);
+    const auto listener = listen("", {"--raw"});
+    const runResult client = connect(fromClient, {"--raw"});
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_EQ(listener->wait(60), 0) << listener->errorText();
+    EXPECT_TRUE(readFile(dir.file("heard")) == fromClient);
+}
+
+TEST_F(catTest, StatsAndProgressGoToStandardError)
+{
+    const auto listener = listen("answer");
+    const runResult client = connect("question", {"--stats", "--force-progress"});
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_EQ(listener->wait(30), 0);
+    EXPECT_EQ(client.out, "answer");
+    EXPECT_NE(client.err.find("8.0 B sent, 6.0 B received"), std::string::npos) << client.err;
+    EXPECT_NE(client.err.find("| SentMsgs "), std::string::npos) << client.err;
+}
+
+TEST_F(catTest, WrongSecretFailsBothEndsWithOneLine)
+{
+    const auto listener = listen("never sent");
+    const std::string otherPsk = dir.file("other");
+    writeFile(otherPsk, "not the same secret");
+    std::vector<std::string> args{"cat", peer, "--psk-file", otherPsk};
+    runResult client;
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        client = runVeltrix(args, "never heard", 60);
+        if (client.err.find("Connection refused") == std::string::npos) {
+            break;
+        }
+        usleep(50000);
+    }
+    EXPECT_EQ(client.status, 1);
+    EXPECT_EQ(lineCount(client.err), 1U) << client.err;
+    EXPECT_EQ(client.err.rfind("veltrix cat: the handshake with " + peer + " failed: ", 0), 0U)
+        << client.err;
+    EXPECT_EQ(listener->wait(30), 1);
+    EXPECT_EQ(lineCount(listener->errorText()), 1U) << listener->errorText();
+    EXPECT_EQ(readFile(dir.file("heard")), "");
+}
+
+TEST_F(catTest, NoListenerIsOneLine)
+{
+    const runResult client = runVeltrix({"cat", peer, "--psk-file", psk});
+    EXPECT_EQ(client.status, 1);
+    EXPECT_EQ(client.err, "veltrix cat: cannot connect to " + peer + ": Connection refused\n");
+}
+
+} // namespace

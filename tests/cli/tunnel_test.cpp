@@ -1,0 +1,318 @@
+// veltrix tunnel in front of a small echo service, with clients connecting through a client
+// tunnel: data exact both ways, half-close, large streams both ways at once, a wrong secret, a
+// connection that dies mid-stream, SIGTERM.
+#include "cliRun.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace vxclitest;
+
+namespace {
+
+int listenLoopback(int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 16) != 0) {
+        throw std::runtime_error("cannot listen");
+    }
+    return fd;
+}
+
+/** A plain connection to 127.0.0.1:port; -1 when refused. */
+int connectLoopback(int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        (void)close(fd);
+        return -1;
+    }
+    const timeval limit{60, 0}; // a hung tunnel fails the test instead of the run
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return fd;
+}
+
+bool sendAll(int fd, const std::string& data)
+{
+    for (size_t at = 0; at < data.size();) {
+        const ssize_t sent = send(fd, data.data() + at, data.size() - at, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return false;
+        }
+        at += static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+/** Everything until the end of the stream; `ended` says whether it ended normally. */
+std::string receiveAll(int fd, bool* ended = nullptr)
+{
+    std::string data;
+    std::vector<char> chunk(1 << 16);
+    ssize_t got = 0;
+    while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0) {
+        data.append(chunk.data(), static_cast<size_t>(got));
+    }
+    if (ended != nullptr) {
+        *ended = got == 0;
+    }
+    return data;
+}
+
+/** An echo service on loopback: every connection gets its bytes back, and the end of its stream
+ *  after them (a half-close answered the way a request/response service answers it). */
+class echoService
+{
+public:
+    echoService() : port(freePort()), listener(listenLoopback(port))
+    {
+        acceptor = std::thread([this] { acceptAll(); });
+    }
+
+    echoService(const echoService&) = delete;
+    echoService& operator=(const echoService&) = delete;
+
+    ~echoService()
+    {
+        (void)shutdown(listener, SHUT_RDWR);
+        acceptor.join();
+        (void)close(listener);
+        for (std::thread& worker : workers) {
+            worker.join();
+        }
+    }
+
+    const int port;
+
+private:
+    void acceptAll()
+    {
+        int fd = -1;
+        while ((fd = accept(listener, nullptr, nullptr)) >= 0) {
+            workers.emplace_back([fd] {
+                std::vector<char> chunk(1 << 16);
+                ssize_t got = 0;
+                while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0 &&
+                       sendAll(fd, std::string(chunk.data(), static_cast<size_t>(got)))) {
+                }
+                (void)shutdown(fd, SHUT_WR);
+                (void)close(fd);
+            });
+        }
+    }
+
+    int listener;
+    std::thread acceptor;
+    std::vector<std::thread> workers;
+};
+
+std::string address(int port)
+{
+    return "127.0.0.1:" + std::to_string(port);
+}
+
+class tunnelTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        writeFile(psk, "the secret both tunnels share\n");
+        serverTunnel = start("--server", serverPort, service.port, psk);
+        clientTunnel = start("--client", clientPort, serverPort, psk);
+    }
+
+    std::unique_ptr<backgroundRun> start(const char* mode, int acceptPort, int connectPort,
+                                         const std::string& secretFile)
+    {
+        auto run = std::make_unique<backgroundRun>(
+            std::vector<std::string>{veltrixPath(), "tunnel", mode, "--accept", address(acceptPort),
+                                     "--connect", address(connectPort), "--psk-file", secretFile,
+                                     "--foreground", "--handshake-timeout", "5"});
+        EXPECT_TRUE(run->waitForError("listening on", 30)) << run->errorText();
+        return run;
+    }
+
+    /** Sends `request` through the tunnels, half-closes and returns the whole answer. */
+    std::string exchange(const std::string& request, int port)
+    {
+        const int fd = connectLoopback(port);
+        EXPECT_GE(fd, 0);
+        EXPECT_TRUE(sendAll(fd, request));
+        (void)shutdown(fd, SHUT_WR);
+        std::string answer = receiveAll(fd);
+        (void)close(fd);
+        return answer;
+    }
+
+    scratchDir dir;
+    std::string psk = dir.file("psk");
+    echoService service;
+    int serverPort = freePort();
+    int clientPort = freePort();
+    std::unique_ptr<backgroundRun> serverTunnel;
+    std::unique_ptr<backgroundRun> clientTunnel;
+};
+
+TEST_F(tunnelTest, CarriesEveryByteAndHalfClose)
+{
+    for (const size_t size : {size_t{1}, size_t{4093}, size_t{4094}, size_t{100000}}) {
+        const std::string request = pattern(size, static_cast<unsigned>(size));
+        EXPECT_EQ(exchange(request, clientPort), request) << size << " bytes";
+    }
+    EXPECT_TRUE(serverTunnel->waitForError("closed", 10)) << serverTunnel->errorText();
+}
+
+TEST_F(tunnelTest, LargeStreamsBothWaysAtOnceComplete)
+{
+    // 64 MiB each way at the same time: the client keeps sending while the echo comes back, so
+    // every end's send buffer fills while its peer is sending too.
+    const std::string stream = pattern(64U << 20U, 7);
+    const int fd = connectLoopback(clientPort);
+    ASSERT_GE(fd, 0);
+    std::atomic<bool> sent{false};
+    std::thread writer([&] {
+        sent = sendAll(fd, stream);
+        (void)shutdown(fd, SHUT_WR);
+    });
+    bool ended = false;
+    const std::string echoed = receiveAll(fd, &ended);
+    writer.join();
+    (void)close(fd);
+    EXPECT_TRUE(sent);
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(echoed.size(), stream.size());
+    EXPECT_TRUE(echoed == stream);
+}
+
+TEST_F(tunnelTest, WrongSecretEndsOnlyThatConnection)
+{
+    const int good = connectLoopback(clientPort);
+    ASSERT_GE(good, 0);
+    ASSERT_TRUE(sendAll(good, "first half, "));
+
+    const std::string wrongPsk = dir.file("wrong");
+    writeFile(wrongPsk, "another secret");
+    const int wrongPort = freePort();
+    const auto wrongTunnel = start("--client", wrongPort, serverPort, wrongPsk);
+    const int bad = connectLoopback(wrongPort);
+    ASSERT_GE(bad, 0);
+    bool ended = true;
+    EXPECT_EQ(receiveAll(bad, &ended), "");
+    EXPECT_FALSE(ended) << "a failed connection is reset, not ended normally";
+    (void)close(bad);
+    EXPECT_TRUE(serverTunnel->waitForError("the handshake with 127.0.0.1:", 10));
+    EXPECT_TRUE(wrongTunnel->waitForError(
+        "the handshake with 127.0.0.1:" + std::to_string(serverPort) + " failed", 10));
+
+    ASSERT_TRUE(sendAll(good, "second half"));
+    (void)shutdown(good, SHUT_WR);
+    EXPECT_EQ(receiveAll(good), "first half, second half");
+    (void)close(good);
+}
+
+TEST_F(tunnelTest, ConnectionDyingMidStreamLeavesTheTunnelServing)
+{
+    const int dying = connectLoopback(clientPort);
+    ASSERT_GE(dying, 0);
+    ASSERT_TRUE(sendAll(dying, pattern(1 << 20, 3)));
+    const linger abort{1, 0};
+    (void)setsockopt(dying, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    (void)close(dying);
+    EXPECT_TRUE(clientTunnel->waitForError("connection 1 from 127.0.0.1:", 10))
+        << clientTunnel->errorText();
+    EXPECT_TRUE(serverTunnel->waitForError("before the end of the stream", 20))
+        << serverTunnel->errorText();
+
+    EXPECT_EQ(exchange("still serving", clientPort), "still serving");
+}
+
+TEST_F(tunnelTest, UnreachableServiceEndsTheConnectionWithALogLine)
+{
+    const int nowhere = freePort();
+    const int backPort = freePort();
+    const int frontPort = freePort();
+    const auto back = start("--server", backPort, nowhere, psk);
+    const auto front = start("--client", frontPort, backPort, psk);
+    const int fd = connectLoopback(frontPort);
+    ASSERT_GE(fd, 0);
+    bool ended = true;
+    EXPECT_EQ(receiveAll(fd, &ended), "");
+    EXPECT_FALSE(ended) << "the application sees the connection reset";
+    (void)close(fd);
+    EXPECT_TRUE(back->waitForError(
+        "cannot connect to 127.0.0.1:" + std::to_string(nowhere) + ": Connection refused", 10))
+        << back->errorText();
+    EXPECT_EQ(exchange("the others still work", clientPort), "the others still work");
+}
+
+TEST_F(tunnelTest, SigtermStopsItAfterItsConnectionsFinish)
+{
+    const int open = connectLoopback(clientPort);
+    ASSERT_GE(open, 0);
+    ASSERT_TRUE(sendAll(open, "before "));
+    EXPECT_TRUE(serverTunnel->waitForError("handshake done", 10));
+    serverTunnel->signal(SIGTERM);
+    EXPECT_TRUE(serverTunnel->waitForError("stopping: waiting for 1 connection(s)", 10));
+    EXPECT_LT(connectLoopback(serverPort), 0) << "no longer accepting";
+    ASSERT_TRUE(sendAll(open, "and after"));
+    (void)shutdown(open, SHUT_WR);
+    EXPECT_EQ(receiveAll(open), "before and after");
+    (void)close(open);
+    EXPECT_EQ(serverTunnel->wait(20), 0);
+    EXPECT_NE(serverTunnel->errorText().find("stopped"), std::string::npos);
+}
+
+TEST(tunnelStart, RefusesASecretFileOpenToOthers)
+{
+    const scratchDir dir;
+    const std::string psk = dir.file("psk");
+    writeFile(psk, "secret", 0644);
+    const runResult run =
+        runVeltrix({"tunnel", "--server", "--accept", address(freePort()), "--connect",
+                    address(freePort()), "--psk-file", psk, "--foreground"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "veltrix tunnel: the secret file " + psk +
+                           " is open to group or others (mode 0644); run chmod 600 " + psk + "\n");
+}
+
+TEST(tunnelStart, RefusesAnAddressInUse)
+{
+    const scratchDir dir;
+    const std::string psk = dir.file("psk");
+    writeFile(psk, "secret");
+    const int port = freePort();
+    const int taken = listenLoopback(port);
+    const runResult run = runVeltrix({"tunnel", "--client", "--accept", address(port), "--connect",
+                                      address(freePort()), "--psk-file", psk});
+    (void)close(taken);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(lineCount(run.err), 1U) << run.err;
+    EXPECT_NE(run.err.find("cannot listen on " + address(port) + ": bind() failed: "),
+              std::string::npos)
+        << run.err;
+}
+
+} // namespace
