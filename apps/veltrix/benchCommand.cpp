@@ -91,9 +91,9 @@ public:
         total.cpu += threadCpuSeconds() - cpuStart;
     }
 
-    double wall() const { return total.wall; }
+    [[nodiscard]] double wall() const { return total.wall; }
 
-    sample per(size_t units) const
+    [[nodiscard]] sample per(size_t units) const
     {
         const auto count = static_cast<double>(units);
         return {total.cpu / count, total.wall / count};
@@ -418,8 +418,7 @@ public:
         worker = std::thread([this] { serve(); });
     }
 
-    handshakeServer(const handshakeServer&) = delete;
-    handshakeServer& operator=(const handshakeServer&) = delete;
+    LVX_NOT_COPYABLE(handshakeServer);
 
     ~handshakeServer()
     {

@@ -235,7 +235,10 @@ public:
     }
 
 private:
-    std::string shownSumFile() const { return sumFile == "-" ? "standard input" : sumFile; }
+    [[nodiscard]] std::string shownSumFile() const
+    {
+        return sumFile == "-" ? "standard input" : sumFile;
+    }
 
     void checkLine(std::string line)
     {
@@ -286,7 +289,7 @@ private:
         }
     }
 
-    bool finish() const
+    [[nodiscard]] bool finish() const
     {
         if (!wellFormed) {
             notice(oneLineName(shownSumFile()) + ": no properly formatted checksum lines found");

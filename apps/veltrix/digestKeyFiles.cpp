@@ -1,6 +1,8 @@
 // Input files of the digest and key commands.
 #include "digestKeyFiles.h"
 
+#include "vxBase.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,8 +18,7 @@ struct inputDescriptor
 {
     explicit inputDescriptor(int descriptor) : fd(descriptor) {}
 
-    inputDescriptor(const inputDescriptor&) = delete;
-    inputDescriptor& operator=(const inputDescriptor&) = delete;
+    LVX_NOT_COPYABLE(inputDescriptor);
 
     ~inputDescriptor()
     {

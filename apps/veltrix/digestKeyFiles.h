@@ -8,7 +8,7 @@
 namespace vxcli {
 
 /** Largest piece read at once: a file is never held whole in memory to be digested. */
-constexpr size_t inputChunkSize = 64 * 1024;
+constexpr size_t inputChunkSize = size_t{64} * 1024;
 
 /** Passes the bytes of `path` ("-": standard input) to `sink`, in order, at most inputChunkSize
  *  at a time. Returns 0 when the whole file was read, else the errno of the open or read that

@@ -292,7 +292,11 @@ int exportPem(cliFrame& frame, const keyOptions& options)
     vxRsa key;
     const closeOnExit keyClosed(key);
     readKey(frame, key, options.keyFile);
-    std::string n, e, p, q, d;
+    std::string n;
+    std::string e;
+    std::string p;
+    std::string q;
+    std::string d;
     require(key.GetExponents(n, e, p, q, d), "cannot read the numbers of " + options.keyFile);
     writeOutput(options.output, "-----BEGIN PUBLIC KEY-----\n" +
                                     base64Lines(subjectPublicKeyInfo(n, e)) +

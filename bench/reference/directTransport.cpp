@@ -42,7 +42,7 @@ bytes expand(const bytes& in, size_t size)
         return in;
     }
     const auto [even, odd] = split(in);
-    const bytes d1 = md5({of(even), of(odd)});
+    bytes d1 = md5({of(even), of(odd)});
     if (size == kBlock) {
         return d1;
     }
