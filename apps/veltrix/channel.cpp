@@ -277,8 +277,10 @@ void acceptEncrypted(cliFrame& frame, vxNetServer& server, vxNetConnectedClient&
     frame.open(record, "cannot open the connection", options.cipher, options.hash);
     const std::string peer = peerText(fd);
     const handshakeDeadline deadline(fd, options.handshakeTimeout);
-    handshakeDeadline::check(server.acceptNewClient(secret, &record, fd, options.handshakeTimeout),
-                             peer, options.handshakeTimeout);
+    // No receive time-out of the library's own: the deadline bounds the whole handshake, and
+    // the relay afterwards only receives what has arrived.
+    handshakeDeadline::check(server.acceptNewClient(secret, &record, fd, 0U), peer,
+                             options.handshakeTimeout);
 }
 
 connectionLog::connectionLog(std::string linePrefix, bool alsoStderr)

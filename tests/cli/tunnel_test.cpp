@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -144,13 +145,17 @@ protected:
         clientTunnel = start("--client", clientPort, serverPort, psk);
     }
 
-    std::unique_ptr<backgroundRun> start(const char* mode, int acceptPort, int connectPort,
-                                         const std::string& secretFile)
+    std::unique_ptr<backgroundRun>
+    start(const char* mode, int acceptPort, int connectPort, const std::string& secretFile,
+          const std::vector<std::string>& extra = {"--handshake-timeout", "5"})
     {
-        auto run = std::make_unique<backgroundRun>(
-            std::vector<std::string>{veltrixPath(), "tunnel", mode, "--accept", address(acceptPort),
-                                     "--connect", address(connectPort), "--psk-file", secretFile,
-                                     "--foreground", "--handshake-timeout", "5"});
+        std::vector<std::string> argv{veltrixPath(), "tunnel",
+                                      mode,          "--foreground",
+                                      "--accept",    address(acceptPort),
+                                      "--connect",   address(connectPort),
+                                      "--psk-file",  secretFile};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        auto run = std::make_unique<backgroundRun>(argv);
         EXPECT_TRUE(run->waitForError("listening on", 30)) << run->errorText();
         return run;
     }
@@ -266,6 +271,41 @@ TEST_F(tunnelTest, UnreachableServiceEndsTheConnectionWithALogLine)
         "cannot connect to 127.0.0.1:" + std::to_string(nowhere) + ": Connection refused", 10))
         << back->errorText();
     EXPECT_EQ(exchange("the others still work", clientPort), "the others still work");
+}
+
+TEST_F(tunnelTest, AStalledHandshakeEndsAtItsDeadline)
+{
+    const int port = freePort();
+    const auto tunnel = start("--server", port, service.port, psk, {"--handshake-timeout", "1"});
+    const int silent = connectLoopback(port); // connects and never says a word
+    ASSERT_GE(silent, 0);
+    EXPECT_TRUE(tunnel->waitForError("did not finish within 1 s", 10)) << tunnel->errorText();
+    bool ended = true;
+    (void)receiveAll(silent, &ended); // the server's first message, then the close
+    EXPECT_TRUE(ended) << std::strerror(errno);
+    (void)close(silent);
+}
+
+TEST_F(tunnelTest, MaxConnectionsHoldsFurtherConnectionsUntilOneEnds)
+{
+    const int port = freePort();
+    const auto tunnel = start("--client", port, serverPort, psk, {"--max-connections", "1"});
+    const int first = connectLoopback(port);
+    ASSERT_GE(first, 0);
+    ASSERT_TRUE(sendAll(first, "first"));
+    ASSERT_TRUE(tunnel->waitForError("connection 1 from", 10));
+    const int second = connectLoopback(port); // queued by the kernel, not yet accepted
+    ASSERT_GE(second, 0);
+    ASSERT_TRUE(sendAll(second, "second"));
+    (void)shutdown(second, SHUT_WR);
+    pollfd answer{second, POLLIN, 0};
+    EXPECT_EQ(poll(&answer, 1, 1000), 0) << "served beyond --max-connections";
+    EXPECT_EQ(tunnel->errorText().find("connection 2 from"), std::string::npos);
+    (void)shutdown(first, SHUT_WR);
+    EXPECT_EQ(receiveAll(first), "first");
+    (void)close(first);
+    EXPECT_EQ(receiveAll(second), "second");
+    (void)close(second);
 }
 
 TEST_F(tunnelTest, SigtermStopsItAfterItsConnectionsFinish)
