@@ -116,6 +116,19 @@ void resetOnClose(int fd)
     (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
 }
 
+/** Ends an output that is not a socket (standard output): its reader sees the end of the stream.
+ *  The descriptor then refers to /dev/null, so that no file opened later takes its number. */
+void endOutput(int fd)
+{
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null < 0 || dup2(null, fd) < 0) {
+        (void)close(fd);
+    }
+    if (null >= 0) {
+        (void)close(null);
+    }
+}
+
 /** The poll set of one wait: one entry per descriptor, events merged. */
 class pollSet
 {
@@ -424,7 +437,11 @@ private:
             throw failure("writing to " + plain.outputName + " failed: " + errnoText());
         }
         if (receivedEnd && toPlain.empty() && !plainShut) {
-            (void)(plain.isSocket ? shutdown(plain.output, SHUT_WR) : close(plain.output));
+            if (plain.isSocket) {
+                (void)shutdown(plain.output, SHUT_WR);
+            } else {
+                endOutput(plain.output);
+            }
             plainShut = true;
         }
     }
