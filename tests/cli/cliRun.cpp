@@ -1,6 +1,8 @@
 // Runs programs for the command-line tests.
 #include "cliRun.h"
 
+#include "vxTest.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -14,8 +16,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -226,21 +226,10 @@ scratchDir::~scratchDir()
 
 void writeFile(const std::string& path, const std::string& content, unsigned mode)
 {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
-    if (fd < 0 ||
-        write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    vxtest::writeFile(path, content);
+    if (chmod(path.c_str(), mode) != 0) {
         throw std::runtime_error("cannot write " + path);
     }
-    (void)fchmod(fd, mode);
-    (void)close(fd);
-}
-
-std::string readFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str();
 }
 
 int freePort()

@@ -2,6 +2,8 @@
 // status, and a time limit on every wait so that a hung program fails its test instead of the run.
 #pragma once
 
+#include "vxTest.h"
+
 #include <sys/types.h>
 
 #include <string>
@@ -75,7 +77,7 @@ public:
 /** Writes `content` into `path` with `mode`. */
 void writeFile(const std::string& path, const std::string& content, unsigned mode = 0600);
 /** The content of `path`; empty when it cannot be read. */
-std::string readFile(const std::string& path);
+using vxtest::readFile;
 /** A free TCP port on 127.0.0.1 at the time of the call. */
 int freePort();
 /** `size` bytes of a fixed pseudo-random pattern, different for each seed. */
