@@ -2,6 +2,7 @@
 #include "vxBytes.h"
 
 #include "vxGuard.h"
+#include "vxSecret.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,6 +18,9 @@ vxBytes::vxBytes()
 vxBytes::~vxBytes()
 {
     LVX_DESTRUCT();
+    // Any buffer may have carried a key, a chain key or a secret: none leaves its bytes behind
+    // in freed memory.
+    wipeSecret(bytes);
 }
 
 void vxBytes::Scrub()

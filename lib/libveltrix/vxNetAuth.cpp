@@ -3,6 +3,7 @@
 
 #include "vxGuard.h"
 #include "vxNetSocket.h"
+#include "vxSecret.h"
 
 #include <iostream>
 #include <sstream>
@@ -190,7 +191,7 @@ bool vxNetPSKChallengeResponse::RecvChallengeResponse(vxNetSocket& socket)
 bool vxNetPSKChallengeResponse::ValidateChallengeResponse()
 {
     LVX_GUARD();
-    LVX_ENSURE(decrypted.bytes == correctResponse.bytes, LVX_MSG_BAD_RESPONSE);
+    LVX_ENSURE(constantTimeEqual(decrypted.bytes, correctResponse.bytes), LVX_MSG_BAD_RESPONSE);
     return true;
 }
 

@@ -3,6 +3,7 @@
 #include "vxNetSocket.h"
 
 #include "vxGuard.h"
+#include "vxSecret.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -16,7 +17,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <new>
 #include <sstream>
@@ -29,6 +29,7 @@ namespace {
 constexpr uint32_t kDefaultBacklog = 10;
 constexpr uint8_t kKeyExchangeMode = 2;
 constexpr int kMillisPerSecond = 1000;
+constexpr uint32_t kPipeTries = 4; // sends tried while they fail with EPIPE
 
 /** Waits for readability of the given descriptors; poll rather than select, so descriptors
  *  above FD_SETSIZE work too. An interrupted wait starts over with its whole time-out. */
@@ -71,23 +72,43 @@ void sendSegmentsAtOnce(int fd)
     (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-/** The bind log: each line appended and flushed at once. When the file cannot be opened (its
- *  directory is missing) the lines are lost and binding goes on. A line never disturbs errno,
- *  which the failure that follows it reports. */
+/** The bind log: each line appended and written at once. When the file cannot be opened (its
+ *  directory is missing) the lines are lost and binding goes on. The log sits in a directory
+ *  anyone may write to, so a symbolic link planted in its place is refused (O_NOFOLLOW) rather
+ *  than followed to a file of the caller's. A line never disturbs errno, which the failure that
+ *  follows it reports. */
 class socketLog
 {
 public:
-    socketLog() : file(LVX_SOCKET_LOG, std::ios::app) {}
+    socketLog()
+        : fd(open(LVX_SOCKET_LOG, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLogMode))
+    {}
+
+    socketLog(const socketLog&) = delete;
+    socketLog& operator=(const socketLog&) = delete;
+    socketLog(socketLog&&) = delete;
+    socketLog& operator=(socketLog&&) = delete;
+
+    ~socketLog()
+    {
+        if (fd >= 0) {
+            (void)close(fd);
+        }
+    }
 
     void line(const std::string& text)
     {
         const int saved = errno;
-        file << text << '\n' << std::flush;
+        if (fd >= 0) {
+            const std::string whole = text + '\n';
+            (void)!write(fd, whole.data(), whole.size()); // a lost line is not an error
+        }
         errno = saved;
     }
 
 private:
-    std::ofstream file;
+    static constexpr mode_t kLogMode = 0644;
+    int fd;
 };
 
 } // namespace
@@ -124,7 +145,12 @@ bool vxNetSocket::Open(bool isOrigin)
 bool vxNetSocket::Close()
 {
     release();
+    // The buffer has carried handshake messages and ciphertext; the secret is kept until here.
+    if (packetBuffer) {
+        wipeSecret(packetBuffer.get(), VX_MAX_PACKET_SIZE);
+    }
     packetBuffer.reset();
+    wipeSecret(soSecret);
     return true;
 }
 
@@ -154,6 +180,7 @@ bool vxNetSocket::setPort(const std::string& port)
 
 bool vxNetSocket::setSecret(const std::string& secret)
 {
+    wipeSecret(soSecret); // an assignment that reallocates would free the old text as it is
     soSecret = secret;
     return true;
 }
@@ -383,9 +410,13 @@ bool vxNetSocket::SendPlaintext(const vxBytes& v)
     }
     LVX_CHECK(v.ExportToC(VX_MAX_PACKET_SIZE, packetBuffer.get()));
     ssize_t sent = 0;
+    uint32_t pipeRetries = 0;
     do {
         sent = send(sockFd, packetBuffer.get(), v.bytes.size(), MSG_NOSIGNAL);
-    } while (sent == -1 && (errno == EINTR || errno == EAGAIN || errno == EPIPE));
+        // EPIPE is retried, but a connection the peer reset stays broken and would answer every
+        // retry with it: a few tries, then the short send below reports it.
+    } while (sent == -1 &&
+             (errno == EINTR || errno == EAGAIN || (errno == EPIPE && ++pipeRetries < kPipeTries)));
     LVX_ENSURE(sent == static_cast<ssize_t>(v.bytes.size()), LVX_MSG_SHORT_SEND);
     return true;
 }

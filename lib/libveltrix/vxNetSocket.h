@@ -87,7 +87,7 @@ public:
     /** Binds the resolved address and listens (SO_LINGER 1 s, SO_REUSEADDR, SO_KEEPALIVE), and
      *  leaves the listening descriptor non-blocking: wait until it is readable before Accept.
      *  Appends its progress to "/tmp/fw/log/vxNetSocket.log" when that directory exists (the
-     *  lines are lost otherwise; binding goes on). Fails with "Port is not set.", "Address is
+     *  lines are lost otherwise, and when the log's name is a symbolic link; binding goes on). Fails with "Port is not set.", "Address is
      *  not set.", or "Unable to create socket: ", "setsockopt() failed: ", "bind() failed: ",
      *  "listen() failed: " and the errno text. */
     bool BindAndListen();
@@ -109,7 +109,7 @@ public:
 
     /** Sends all of `v` in one send() (at most VX_MAX_PACKET_SIZE bytes). False without a message
      *  once the peer has closed (`doDisconnect`). Fails with "bytes.size() <= maxSize" or
-     *  "rv == (int)v.bytes.size()". A send failing with EPIPE is retried. */
+     *  "rv == (int)v.bytes.size()". A send failing with EPIPE is retried a few times. */
     bool SendPlaintext(const vxBytes& v);
     /** Receives exactly `size` bytes (1 to VX_MAX_PACKET_SIZE) into `bytes`. True with `bytes`
      *  untouched when the wake-up pipe fired (`wakeupSeen`) or the peer closed (`doDisconnect`):

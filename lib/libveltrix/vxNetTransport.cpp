@@ -3,6 +3,7 @@
 
 #include "vxGuard.h"
 #include "vxNetSocket.h"
+#include "vxSecret.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -53,20 +54,6 @@ bool keyedParts(vxHmacMd& mac, const vxBytes& key, std::initializer_list<const v
         ok = ok && mac.Update(*part);
     }
     return ok && mac.Final();
-}
-
-/** Equal length and equal bytes, in a time that does not depend on where they differ, so a
- *  peer cannot learn a correct HMAC byte by byte from response times. */
-bool sameBytes(const vxBytes& a, const vxBytes& b)
-{
-    if (a.bytes.size() != b.bytes.size()) {
-        return false; // quiet: the caller records the mismatch
-    }
-    unsigned char difference = 0;
-    for (size_t i = 0; i < a.bytes.size(); ++i) {
-        difference |= static_cast<unsigned char>(a.bytes[i] ^ b.bytes[i]);
-    }
-    return difference == 0;
 }
 
 void putBigEndian(uint32_t value, unsigned char* at)
@@ -809,7 +796,7 @@ bool vxNetTransportHeader::validate(const vxBytes& key, const vxBytes& message,
     LVX_GUARD();
     LVX_CHECK(keyedParts(checkHmac, key, {&message}));
     LVX_CHECK(checkHmac.GetBytes(tempBytes3));
-    LVX_ENSURE(sameBytes(tempBytes3, expected), text);
+    LVX_ENSURE(constantTimeEqual(tempBytes3.bytes, expected.bytes), text);
     return true;
 }
 

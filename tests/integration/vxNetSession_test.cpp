@@ -459,4 +459,16 @@ TEST_F(vxNetBindLogTest, EveryBindAppendsItsStepsAndAMissingDirectoryLosesThem)
     vxtest::closeIfOpen(second);
 }
 
+TEST_F(vxNetBindLogTest, ASymbolicLinkInPlaceOfTheLogIsNotFollowed)
+{
+    ASSERT_EQ(system("mkdir -p /tmp/fw/log"), 0);
+    const std::string target = std::string(kDir) + "/planted-target";
+    vxtest::writeFile(target, "untouched\n");
+    ASSERT_EQ(symlink(target.c_str(), kFile), 0);
+    EXPECT_TRUE(bindOnce(server)) << "binding goes on without the log";
+    EXPECT_EQ(vxtest::readFile(target), "untouched\n");
+    vxtest::closeIfOpen(server);
+    (void)remove(target.c_str());
+}
+
 } // namespace

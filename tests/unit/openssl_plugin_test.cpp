@@ -6,8 +6,11 @@
 #include "vxTest.h"
 
 #include <dlfcn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -15,6 +18,19 @@
 #include <set>
 #include <string>
 #include <vector>
+
+/** While set, the kernel's random source fails, as it does on a system without it. The test
+ *  program exports this definition, so the plug-in's calls come here. */
+bool failRandom = false;
+
+extern "C" ssize_t getrandom(void* buffer, size_t length, unsigned int flags)
+{
+    if (failRandom) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return syscall(SYS_getrandom, buffer, length, flags);
+}
 
 namespace {
 
@@ -312,6 +328,19 @@ int decryptLength(vxPluginStorage* st, const vxByteVector& block)
 {
     vxByteVector out(api().vxPluginRsaKeySize(st, nullptr) + 1U);
     return api().vxPluginRsaPrivateDecrypt(st, block.data(), out.data());
+}
+
+TEST_F(OpensslPlugin, RandomFailsClosedWhenTheKernelSourceFails)
+{
+    record rand(api().vxPluginRandClose);
+    ASSERT_TRUE(api().vxPluginRandOpen(rand.get(), false));
+    ASSERT_TRUE(api().vxPluginRandRead(rand.get(), 16, false));
+    failRandom = true;
+    EXPECT_FALSE(api().vxPluginRandRead(rand.get(), 16, false));
+    EXPECT_TRUE(api().vxPluginRandGetBytes(rand.get())->empty()) << "no stale or partial draw";
+    EXPECT_TRUE(api().vxPluginRandRead(rand.get(), 16, true)) << "test mode needs no kernel";
+    failRandom = false;
+    EXPECT_TRUE(api().vxPluginRandRead(rand.get(), 16, false));
 }
 
 /** One generated 2048-bit key shared by the RSA tests. */
