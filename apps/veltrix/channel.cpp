@@ -10,8 +10,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <set>
 
 namespace vxcli {
@@ -24,13 +26,6 @@ const std::set<std::string> kCiphers = {"none", "aes128", "aes192", "aes256"};
 /** The handshake needs a 16-byte digest; the other hash modes fail its validation. */
 const std::set<std::string> kHandshakeHashes = {"md5", "sha256-128"};
 const std::set<std::string> kOtherHashes = {"sha1", "sha256", "sha384", "sha512"};
-
-std::string modeText(mode_t mode)
-{
-    char text[8];
-    (void)std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777U));
-    return text;
-}
 
 /** The descriptor the handshake deadline shuts down, and whether it fired. */
 volatile sig_atomic_t deadlineFd = -1;
@@ -193,10 +188,13 @@ vxBytes readSecret(const std::string& path)
     std::string problem;
     if (fstat(fd, &status) != 0) {
         problem = "cannot read the secret file " + path + ": " + errnoText();
-    } else if ((status.st_mode & 077U) != 0) {
-        problem = "the secret file " + path + " is open to group or others (mode " +
-                  modeText(status.st_mode) + "); run chmod 600 " + path;
     } else {
+        problem = sharedFileProblem("secret file", path, status.st_mode);
+    }
+    if (problem.empty()) {
+        // Room for the whole file up front, so that no reallocation leaves a copy of the
+        // secret behind in freed memory; the chunk is wiped after use for the same reason.
+        secret.bytes.reserve(static_cast<size_t>(std::max<off_t>(status.st_size, 0)) + 1);
         unsigned char chunk[4096];
         ssize_t got = 0;
         while ((got = read(fd, chunk, sizeof chunk)) > 0) {
@@ -205,6 +203,7 @@ vxBytes readSecret(const std::string& path)
         if (got < 0) {
             problem = "cannot read the secret file " + path + ": " + errnoText();
         }
+        explicit_bzero(chunk, sizeof chunk);
     }
     (void)close(fd);
     if (!secret.bytes.empty() && secret.bytes.back() == '\n') {

@@ -43,6 +43,10 @@ void require(bool ok, const std::string& what);
 /** The text of the current errno. */
 std::string errnoText();
 
+/** Empty when a file of mode `mode` is open to its owner alone, else the one-line reason to
+ *  refuse it: "the <what> <path> is open to group or others (mode 0644); run chmod 600 <path>". */
+std::string sharedFileProblem(const std::string& what, const std::string& path, unsigned mode);
+
 /** The root of the object tree while a command runs. */
 class cliFrame : public veltrix::vxMain
 {

@@ -93,6 +93,14 @@ void readKey(cliFrame& frame, vxRsa& key, const std::string& path)
         throw failure("cannot read the key file " + path + ": " +
                       (errorLatched() ? trailReason() : "not an RSA key file"));
     }
+    // A private key others can read is as good as published: refuse it, like a secret file.
+    struct stat status = {};
+    if (key.IsPrivate() && stat(path.c_str(), &status) == 0) {
+        const std::string problem = sharedFileProblem("key file", path, status.st_mode);
+        if (!problem.empty()) {
+            throw failure(problem);
+        }
+    }
 }
 
 /** Writes `key` into the key file `path`. */

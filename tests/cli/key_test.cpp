@@ -116,6 +116,20 @@ TEST_F(keyTest, generateRefusesToOverwriteUnlessForced)
     EXPECT_EQ(runVeltrix({"key", "fingerprint", key}).out, forced.out);
 }
 
+TEST_F(keyTest, privateKeyOpenToOthersIsRefusedPublicKeyIsNot)
+{
+    const std::string shared = file("shared");
+    writeFile(shared, readFile(file("alice")), 0640);
+    const runResult refused = runVeltrix({"key", "fingerprint", shared});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "veltrix key fingerprint: the key file " + shared +
+                               " is open to group or others (mode 0640); run chmod 600 " + shared +
+                               "\n");
+    const std::string published = file("published.pub");
+    writeFile(published, readFile(file("alice.pub")), 0644);
+    EXPECT_EQ(runVeltrix({"key", "fingerprint", published}).status, 0);
+}
+
 TEST_F(keyTest, fingerprintIsTheDigestOfTheModulusInKeyAndPublicFile)
 {
     const std::string fingerprint = runVeltrix({"key", "fingerprint", file("alice")}).out;
