@@ -15,6 +15,10 @@ bool vxNetClient::Open()
 
 bool vxNetClient::Close()
 {
+    // As the server's record does: a handshake a failure left open is closed and wiped here.
+    if (handshake.opened) {
+        LVX_CALL_CLOSE(handshake);
+    }
     LVX_CALL_CLOSE(socket);
     return true;
 }

@@ -34,7 +34,8 @@ public:
 
     /** Opens the socket (as the client's end). */
     bool Open() override;
-    /** Closes the socket; the encrypted socket is left as it is. */
+    /** Closes the socket, and the handshake when a failure left it open; the encrypted socket is
+     *  left as it is. */
     bool Close() override;
 
     /** Connects the socket to the port and address set on it. A connect time-out (see

@@ -25,6 +25,11 @@ bool vxNetConnectedClient::Open(const std::string& cipherMode)
 
 bool vxNetConnectedClient::Close()
 {
+    // A failed handshake leaves its object open, holding the secret: closed (and wiped) here,
+    // so that the record does not report it, and latch again, when it is destroyed.
+    if (handshake.opened) {
+        LVX_CALL_CLOSE(handshake);
+    }
     LVX_CALL_CLOSE(encryptedSocket);
     LVX_CALL_CLOSE(socket);
     return true;

@@ -34,7 +34,8 @@ public:
     bool Open(const std::string& cipherMode, const std::string& hashMode);
     /** The same with hash mode "md5". */
     bool Open(const std::string& cipherMode);
-    /** Closes the encrypted socket, then the socket. */
+    /** Closes the handshake when a failure left it open, the encrypted socket, then the
+     *  socket. */
     bool Close() override;
 
     /** Once only: a second call fails with "__clientIdSet == false". */
