@@ -68,7 +68,6 @@ bool handshake(int fd, bool asServer, const std::string& cipher, const std::stri
         }
         const bool done = connected.SetSocketFd(fd) && connected.PerformKeyExchange(secret);
         checkFailure(done);
-        vxfuzz::fuzzFrame::finish(connected.handshake); // left open by the failure
         vxfuzz::fuzzFrame::finish(connected);
         return done;
     }
@@ -82,7 +81,6 @@ bool handshake(int fd, bool asServer, const std::string& cipher, const std::stri
     }
     const bool done = client.PerformKeyExchange(secret);
     checkFailure(done);
-    vxfuzz::fuzzFrame::finish(client.handshake); // left open by the failure
     vxfuzz::fuzzFrame::finish(client.encryptedSocket);
     vxfuzz::fuzzFrame::finish(client);
     return done;
