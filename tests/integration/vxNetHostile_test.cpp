@@ -203,16 +203,9 @@ protected:
     void TearDown() override
     {
         dropConnections();
-        closeClient(client);
+        vxtest::closeClient(client);
         vxtest::closeIfOpen(server);
         vxtest::vxCryptoTest::TearDown();
-    }
-
-    /** The owner's Close also closes a handshake that a failure left open. */
-    static void closeClient(vxNetClient& end)
-    {
-        vxtest::closeIfOpen(end.encryptedSocket);
-        vxtest::closeIfOpen(end);
     }
 
     static void closeRecord(vxNetConnectedClient& record) { vxtest::closeIfOpen(record); }
@@ -286,7 +279,7 @@ TEST_F(vxNetHostileTest, APeerThatClosesInsideAPacketFailsTheReceive)
         ASSERT_EQ(packet.size(), wireSize(40));
         packet.resize(row.bytes);
         inject(peer, packet);
-        closeClient(peer);
+        vxtest::closeClient(peer);
         vxBytes got;
         EXPECT_FALSE(victim().RecvEncrypted(got));
         EXPECT_TRUE(got.bytes.empty());
@@ -419,7 +412,7 @@ TEST_F(vxNetHostileTest, AHandshakeCutShortFailsAtTheClient)
         EXPECT_FALSE(end.PerformKeyExchange(vxtest::bytesOf(kSecret)));
         EXPECT_EQ(end.socket.doDisconnect, row.closeSeen);
         expectLatchedWith(row.text);
-        closeClient(end);
+        vxtest::closeClient(end);
     }
 }
 
@@ -430,7 +423,7 @@ TEST_F(vxNetHostileTest, AWrongSecretFailsAtTheServerWhichKeepsAccepting)
     EXPECT_FALSE(session(impostor, "not the secret"));
     expectLatchedWith(kBadResponse);
     EXPECT_TRUE(server.connectedClients.empty());
-    closeClient(impostor);
+    vxtest::closeClient(impostor);
     ASSERT_TRUE(session(client)) << vxtest::dumpTrail();
     EXPECT_EQ(server.connectedClients.size(), 1U);
 }
@@ -492,7 +485,7 @@ TEST_F(vxNetHostileTest, GarbageFailsEachConnectionAndTheServerKeepsServing)
             vxBytes got;
             EXPECT_FALSE(victim().RecvEncrypted(got));
             expectLatchedWith(junk.size() < kHeaderSize ? kShortBlock : kHeadHmac);
-            closeClient(peer);
+            vxtest::closeClient(peer);
             dropConnections();
         } else {
             rawFd peer(rawSocket(port, false));
@@ -551,7 +544,7 @@ TEST_F(vxNetHostileTest, AThousandSessionsLeaveNoDescriptorAndLittleMemoryBehind
         ASSERT_TRUE(peer.encryptedSocket.SendEncrypted(payload(64, cycle)) &&
                     victim().RecvEncrypted(got) && peer.SendClientDisconnect());
         ASSERT_EQ(got.bytes, payload(64, cycle).bytes);
-        closeClient(peer);
+        vxtest::closeClient(peer);
         ASSERT_TRUE(victim().RecvEncrypted(got));
         ASSERT_TRUE(server.connectedClients.back()->socket.doDisconnect);
         EXPECT_FALSE(server.pruneCClist());

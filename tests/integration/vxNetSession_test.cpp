@@ -57,17 +57,11 @@ protected:
     {
         veltrix::vxBase::lvxClearLastError();
         for (auto& extra : extraClients) {
-            closeClient(*extra);
+            vxtest::closeClient(*extra);
         }
-        closeClient(client);
+        vxtest::closeClient(client);
         vxtest::closeIfOpen(server);
         vxtest::vxCryptoTest::TearDown();
-    }
-
-    static void closeClient(vxNetClient& end)
-    {
-        vxtest::closeIfOpen(end.encryptedSocket);
-        vxtest::closeIfOpen(end);
     }
 
     /** Listens, connects `client` and runs both handshakes. */
@@ -102,7 +96,7 @@ protected:
     void disconnect(vxNetClient& end)
     {
         ASSERT_TRUE(end.SendClientDisconnect()) << vxtest::dumpTrail();
-        closeClient(end);
+        vxtest::closeClient(end);
     }
 
     vxNetServer server;
@@ -196,7 +190,7 @@ TEST_F(vxNetSessionTest, StatisticsCountHeadersAndBodiesSentButBodiesReceived)
     ASSERT_TRUE(client.SendClientDisconnect());
     EXPECT_EQ(counted(sent.SentMsgs), 7U);
     EXPECT_EQ(counted(sent.SentBytes), 3 * 48U + 64U + 64U) << "a command counts 64 bytes";
-    closeClient(client);
+    vxtest::closeClient(client);
     ASSERT_TRUE(peer.encryptedSocket.RecvEncrypted(got));
     EXPECT_TRUE(peer.socket.doDisconnect);
     EXPECT_EQ(counted(received.RecvMsgs), 3U) << "commands are not counted on receipt";
@@ -262,7 +256,7 @@ TEST_F(vxNetSessionTest, AClientIdIsSetOnce)
 TEST_F(vxNetSessionTest, APeerThatClosesWithoutTheCommandFailsTheNextReceive)
 {
     ASSERT_TRUE(start("aes192", "md5")) << vxtest::dumpTrail();
-    closeClient(client);
+    vxtest::closeClient(client);
     vxBytes got;
     EXPECT_FAILS_WITH(connection().encryptedSocket.RecvEncrypted(got),
                       "tempBytes1.bytes.size() == VX_HEADER_WIRE_SIZE");

@@ -62,4 +62,10 @@ void closeIfOpen(veltrix::vxBase& object)
     }
 }
 
+void closeClient(veltrix::vxNetClient& end)
+{
+    closeIfOpen(end.encryptedSocket);
+    closeIfOpen(end);
+}
+
 } // namespace vxtest

@@ -33,4 +33,7 @@ bool handshakeBoth(veltrix::vxNetServer& server, veltrix::vxNetClient& client,
 /** Closes an object if it is open, under the protocol. */
 void closeIfOpen(veltrix::vxBase& object);
 
+/** Closes a client's encrypted socket and then the client, whichever is open. */
+void closeClient(veltrix::vxNetClient& end);
+
 } // namespace vxtest
