@@ -14,8 +14,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 
@@ -34,7 +36,26 @@ struct catOptions
     bool progress = false;
     bool forceProgress = false;
     bool stats = false;
+    std::string statsStartText; ///< as given; empty without the option
+    uint32_t statsStart = 0;    ///< where the traffic counters start, for tests of their restart
 };
+
+/** The value of --stats-start: a decimal count below the point where the counters restart, as
+ *  they never hold one at or above it. The option is hidden, and CLI11 names no hidden option in
+ *  its own messages, so this one names it. */
+uint32_t parseStatsStart(const std::string& text)
+{
+    constexpr unsigned long long kRestart = 0xFFFFC000U;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
+    if (text.find_first_not_of("0123456789") != std::string::npos || errno != 0 ||
+        value >= kRestart) {
+        throw CLI::ValidationError("--stats-start", "\"" + text + "\" is not a number below " +
+                                                        std::to_string(kRestart));
+    }
+    return static_cast<uint32_t>(value);
+}
 
 /** "12.3 MiB" */
 std::string sizeText(double bytes)
@@ -78,17 +99,30 @@ void printStats(vxNetEncryptedSocket& channel)
     std::cout.rdbuf(data);
 }
 
+/** Starts the traffic counters at `value` instead of where the handshake left them, so that a
+ *  test reaches their restart without sending 4 GiB. */
+void startCounters(vxNetProtocolStats& stats, uint32_t value)
+{
+    for (vxNetProtocolStatsCounter* counter :
+         {&stats.RecvMsgs, &stats.SentMsgs, &stats.RecvBytes, &stats.SentBytes}) {
+        counter->value = value;
+    }
+}
+
 void relay(vxNetEncryptedSocket& channel, const catOptions& options, bool initiator)
 {
+    if (!options.statsStartText.empty()) {
+        startCounters(channel.stats, options.statsStart);
+    }
     const plainSide standard{STDIN_FILENO, STDOUT_FILENO, false, "standard input",
                              "standard output"};
     const bool showProgress =
         options.forceProgress || (options.progress && isatty(STDERR_FILENO) == 1);
     const relayTick tick = showProgress ? progressLine() : relayTick();
     if (options.raw) {
-        relayRaw(channel, standard, initiator, tick);
+        relayRaw(channel, standard, initiator, options.channel.limits, tick);
     } else {
-        relayStream(channel, standard, initiator, tick);
+        relayStream(channel, standard, initiator, options.channel.limits, tick);
     }
     if (options.stats) {
         printStats(channel);
@@ -159,7 +193,13 @@ void addCatCommand(CLI::App& program, selection& chosen)
                       "the progress line even when standard error is not a terminal");
     command->add_flag("--stats", options->stats,
                       "the encrypted socket's statistics on standard error at the end");
+    // An empty group keeps it out of --help: it exists for tests of the counters' restart.
+    command->add_option("--stats-start", options->statsStartText, "the counters' start value")
+        ->group("");
     command->callback([options, &chosen] {
+        if (!options->statsStartText.empty()) {
+            options->statsStart = parseStatsStart(options->statsStartText);
+        }
         if (options->listen.empty() == options->peer.empty()) {
             throw CLI::RequiredError("--listen ADDR:PORT or a peer ADDR:PORT");
         }

@@ -38,6 +38,13 @@ extern "C" void onDeadline(int /*signo*/)
     (void)shutdown(deadlineFd, SHUT_RDWR);
 }
 
+/** Whether the peer ended its side of `fd` and nothing it sent is left to read. */
+bool peerEnded(int fd)
+{
+    char next = 0;
+    return recv(fd, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
 /** While it lives, the connection on `fd` is shut down after `seconds`: a peer that stalls the
  *  handshake cannot hold the process. */
 class handshakeDeadline
@@ -63,12 +70,17 @@ public:
         deadlineFd = -1;
     }
 
-    /** Throws failure for a handshake that failed, saying so when the deadline ended it. */
-    static void check(bool ok, const std::string& peer, unsigned seconds)
+    /** Throws failure for a handshake that failed on `fd`, saying so when the deadline ended
+     *  it or the peer had closed. */
+    static void check(bool ok, int fd, const std::string& peer, unsigned seconds)
     {
         if (!ok && deadlinePassed != 0) {
             throw failure("the handshake with " + peer + " did not finish within " +
                           std::to_string(seconds) + " s");
+        }
+        // The library reports a message cut short by the peer's close with no text of its own.
+        if (!ok && peerEnded(fd)) {
+            throw failure("the handshake with " + peer + " failed: the peer closed the connection");
         }
         require(ok, "the handshake with " + peer + " failed");
     }
@@ -175,6 +187,16 @@ void addChannelOptions(CLI::App& command, channelOptions& options)
     command.add_option("--handshake-timeout", options.handshakeTimeout, "seconds")
         ->capture_default_str()
         ->check(CLI::Range(1U, 3600U));
+    command
+        .add_option("--receive-timeout", options.limits.receive,
+                    "seconds for the rest of a packet once its first byte arrived (0: no limit)")
+        ->capture_default_str()
+        ->check(CLI::Range(0U, 3600U));
+    command
+        .add_option("--idle-timeout", options.limits.idle,
+                    "seconds with nothing received or sent that end a connection (0: never)")
+        ->capture_default_str()
+        ->check(CLI::Range(0U, 86400U));
 }
 
 vxBytes readSecret(const std::string& path)
@@ -263,7 +285,7 @@ void connectEncrypted(cliFrame& frame, vxNetClient& client, const endpoint& wher
     frame.open(client.encryptedSocket, "cannot open the encrypted socket", options.cipher,
                options.hash, &client.socket);
     const handshakeDeadline deadline(client.socket.sockFd, options.handshakeTimeout);
-    handshakeDeadline::check(client.PerformKeyExchange(secret), where.text(),
+    handshakeDeadline::check(client.PerformKeyExchange(secret), client.socket.sockFd, where.text(),
                              options.handshakeTimeout);
 }
 
@@ -278,7 +300,7 @@ void acceptEncrypted(cliFrame& frame, vxNetServer& server, vxNetConnectedClient&
     const handshakeDeadline deadline(fd, options.handshakeTimeout);
     // No receive time-out of the library's own: the deadline bounds the whole handshake, and
     // the relay afterwards only receives what has arrived.
-    handshakeDeadline::check(server.acceptNewClient(secret, &record, fd, 0U), peer,
+    handshakeDeadline::check(server.acceptNewClient(secret, &record, fd, 0U), fd, peer,
                              options.handshakeTimeout);
 }
 

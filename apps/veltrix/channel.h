@@ -32,6 +32,13 @@ endpoint parseEndpoint(const std::string& text);
 /** Checks "ADDR:PORT" while the command line is parsed, so that a bad one is a usage error. */
 CLI::Validator endpointValidator();
 
+/** How long a relay waits on its peer, in seconds; 0 = no limit. */
+struct relayLimits
+{
+    unsigned receive = 10; ///< for the rest of a packet once its first byte arrived
+    unsigned idle = 0;     ///< with nothing arriving from the peer and nothing sent to it
+};
+
 /** What the encrypted connections of a command are made with. */
 struct channelOptions
 {
@@ -40,10 +47,12 @@ struct channelOptions
     std::string hash = "md5";
     unsigned connectTimeout = 10;   ///< seconds
     unsigned handshakeTimeout = 10; ///< seconds
+    relayLimits limits;
 };
 
-/** Adds --psk-file, --cipher, --hash, --connect-timeout and --handshake-timeout; an unknown
- *  cipher, or a hash the handshake cannot use, is a usage error. */
+/** Adds --psk-file, --cipher, --hash, --connect-timeout, --handshake-timeout, --receive-timeout
+ *  and --idle-timeout; an unknown cipher, or a hash the handshake cannot use, is a usage
+ *  error. */
 void addChannelOptions(CLI::App& command, channelOptions& options);
 
 /** The secret in `path`: its content without one trailing line feed. Refused when the file is

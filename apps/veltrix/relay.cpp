@@ -189,12 +189,87 @@ private:
     steadyClock::time_point previous = steadyClock::now();
 };
 
+/** The shorter of two waits in milliseconds, -1 meaning no limit. */
+int sooner(int first, int second)
+{
+    if (first < 0 || second < 0) {
+        return std::max(first, second);
+    }
+    return std::min(first, second);
+}
+
+/** The limits on the peer: the rest of a packet once its first byte arrived, and a connection
+ *  on which nothing moves either way. */
+class peerTimer
+{
+public:
+    explicit peerTimer(const relayLimits& chosen) : limits(chosen) {}
+
+    /** Bytes came from the peer; `packetBegun` when the first byte of a packet still
+     *  incomplete was among them. */
+    void received(bool packetBegun)
+    {
+        lastTraffic = steadyClock::now();
+        if (packetBegun) {
+            packetSince = lastTraffic;
+        }
+    }
+
+    void sent() { lastTraffic = steadyClock::now(); }
+
+    /** While the relay does not read from the peer, the rest of a packet may be waiting in the
+     *  kernel: its time starts once the relay reads again. */
+    void holdPacket() { packetSince = steadyClock::now(); }
+
+    /** Throws failure once a limit passed; `partial` says the peer sent part of a packet. */
+    void check(bool partial) const
+    {
+        const auto now = steadyClock::now();
+        if (partial && passed(limits.receive, packetSince, now)) {
+            throw failure("the peer sent part of a packet and nothing more for " +
+                          std::to_string(limits.receive) + " s");
+        }
+        if (passed(limits.idle, lastTraffic, now)) {
+            throw failure("the connection was idle for " + std::to_string(limits.idle) + " s");
+        }
+    }
+
+    /** Milliseconds a wait may last before a limit passes; -1 without one. */
+    [[nodiscard]] int budget(bool partial) const
+    {
+        const auto now = steadyClock::now();
+        return sooner(partial ? left(limits.receive, packetSince, now) : -1,
+                      left(limits.idle, lastTraffic, now));
+    }
+
+private:
+    static bool passed(unsigned seconds, steadyClock::time_point since, steadyClock::time_point now)
+    {
+        return seconds > 0 && now - since >= std::chrono::seconds(seconds);
+    }
+
+    /** Rounded up, so that the wait ends after the limit passed, not just before. */
+    static int left(unsigned seconds, steadyClock::time_point since, steadyClock::time_point now)
+    {
+        if (seconds == 0) {
+            return -1;
+        }
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(
+            since + std::chrono::seconds(seconds) - now);
+        return static_cast<int>(std::max<std::chrono::milliseconds::rep>(rest.count(), 0));
+    }
+
+    const relayLimits& limits;
+    steadyClock::time_point packetSince = steadyClock::now();
+    steadyClock::time_point lastTraffic = steadyClock::now();
+};
+
 class streamRelay
 {
 public:
     streamRelay(vxNetEncryptedSocket& encrypted, const plainSide& plainEnd, bool isInitiator,
-                const relayTick& tick)
-        : channel(encrypted), plain(plainEnd), initiator(isInitiator), clock(tick)
+                const relayLimits& limits, const relayTick& tick)
+        : channel(encrypted), plain(plainEnd), initiator(isInitiator), clock(tick), timer(limits)
     {
         attachPair();
         cell.bytes.reserve(kCellSize);
@@ -282,6 +357,8 @@ private:
         }
         if (!netEnded && fromNet.size() < kQueueHigh) {
             set.want(net, POLLIN);
+        } else {
+            timer.holdPacket();
         }
         if (!toNet.empty()) {
             set.want(net, POLLOUT);
@@ -289,7 +366,9 @@ private:
         if (!fromNet.empty()) {
             set.want(outer, POLLOUT);
         }
-        set.wait(sentEnd && plainShut ? kTickMillis : clock.budget());
+        timer.check(partialPacket());
+        set.wait(sooner(sentEnd && plainShut ? kTickMillis : clock.budget(),
+                        timer.budget(partialPacket())));
         if (takeInput && set.ready(plain.input, POLLIN)) {
             readPlain();
         }
@@ -302,11 +381,20 @@ private:
 
     void sendNet()
     {
+        const size_t queued = toNet.size();
         if (!writeSome(net, true, toNet)) {
             throw failure("the peer closed the connection before the end of the stream (" +
                           errnoText() + ")");
         }
+        if (toNet.size() < queued) {
+            timer.sent();
+        }
     }
+
+    /** Every packet is kCellWire bytes, so the count of bytes read says whether the peer is
+     *  in the middle of one. The disconnect command is a header alone: the close that follows
+     *  it ends the wait. */
+    [[nodiscard]] bool partialPacket() const { return !netEnded && netBytes % kCellWire != 0; }
 
     void readPlain()
     {
@@ -361,6 +449,13 @@ private:
         if (got == 0 || got == -1) {
             netEnded = true; // the peer closed, or the connection broke
         }
+        if (got > 0) {
+            const uint64_t before = netBytes;
+            netBytes += static_cast<uint64_t>(got);
+            // The packet now incomplete began in this read when the read started a packet or
+            // finished one.
+            timer.received(before % kCellWire == 0 || before / kCellWire != netBytes / kCellWire);
+        }
     }
 
     /** Passes the peer's bytes to the library's end of the pair, and the end of the stream
@@ -404,6 +499,9 @@ private:
 
     void receiveOne()
     {
+        // Some true results leave the payload as it was (a re-key request, the wake-up pipe):
+        // emptied first, it cannot pass for the previous cell a second time.
+        received.bytes.clear();
         require(channel.RecvEncrypted(received), "receiving from the peer failed");
         if (channel.socket->doDisconnect) {
             if (!sentEnd || !receivedEnd) {
@@ -467,9 +565,11 @@ private:
     const plainSide& plain;
     bool initiator;
     ticker clock;
+    peerTimer timer;
     relayCounters counters;
-    int net = -1;   ///< the TCP connection to the peer
-    int outer = -1; ///< the relay's end of the socket pair
+    uint64_t netBytes = 0; ///< read from the peer so far
+    int net = -1;          ///< the TCP connection to the peer
+    int outer = -1;        ///< the relay's end of the socket pair
     byteQueue toNet;
     byteQueue fromNet;
     byteQueue toPlain;
@@ -486,17 +586,51 @@ private:
 } // namespace
 
 void relayStream(vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-                 const relayTick& tick)
+                 const relayLimits& limits, const relayTick& tick)
 {
-    streamRelay(channel, plain, initiator, tick).run();
+    streamRelay(channel, plain, initiator, limits, tick).run();
 }
 
+namespace {
+
+/** The library receives a payload in two blocking reads, header and body: the receive limit
+ *  becomes its own wait for the first byte of each and the socket's wait for the rest. */
+void limitRawReceive(vxNetEncryptedSocket& channel, unsigned seconds)
+{
+    if (seconds == 0) {
+        return;
+    }
+    uint32_t wait = seconds;
+    const timeval limit{static_cast<time_t>(seconds), 0};
+    if (!channel.socket->setTimeOut(wait) ||
+        setsockopt(channel.socket->sockFd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+        throw failure("cannot set the receive time-out: " + errnoText());
+    }
+}
+
+/** One payload from the peer; a receive that failed after the limit is named for it. */
+void receiveRaw(vxNetEncryptedSocket& channel, vxBytes& payload, unsigned seconds)
+{
+    payload.bytes.clear(); // a command leaves it untouched: nothing to write out then
+    const auto start = steadyClock::now();
+    const bool received = channel.RecvEncrypted(payload);
+    if (!received && seconds > 0 && steadyClock::now() - start >= std::chrono::seconds(seconds)) {
+        throw failure("the peer sent part of a packet and nothing more for " +
+                      std::to_string(seconds) + " s");
+    }
+    require(received, "receiving from the peer failed");
+}
+
+} // namespace
+
 void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-              const relayTick& tick)
+              const relayLimits& limits, const relayTick& tick)
 {
     ticker clock(tick);
+    peerTimer timer(limits);
     relayCounters counters;
     const int net = channel.socket->sockFd;
+    limitRawReceive(channel, limits.receive);
     bool inputOpen = true;
     vxBytes payload;
     std::vector<unsigned char> chunk(VX_MAX_PACKET_SIZE);
@@ -506,7 +640,8 @@ void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initia
             set.want(plain.input, POLLIN);
         }
         set.want(net, POLLIN);
-        set.wait(clock.budget());
+        timer.check(false);
+        set.wait(sooner(clock.budget(), timer.budget(false)));
         clock.maybe(counters);
         if (inputOpen && set.ready(plain.input, POLLIN)) {
             const ssize_t got = read(plain.input, chunk.data(), chunk.size());
@@ -522,10 +657,12 @@ void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initia
                 payload.bytes.assign(chunk.begin(), chunk.begin() + got);
                 require(channel.SendEncrypted(payload), "sending to the peer failed");
                 counters.toPeer += static_cast<uint64_t>(got);
+                timer.sent();
             }
         }
         if (set.ready(net, POLLIN)) {
-            require(channel.RecvEncrypted(payload), "receiving from the peer failed");
+            receiveRaw(channel, payload, limits.receive);
+            timer.received(false);
             if (channel.socket->doDisconnect) {
                 break;
             }

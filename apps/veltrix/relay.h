@@ -51,15 +51,16 @@ using relayTick = std::function<void(const relayCounters&, bool last)>;
 /** Relays the connection of `channel` (keyed, its plain socket connected) in the stream
  *  protocol until both directions ended and the connection closed. `initiator` is the end that
  *  connected: it sends the disconnect command. Throws failure when the peer or the plain side
- *  broke off; the plain socket is then reset, so its application sees the stream did not end
- *  normally. */
+ *  broke off, or a limit of `limits` passed; the plain socket is then reset, so its application
+ *  sees the stream did not end normally. */
 void relayStream(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-                 const relayTick& tick = {});
+                 const relayLimits& limits, const relayTick& tick = {});
 
 /** Relays bare payloads: each read of the input becomes one payload, each payload received is
  *  written out. The initiator sends the disconnect command at the end of its input; the other
- *  end runs until it receives the disconnect command. */
+ *  end runs until it receives the disconnect command. The library receives a payload whole, so
+ *  the receive limit is its own time-out and the socket's. */
 void relayRaw(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-              const relayTick& tick = {});
+              const relayLimits& limits, const relayTick& tick = {});
 
 } // namespace vxcli

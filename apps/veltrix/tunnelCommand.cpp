@@ -81,7 +81,8 @@ void serveEncrypted(cliFrame& frame, const tunnelSetup& setup, int fd, const con
     connectPlain(frame, service, setup.target, setup.options.channel.connectTimeout);
     log.line("connected to " + setup.target.text());
     const std::string name = "the service at " + setup.target.text();
-    relayStream(record.encryptedSocket, {service.sockFd, service.sockFd, true, name, name}, false);
+    relayStream(record.encryptedSocket, {service.sockFd, service.sockFd, true, name, name}, false,
+                setup.options.channel.limits);
 }
 
 /** The client end of one connection: the accepted application over an encrypted connection. */
@@ -92,7 +93,8 @@ void serveApplication(cliFrame& frame, const tunnelSetup& setup, int fd, const c
     const closeOnExit channelGuard(client.encryptedSocket);
     connectEncrypted(frame, client, setup.target, setup.options.channel, setup.secret);
     log.line("handshake done with " + setup.target.text());
-    relayStream(client.encryptedSocket, {fd, fd, true, "the application", "the application"}, true);
+    relayStream(client.encryptedSocket, {fd, fd, true, "the application", "the application"}, true,
+                setup.options.channel.limits);
 }
 
 /** Runs in the connection's own process; its exit status. */
