@@ -92,6 +92,23 @@ TEST_F(catTest, StatsAndProgressGoToStandardError)
     EXPECT_NE(client.err.find("| SentMsgs "), std::string::npos) << client.err;
 }
 
+TEST_F(catTest, CountersStartedNearTheirLimitRestartWhereTheLibrarySays)
+{
+    constexpr uint32_t start = 0xFFFFC000U - 100000;
+    const std::vector<std::string> hook{"--stats", "--stats-start", std::to_string(start)};
+    const std::string fromClient = pattern(3 << 20, 8);
+    const auto listener = listen("", hook);
+    const runResult client = connect(fromClient, hook);
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_EQ(listener->wait(60), 0) << listener->errorText();
+    EXPECT_TRUE(readFile(dir.file("heard")) == fromClient);
+    const uint64_t cells = (fromClient.size() + 4092) / 4093 + 1; // the data, then the end
+    EXPECT_GT(expectCounters(client.err, start, cells, 1, true), 0U);
+    EXPECT_GT(expectCounters(listener->errorText(), start, 1, cells, false), 0U);
+    EXPECT_LT(statsValue(client.err, "SentBytes"), start);
+    EXPECT_LT(statsValue(listener->errorText(), "RecvBytes"), start);
+}
+
 TEST_F(catTest, WrongSecretFailsBothEndsWithOneLine)
 {
     const auto listener = listen("never sent");

@@ -16,12 +16,26 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace vxclitest {
 
 namespace {
+
+sockaddr_in loopbackAddress(int port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
 
 using clock = std::chrono::steady_clock;
 
@@ -45,8 +59,26 @@ void redirect(int fd, int target, int flags)
     }
 }
 
-[[noreturn]] void execOrDie(const std::vector<std::string>& argv)
+/** The program run under VX_TEST_WRAPPER when that is set (words separated by blanks, such as
+ *  "valgrind --leak-check=full --error-exitcode=99 -q"): the leak check of the valgrind job. */
+std::vector<std::string> wrapped(const std::vector<std::string>& argv)
 {
+    const char* wrapper = std::getenv("VX_TEST_WRAPPER");
+    if (wrapper == nullptr || argv.empty() || argv[0] != veltrixPath()) {
+        return argv;
+    }
+    std::vector<std::string> words;
+    std::istringstream split(wrapper);
+    for (std::string word; split >> word;) {
+        words.push_back(word);
+    }
+    words.insert(words.end(), argv.begin(), argv.end());
+    return words;
+}
+
+[[noreturn]] void execOrDie(const std::vector<std::string>& command)
+{
+    const std::vector<std::string> argv = wrapped(command);
     std::vector<char*> pointers = argvOf(argv);
     (void)execvp(pointers[0], pointers.data());
     std::perror(pointers[0]);
@@ -78,6 +110,23 @@ int waitUntil(pid_t pid, clock::time_point deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
+
+/** A traffic counter as the library keeps it: a sum of 0xFFFFC000 or more starts again at the
+ *  amount added, and counts a restart. */
+struct counterModel
+{
+    uint32_t value;
+    uint32_t restarts = 0;
+
+    void add(uint32_t amount, uint64_t times = 1)
+    {
+        for (uint64_t i = 0; i < times; ++i) {
+            const uint32_t sum = value + amount;
+            restarts += sum >= 0xFFFFC000U ? 1 : 0;
+            value = sum >= 0xFFFFC000U ? amount : sum;
+        }
+    }
+};
 
 std::string tempPath(const char* stem)
 {
@@ -250,12 +299,18 @@ int freePort()
 std::string pattern(size_t size, unsigned seed)
 {
     std::string data(size, '\0');
-    uint32_t state = seed * 2654435761U + 1;
-    for (char& c : data) {
-        state = state * 1103515245U + 12345U;
-        c = static_cast<char>(state >> 24U);
-    }
+    patternStream(seed).fill(data.data(), size);
     return data;
+}
+
+patternStream::patternStream(unsigned seed) : state(seed * 2654435761U + 1) {}
+
+void patternStream::fill(char* out, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        state = state * 1103515245U + 12345U;
+        out[i] = static_cast<char>(state >> 24U);
+    }
 }
 
 size_t lineCount(const std::string& text)
@@ -265,6 +320,210 @@ size_t lineCount(const std::string& text)
         lines += c == '\n' ? 1 : 0;
     }
     return lines + (!text.empty() && text.back() != '\n' ? 1 : 0);
+}
+
+std::string address(int port)
+{
+    return "127.0.0.1:" + std::to_string(port);
+}
+
+int listenLoopback(int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const sockaddr_in where = loopbackAddress(port);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&where), sizeof where) != 0 ||
+        listen(fd, 64) != 0) {
+        throw std::runtime_error("cannot listen");
+    }
+    return fd;
+}
+
+int connectLoopback(int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in where = loopbackAddress(port);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&where), sizeof where) != 0) {
+        (void)close(fd);
+        return -1;
+    }
+    const timeval limit{60, 0}; // a hung program fails the test instead of the run
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    return fd;
+}
+
+int localPort(int fd)
+{
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    return getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) == 0
+               ? ntohs(bound.sin_port)
+               : -1;
+}
+
+bool sendAll(int fd, const std::string& data)
+{
+    for (size_t at = 0; at < data.size();) {
+        const ssize_t sent = send(fd, data.data() + at, data.size() - at, MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return false;
+        }
+        at += static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+std::string receiveAll(int fd, bool* ended)
+{
+    std::string data;
+    std::vector<char> chunk(1 << 16);
+    ssize_t got = 0;
+    while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0) {
+        data.append(chunk.data(), static_cast<size_t>(got));
+    }
+    if (ended != nullptr) {
+        *ended = got == 0;
+    }
+    return data;
+}
+
+bool closedWithin(int fd, int seconds)
+{
+    const auto deadline = clock::now() + std::chrono::seconds(seconds);
+    char chunk[4096];
+    while (clock::now() < deadline) {
+        pollfd watched{fd, POLLIN, 0};
+        if (poll(&watched, 1, 100) != 1) {
+            continue;
+        }
+        const ssize_t got = recv(fd, chunk, sizeof chunk, MSG_DONTWAIT);
+        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+loopbackService::loopbackService(std::function<void(int)> serve)
+    : port(freePort()), listener(listenLoopback(port)), handler(std::move(serve))
+{
+    acceptor = std::thread([this] { acceptAll(); });
+}
+
+loopbackService::~loopbackService()
+{
+    (void)shutdown(listener, SHUT_RDWR);
+    acceptor.join();
+    (void)close(listener);
+    for (worker& each : workers) {
+        each.thread.join();
+    }
+}
+
+void loopbackService::acceptAll()
+{
+    int fd = -1;
+    while ((fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
+        workers.remove_if([](worker& each) {
+            if (!*each.done) {
+                return false;
+            }
+            each.thread.join();
+            return true;
+        });
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        workers.push_back({std::thread([this, fd, done] {
+                               handler(fd);
+                               *done = true;
+                           }),
+                           done});
+    }
+}
+
+void echoBytes(int fd)
+{
+    std::vector<char> chunk(1 << 16);
+    ssize_t got = 0;
+    while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0 &&
+           sendAll(fd, std::string(chunk.data(), static_cast<size_t>(got)))) {
+    }
+    (void)shutdown(fd, SHUT_WR);
+    (void)close(fd);
+}
+
+std::unique_ptr<backgroundRun> startTunnel(const std::string& mode, int acceptPort, int connectPort,
+                                           const std::string& secretFile,
+                                           const std::vector<std::string>& extra)
+{
+    std::vector<std::string> argv{veltrixPath(), "tunnel",
+                                  mode,          "--foreground",
+                                  "--accept",    address(acceptPort),
+                                  "--connect",   address(connectPort),
+                                  "--psk-file",  secretFile};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    auto run = std::make_unique<backgroundRun>(argv);
+    EXPECT_TRUE(run->waitForError("listening on", 30)) << run->errorText();
+    return run;
+}
+
+processFigures figuresOf(pid_t pid)
+{
+    processFigures figures;
+    const std::string proc = "/proc/" + std::to_string(pid);
+    for (const auto& entry : std::filesystem::directory_iterator(proc + "/fd")) {
+        (void)entry;
+        ++figures.descriptors;
+    }
+    const std::string status = readFile(proc + "/status");
+    const size_t at = status.find("VmRSS:");
+    figures.rssKiB = at == std::string::npos ? -1 : std::atol(status.c_str() + at + 6);
+    return figures;
+}
+
+bool running(pid_t pid)
+{
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+int64_t statsValue(const std::string& table, const std::string& row)
+{
+    const size_t at = table.find("| " + row + " ");
+    const size_t bar = at == std::string::npos ? at : table.find('|', at + 1);
+    return bar == std::string::npos ? -1 : std::atoll(table.c_str() + bar + 1);
+}
+
+uint32_t expectCounters(const std::string& table, uint32_t start, uint64_t sent, uint64_t received,
+                        bool initiator)
+{
+    // Each packet sent counts two messages (header and body) and 48 + 4096 bytes, each packet
+    // received one message and 4096 bytes, the disconnect command one message of 64 bytes.
+    counterModel sentMsgs{start};
+    counterModel sentBytes{start};
+    counterModel recvMsgs{start};
+    counterModel recvBytes{start};
+    for (uint64_t i = 0; i < sent; ++i) {
+        sentMsgs.add(1, 2);
+        sentBytes.add(48);
+        sentBytes.add(4096);
+    }
+    if (initiator) {
+        sentMsgs.add(1);
+        sentBytes.add(64);
+    }
+    recvMsgs.add(1, received);
+    recvBytes.add(4096, received);
+    EXPECT_EQ(statsValue(table, "SentMsgs"), sentMsgs.value) << table;
+    EXPECT_EQ(statsValue(table, "SentBytes"), sentBytes.value) << table;
+    EXPECT_EQ(statsValue(table, "RecvMsgs"), recvMsgs.value) << table;
+    EXPECT_EQ(statsValue(table, "RecvBytes"), recvBytes.value) << table;
+    std::cout << "restarts of SentMsgs, SentBytes, RecvMsgs, RecvBytes: " << sentMsgs.restarts
+              << ", " << sentBytes.restarts << ", " << recvMsgs.restarts << ", "
+              << recvBytes.restarts << "\n";
+    return sentBytes.restarts + recvBytes.restarts;
 }
 
 } // namespace vxclitest

@@ -6,7 +6,13 @@
 
 #include <sys/types.h>
 
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace vxclitest {
@@ -84,5 +90,91 @@ int freePort();
 std::string pattern(size_t size, unsigned seed);
 /** Number of lines in `text` (a last line without a line feed counts). */
 size_t lineCount(const std::string& text);
+
+/** The bytes of pattern(size, seed) piece by piece, for streams too large to hold. */
+class patternStream
+{
+public:
+    explicit patternStream(unsigned seed);
+    void fill(char* out, size_t count);
+
+private:
+    uint32_t state;
+};
+
+/** "127.0.0.1:port" */
+std::string address(int port);
+/** A socket listening on 127.0.0.1:port. */
+int listenLoopback(int port);
+/** A plain connection to 127.0.0.1:port whose sends and receives give up after 60 s; -1 when
+ *  refused. */
+int connectLoopback(int port);
+/** The local port of a socket. */
+int localPort(int fd);
+bool sendAll(int fd, const std::string& data);
+/** Everything until the end of the stream; `ended` says whether it ended normally. */
+std::string receiveAll(int fd, bool* ended = nullptr);
+/** Whether the peer ended or reset the connection on `fd` within `seconds`; what arrives before
+ *  is dropped. */
+bool closedWithin(int fd, int seconds);
+
+/** A plain TCP service on loopback: each connection goes to `serve`, on a thread of its own,
+ *  which closes it. */
+class loopbackService
+{
+public:
+    explicit loopbackService(std::function<void(int)> serve);
+    loopbackService(const loopbackService&) = delete;
+    loopbackService& operator=(const loopbackService&) = delete;
+    ~loopbackService();
+
+    const int port;
+
+private:
+    void acceptAll();
+
+    /** A connection's thread, and whether it finished (it is then joined at the next accept). */
+    struct worker
+    {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+
+    int listener;
+    std::function<void(int)> handler;
+    std::thread acceptor;
+    std::list<worker> workers;
+};
+
+/** Sends every byte of the connection back, then the end of the stream (a half-close answered
+ *  the way a request/response service answers it), and closes. */
+void echoBytes(int fd);
+
+/** `veltrix tunnel <mode> --foreground` accepting on one port and forwarding to the other, once
+ *  it logged that it listens. */
+std::unique_ptr<backgroundRun> startTunnel(const std::string& mode, int acceptPort, int connectPort,
+                                           const std::string& secretFile,
+                                           const std::vector<std::string>& extra = {});
+
+/** Open descriptors and resident memory of a process, from /proc. */
+struct processFigures
+{
+    size_t descriptors = 0;
+    long rssKiB = 0;
+};
+
+processFigures figuresOf(pid_t pid);
+/** Whether `pid` exists and has not ended (a zombie has). */
+bool running(pid_t pid);
+
+/** The number in row `row` of a statistics table printed by `cat --stats`; -1 without one. */
+int64_t statsValue(const std::string& table, const std::string& row);
+
+/** Expects the four traffic counters of a `cat --stats` table where the library puts them when
+ *  they started at `start` and the end sent `sent` cells (and the disconnect command when it is
+ *  the `initiator`) and received `received` cells. Returns how often the byte counters
+ *  restarted. */
+uint32_t expectCounters(const std::string& table, uint32_t start, uint64_t sent, uint64_t received,
+                        bool initiator);
 
 } // namespace vxclitest

@@ -22,119 +22,6 @@ using namespace vxclitest;
 
 namespace {
 
-int listenLoopback(int port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(fd, 16) != 0) {
-        throw std::runtime_error("cannot listen");
-    }
-    return fd;
-}
-
-/** A plain connection to 127.0.0.1:port; -1 when refused. */
-int connectLoopback(int port)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        (void)close(fd);
-        return -1;
-    }
-    const timeval limit{60, 0}; // a hung tunnel fails the test instead of the run
-    (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    return fd;
-}
-
-bool sendAll(int fd, const std::string& data)
-{
-    for (size_t at = 0; at < data.size();) {
-        const ssize_t sent = send(fd, data.data() + at, data.size() - at, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            return false;
-        }
-        at += static_cast<size_t>(sent);
-    }
-    return true;
-}
-
-/** Everything until the end of the stream; `ended` says whether it ended normally. */
-std::string receiveAll(int fd, bool* ended = nullptr)
-{
-    std::string data;
-    std::vector<char> chunk(1 << 16);
-    ssize_t got = 0;
-    while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0) {
-        data.append(chunk.data(), static_cast<size_t>(got));
-    }
-    if (ended != nullptr) {
-        *ended = got == 0;
-    }
-    return data;
-}
-
-/** An echo service on loopback: every connection gets its bytes back, and the end of its stream
- *  after them (a half-close answered the way a request/response service answers it). */
-class echoService
-{
-public:
-    echoService() : port(freePort()), listener(listenLoopback(port))
-    {
-        acceptor = std::thread([this] { acceptAll(); });
-    }
-
-    echoService(const echoService&) = delete;
-    echoService& operator=(const echoService&) = delete;
-
-    ~echoService()
-    {
-        (void)shutdown(listener, SHUT_RDWR);
-        acceptor.join();
-        (void)close(listener);
-        for (std::thread& worker : workers) {
-            worker.join();
-        }
-    }
-
-    const int port;
-
-private:
-    void acceptAll()
-    {
-        int fd = -1;
-        while ((fd = accept(listener, nullptr, nullptr)) >= 0) {
-            workers.emplace_back([fd] {
-                std::vector<char> chunk(1 << 16);
-                ssize_t got = 0;
-                while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0 &&
-                       sendAll(fd, std::string(chunk.data(), static_cast<size_t>(got)))) {
-                }
-                (void)shutdown(fd, SHUT_WR);
-                (void)close(fd);
-            });
-        }
-    }
-
-    int listener;
-    std::thread acceptor;
-    std::vector<std::thread> workers;
-};
-
-std::string address(int port)
-{
-    return "127.0.0.1:" + std::to_string(port);
-}
-
 class tunnelTest : public testing::Test
 {
 protected:
@@ -149,15 +36,7 @@ protected:
     start(const char* mode, int acceptPort, int connectPort, const std::string& secretFile,
           const std::vector<std::string>& extra = {"--handshake-timeout", "5"})
     {
-        std::vector<std::string> argv{veltrixPath(), "tunnel",
-                                      mode,          "--foreground",
-                                      "--accept",    address(acceptPort),
-                                      "--connect",   address(connectPort),
-                                      "--psk-file",  secretFile};
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        auto run = std::make_unique<backgroundRun>(argv);
-        EXPECT_TRUE(run->waitForError("listening on", 30)) << run->errorText();
-        return run;
+        return startTunnel(mode, acceptPort, connectPort, secretFile, extra);
     }
 
     /** Sends `request` through the tunnels, half-closes and returns the whole answer. */
@@ -174,7 +53,7 @@ protected:
 
     scratchDir dir;
     std::string psk = dir.file("psk");
-    echoService service;
+    loopbackService service{echoBytes};
     int serverPort = freePort();
     int clientPort = freePort();
     std::unique_ptr<backgroundRun> serverTunnel;
@@ -284,6 +163,54 @@ TEST_F(tunnelTest, AStalledHandshakeEndsAtItsDeadline)
     (void)receiveAll(silent, &ended); // the server's first message, then the close
     EXPECT_TRUE(ended) << std::strerror(errno);
     (void)close(silent);
+}
+
+TEST_F(tunnelTest, QuietConnectionsEndOnlyWithAnIdleTimeOut)
+{
+    struct quietCase
+    {
+        std::vector<std::string> server; ///< options of the server tunnel
+        std::vector<std::string> client; ///< options of the client tunnel
+        int dripSeconds;                 ///< a byte every half second for this long, else silence
+        const char* logs;                ///< which tunnel ends the connection, and its line
+        bool serverLogs;
+    };
+
+    const quietCase cases[] = {
+        {{"--receive-timeout", "1"}, {}, 0, nullptr, false}, // quiet is fine by default
+        {{"--idle-timeout", "2"}, {}, 4, nullptr, false},    // traffic keeps it alive
+        {{"--idle-timeout", "1"}, {}, 0, "the connection was idle for 1 s", true},
+        {{}, {"--idle-timeout", "1"}, 0, "the connection was idle for 1 s", false},
+    };
+    for (const quietCase& quiet : cases) {
+        const int backPort = freePort();
+        const int frontPort = freePort();
+        const auto back = start("--server", backPort, service.port, psk, quiet.server);
+        const auto front = start("--client", frontPort, backPort, psk, quiet.client);
+        const int fd = connectLoopback(frontPort);
+        ASSERT_GE(fd, 0);
+        ASSERT_TRUE(back->waitForError("connected to", 10)) << back->errorText();
+        if (quiet.logs != nullptr) {
+            bool ended = true;
+            EXPECT_EQ(receiveAll(fd, &ended), "");
+            EXPECT_FALSE(ended) << "the application sees the connection reset";
+            const auto& ends = quiet.serverLogs ? back : front;
+            EXPECT_TRUE(ends->waitForError(quiet.logs, 10)) << ends->errorText();
+        } else {
+            std::string sent;
+            for (int tick = 0; tick < 2 * quiet.dripSeconds; ++tick) {
+                sent += "x";
+                EXPECT_TRUE(sendAll(fd, "x"));
+                usleep(500000);
+            }
+            sleep(quiet.dripSeconds == 0 ? 3 : 0);
+            EXPECT_TRUE(sendAll(fd, " and then some"));
+            (void)shutdown(fd, SHUT_WR);
+            EXPECT_EQ(receiveAll(fd), sent + " and then some");
+            EXPECT_TRUE(back->waitForError("closed", 10)) << back->errorText();
+        }
+        (void)close(fd);
+    }
 }
 
 TEST_F(tunnelTest, MaxConnectionsHoldsFurtherConnectionsUntilOneEnds)

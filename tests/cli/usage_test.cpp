@@ -49,6 +49,11 @@ const usageCase kUsageErrors[] = {
     {{"cat", "--listen", "127.0.0.1:1", "127.0.0.1:2", "--psk-file", "k"}, "excludes"},
     {{"cat", "127.0.0.1:1", "--psk-file", "k", "--handshake-timeout", "0"}, "--handshake-timeout"},
     {{"cat", "[::1]:1", "--psk-file", "k", "--bogus"}, "--bogus"},
+    {{"cat", "127.0.0.1:1", "--psk-file", "k", "--receive-timeout", "-1"}, "--receive-timeout"},
+    {{"tunnel", "--server", "--accept", "127.0.0.1:1", "--connect", "127.0.0.1:2", "--psk-file",
+      "k", "--idle-timeout", "soon"},
+     "--idle-timeout"},
+    {{"cat", "127.0.0.1:1", "--psk-file", "k", "--stats-start", "4294950912"}, "--stats-start"},
     {{"digest", "--algorithm", "sha3"}, "sha3"},
     {{"digest", "-a"}, "-a"},
     {{"digest", "--nope"}, "--nope"},
@@ -99,6 +104,11 @@ TEST(usageTest, HelpDescribesTheProgramAndEachCommand)
         EXPECT_EQ(flag.out, topic.out) << command;
     }
     EXPECT_NE(runVeltrix({"tunnel", "--help"}).out.find("--psk-file"), std::string::npos);
+    const std::string cat = runVeltrix({"cat", "--help"}).out;
+    for (const char* option : {"--receive-timeout", "--idle-timeout", "--stats"}) {
+        EXPECT_NE(cat.find(option), std::string::npos) << option;
+    }
+    EXPECT_EQ(cat.find("--stats-start"), std::string::npos) << "a hook for tests stays hidden";
 }
 
 TEST(usageTest, VersionTableListsProgramLibraryAndPlugin)
