@@ -101,7 +101,8 @@ public:
         const int saved = errno;
         if (fd >= 0) {
             const std::string whole = text + '\n';
-            (void)!write(fd, whole.data(), whole.size()); // a lost line is not an error
+            const ssize_t written = write(fd, whole.data(), whole.size());
+            (void)written; // a lost line is not an error
         }
         errno = saved;
     }
