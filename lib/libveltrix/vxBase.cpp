@@ -286,6 +286,34 @@ void vxBase::recordEvent(const char* function, const char* file, int line, const
     vxGlobal.stackTrace.addMessage(text);
 }
 
+bool lvxRefuse(const vxBase& object, const char* function, const char* file, int line)
+{
+    object.recordEvent(function, file, line, "%s", LVX_MSG_UNABLE);
+    return false; // recorded: at the caller's place
+}
+
+bool lvxFail(const vxBase& object, const char* function, const char* file, int line,
+             const char* text)
+{
+    object.recordEvent(function, file, line, "%s", text);
+    LVX_LATCH();
+    return false; // recorded: at the caller's place
+}
+
+bool lvxCloseMember(const vxBase& owner, vxBase& child, const char* function, const char* file,
+                    int line)
+{
+    for (bool (vxBase::*step)() : {&vxBase::PreClose, &vxBase::Close, &vxBase::PostClose}) {
+        if (LVX_LATCHED()) {
+            return lvxRefuse(owner, function, file, line);
+        }
+        if (!(child.*step)()) {
+            return lvxFail(owner, function, file, line, LVX_MSG_BOOL_FAILED);
+        }
+    }
+    return true;
+}
+
 void vxBase::addOpenedByHistory(vxBase* object) const
 {
     const auto lock = vxGlobal.stackTrace.hold();

@@ -50,10 +50,28 @@
 #define LVX_MSG_NO_KEY_FILE    "Unable to locate key: "
 #define LVX_MSG_STREAM_ERROR   "Object protocol error"
 
-/** Records an event at the caller's function, file and line with one formatted line. */
-#define LVX_RECORD(...) this->recordEvent(__PRETTY_FUNCTION__, __FILE__, __LINE__, __VA_ARGS__)
+/** The caller's function, file and line, where a failure is recorded. */
+#define LVX_PLACE __PRETTY_FUNCTION__, __FILE__, __LINE__
+/** Records an event at the caller's place with one formatted line. */
+#define LVX_RECORD(...) this->recordEvent(LVX_PLACE, __VA_ARGS__)
 #define LVX_LATCH()     (vxGlobal.stackTrace.errorLatch = true)
 #define LVX_LATCHED()   (vxGlobal.stackTrace.errorLatch.load())
+
+namespace veltrix {
+// The failure paths of the guard macros live out of line, so that each of the library's many guard
+// sites only passes its place and text: the sites stay small and the success path straight.
+/** Records "Unable to continue from previous error" at the place; the latch stays as it is.
+ *  Returns false. */
+[[gnu::cold]] bool lvxRefuse(const vxBase& object, const char* function, const char* file,
+                             int line);
+/** Records `text` at the place, latches and returns false. */
+[[gnu::cold]] bool lvxFail(const vxBase& object, const char* function, const char* file, int line,
+                           const char* text);
+/** The close protocol on a member: PreClose, Close and PostClose, each after the latch check, a
+ *  failure recorded at the owner's place. */
+bool lvxCloseMember(const vxBase& owner, vxBase& child, const char* function, const char* file,
+                    int line);
+} // namespace veltrix
 
 /** Records, latches and returns false. */
 #define LVX_FAIL(...)            \
@@ -64,38 +82,37 @@
     } while (0)
 
 /** Refuses while the latch is set; the latch stays as it is. */
-#define LVX_GUARD_LATCH()                     \
-    do {                                      \
-        if (LVX_LATCHED()) {                  \
-            LVX_RECORD("%s", LVX_MSG_UNABLE); \
-            return false;                     \
-        }                                     \
+#define LVX_GUARD_LATCH()                                \
+    do {                                                 \
+        if (LVX_LATCHED()) {                             \
+            return veltrix::lvxRefuse(*this, LVX_PLACE); \
+        }                                                \
     } while (0)
 
 /** The standard guard: the latch check, then the object must be open. */
-#define LVX_GUARD()                                \
-    do {                                           \
-        LVX_GUARD_LATCH();                         \
-        if (!this->opened) {                       \
-            LVX_FAIL("%s", LVX_MSG_EXPECTED_OPEN); \
-        }                                          \
+#define LVX_GUARD()                                                           \
+    do {                                                                      \
+        LVX_GUARD_LATCH();                                                    \
+        if (!this->opened) {                                                  \
+            return veltrix::lvxFail(*this, LVX_PLACE, LVX_MSG_EXPECTED_OPEN); \
+        }                                                                     \
     } while (0)
 
 /** A violated precondition: records `text`, the condition as the library words it. */
-#define LVX_ENSURE(cond, text)    \
-    do {                          \
-        if (!(cond)) {            \
-            LVX_FAIL("%s", text); \
-        }                         \
+#define LVX_ENSURE(cond, text)                               \
+    do {                                                     \
+        if (!(cond)) {                                       \
+            return veltrix::lvxFail(*this, LVX_PLACE, text); \
+        }                                                    \
     } while (0)
 
 /** A checked call to a guarded operation, preceded by the latch check. */
-#define LVX_CHECK(call)                          \
-    do {                                         \
-        LVX_GUARD_LATCH();                       \
-        if (!(call)) {                           \
-            LVX_FAIL("%s", LVX_MSG_BOOL_FAILED); \
-        }                                        \
+#define LVX_CHECK(call)                                                     \
+    do {                                                                    \
+        LVX_GUARD_LATCH();                                                  \
+        if (!(call)) {                                                      \
+            return veltrix::lvxFail(*this, LVX_PLACE, LVX_MSG_BOOL_FAILED); \
+        }                                                                   \
     } while (0)
 
 /** A checked call that returns an integer status (0 = success). */
@@ -121,11 +138,11 @@ std::string lvxErrnoText(int error);
     } while (0)
 
 /** The close protocol on a member: PreClose, Close, PostClose, each checked. */
-#define LVX_CALL_CLOSE(child)           \
-    do {                                \
-        LVX_CHECK((child).PreClose());  \
-        LVX_CHECK((child).Close());     \
-        LVX_CHECK((child).PostClose()); \
+#define LVX_CALL_CLOSE(child)                                      \
+    do {                                                           \
+        if (!veltrix::lvxCloseMember(*this, (child), LVX_PLACE)) { \
+            return false; /* recorded: by the close protocol */    \
+        }                                                          \
     } while (0)
 
 // Secure transport.
