@@ -1,4 +1,5 @@
-// The crypto objects and the registry through which they reach the crypto plug-in.
+/// @file
+/// The crypto objects and the registry through which they reach the crypto plug-in.
 #pragma once
 
 #include "pluginLoader.h"
@@ -14,8 +15,16 @@ namespace veltrix {
 class VX_API vxReg : public vxBase
 {
 public:
+    /** Declares the field of one entry point; defined for the list below only. */
 #define VX_REG_FIELD(name, result, params) name##_t name = nullptr;
+    /** @name Entry points
+     *  One field per entry point of VX_PLUGIN_ENTRY_POINTS, in registry order. */
+    ///@{
+    /** The address of the plug-in's entry point of this name, of its pointer type (field
+     *  vxPluginMdOpen has type vxPluginMdOpen_t, and so on). Null until linkResolvedSymbols,
+     *  and after it when the plug-in did not provide the entry point. */
     VX_PLUGIN_ENTRY_POINTS(VX_REG_FIELD)
+    ///@}
 #undef VX_REG_FIELD
 
     vxReg();
@@ -34,9 +43,11 @@ VX_API extern vxReg* cryptoRegistry;
 class VX_API vxApi : public vxBase
 {
 public:
+    /** The ":"-separated plug-in directories; the library's built-in list until
+     *  setSearchPath. */
     std::string searchPath;
-    pluginLoader loader;
-    vxPluginAccepts accepts;
+    pluginLoader loader;     ///< finds, opens and binds the plug-in file
+    vxPluginAccepts accepts; ///< the entry points asked for, and the addresses bound to them
 
     vxApi();
     LVX_NOT_COPYABLE(vxApi);
@@ -52,6 +63,7 @@ public:
     /** Replaces the search path; takes effect at the next Open. */
     void setSearchPath(const std::string& path) { searchPath = path; }
 
+    /** Adds `symbol` to the accepted entry points, without an address yet; true. */
     bool makeSymbol(std::string symbol);
     /** Lists the 34 entry points the library accepts. */
     bool populatePluginAccepts();
@@ -71,7 +83,7 @@ public:
         sha256_128 = 19
     };
 
-    uint32_t value = 0;
+    uint32_t value = 0; ///< the identifier; 0 until Open
 
     vxHashId();
     LVX_COPYABLE(vxHashId);
@@ -80,6 +92,7 @@ public:
     using vxBase::Open;
     /** Accepts the six identifiers only; false (no message, no latch) for any other value. */
     bool Open(uint32_t id);
+    /** The identifier into `id`; always true. */
     bool GetValue(uint32_t& id) const;
 };
 
@@ -95,7 +108,7 @@ public:
         aes256 = 4
     };
 
-    uint32_t value = 0;
+    uint32_t value = 0; ///< the identifier; 0 until Open
 
     vxCipherId();
     LVX_COPYABLE(vxCipherId);
@@ -104,6 +117,7 @@ public:
     using vxBase::Open;
     /** Accepts 1 to 4 only; false (no message, no latch) otherwise. */
     bool Open(uint32_t id);
+    /** The identifier into `id`; always true. */
     bool GetValue(uint32_t& id) const;
 };
 
@@ -111,9 +125,9 @@ public:
 class VX_API vxMd : public vxBase
 {
 public:
-    bool finalized = false;
-    vxPluginStorage storage;
-    uint32_t length = 0; ///< message bytes since construction or the last Init
+    bool finalized = false;  ///< set by Final, cleared by Init
+    vxPluginStorage storage; ///< the plug-in's digest state
+    uint32_t length = 0;     ///< message bytes since construction or the last Init
 
     vxMd();
     /** Owns its plug-in state: not copyable. */
@@ -129,12 +143,17 @@ public:
     bool Init();
     /** Fails with "finalized == false" after Final until the next Init. */
     bool Update(const char* data, uint32_t size);
+    /** Feeds the characters of `text`; as above. */
     bool Update(const std::string& text);
+    /** Feeds the characters of `text`; as above. */
     bool Update(std::string&& text);
+    /** Feeds the characters of `*text`; as above. */
     bool Update(const std::string* text);
+    /** Feeds the bytes of `data`; as above. */
     bool Update(const vxBytes& data);
     /** Finishes the message; no guard. */
     bool Final();
+    /** The message bytes fed since the last Init into `size`; always true. */
     bool GetLength(uint32_t& size);
     /** The digest bytes; false without a message when the storage is not open. Final is not
      *  required. */
@@ -158,11 +177,11 @@ VX_API std::ostream& operator<<(std::ostream& out, const vxMd& md);
 class VX_API vxHmacMd : public vxBase
 {
 public:
-    vxMd inner;
-    vxMd outer;
-    vxBytes innerKey;
-    vxBytes outerKey;
-    vxBytes result;
+    vxMd inner;       ///< the inner digest, whose value is the result
+    vxMd outer;       ///< the outer digest, computed and discarded
+    vxBytes innerKey; ///< the key XOR 0x36, byte by byte
+    vxBytes outerKey; ///< the key XOR 0x5C, byte by byte
+    vxBytes result;   ///< the value of the last Final; SetKey with a text passes the key through it
 
     vxHmacMd();
     LVX_NOT_COPYABLE(vxHmacMd);
@@ -173,9 +192,11 @@ public:
     bool Open(vxHashId& id);
     /** Derives both pads from the key; takes effect at the next Init. Always true. */
     bool SetKey(const vxBytes& key);
+    /** The same with the characters of `key`; refuses while latched. */
     bool SetKey(const std::string& key);
     /** Starts a message and feeds the inner pad. */
     bool Init();
+    /** Feeds `data` to the inner digest. */
     bool Update(const vxBytes& data);
     /** Finishes the inner digest (the value) and computes the outer one. */
     bool Final();
@@ -188,8 +209,8 @@ public:
 class VX_API vxCipher : public vxBase
 {
 public:
-    vxPluginStorage storage;
-    vxCipherId cipherId;
+    vxPluginStorage storage; ///< the plug-in's cipher state
+    vxCipherId cipherId;     ///< the cipher; opened by Open
 
     vxCipher();
     LVX_NOT_COPYABLE(vxCipher);
@@ -201,10 +222,13 @@ public:
     bool Open(const vxCipherId& id);
     /** Fails with "Plugin layer SetKey failed" when the plug-in refuses the key. */
     bool SetKey(const vxBytes& key);
+    /** The plug-in's block size in bytes into `size`; runs the standard guard. */
     bool GetBlockSize(uint32_t& size);
+    /** The plug-in's key size in bytes into `size`; runs the standard guard. */
     bool GetKeySize(uint32_t& size);
     /** Exactly one block, unchecked; the plug-in's result. */
     bool Encrypt(const vxBytes& in, vxBytes& out);
+    /** The inverse of Encrypt: exactly one block, unchecked; the plug-in's result. */
     bool Decrypt(const vxBytes& in, vxBytes& out);
     bool Close() override;
 };
@@ -213,21 +237,24 @@ public:
 class VX_API vxRand : public vxBase
 {
 public:
-    uint32_t reserved = 0;
-    bool testMode = false;
-    vxPluginStorage storage;
-    vxBytes scratch;
+    uint32_t reserved = 0;   ///< not used
+    bool testMode = false;   ///< set by SetTestMode; passed to the plug-in with every Read
+    vxPluginStorage storage; ///< the plug-in's generator state
+    vxBytes scratch;         ///< not used
 
     vxRand();
     LVX_NOT_COPYABLE(vxRand);
     ~vxRand() override;
 
     using vxBase::Open;
+    /** Opens the plug-in's generator state, handing `flag` to the plug-in's open entry point;
+     *  false without a message when the plug-in refuses. Each Read hands over `testMode`. */
     bool Open(bool flag);
     /** Makes every later Read use the plug-in's reproducible generator. Cannot be undone. */
     bool SetTestMode();
     /** Draws `count` bytes; false without a message when not open. */
     bool Read(uint32_t count);
+    /** The bytes of the last Read into `out`; refuses while latched. */
     bool GetBytes(vxBytes& out);
     /** As GetBytes, but false (no message) when the last draw was empty. */
     bool GetHashedBytes(vxBytes& out);
@@ -241,9 +268,9 @@ public:
 class VX_API vxSequence : public vxBase
 {
 public:
-    uint32_t state = 0;
+    uint32_t state = 0;   ///< set by Open and Seed, advanced by Next
     uint32_t divisor = 0; ///< twice the range
-    uint32_t range = 0;
+    uint32_t range = 0;   ///< the number of distinct values: Next returns 0 to range - 1
 
     vxSequence();
     LVX_COPYABLE(vxSequence);
@@ -254,6 +281,8 @@ public:
     bool Open(uint32_t outputs);
     /** Fails with "inValue.bytes.size() >= 4" for fewer than four bytes. */
     bool Seed(const vxBytes& value);
+    /** Advances the state (state * 1103515245 + 12345, modulo 2^32) and returns
+     *  (state / divisor) % range; 0 when the range is 0. */
     uint32_t Next();
 };
 
@@ -261,8 +290,8 @@ public:
 class VX_API vxRsa : public vxBase
 {
 public:
-    vxPluginStorage storage;
-    std::string fingerprint;
+    vxPluginStorage storage; ///< the plug-in's key
+    std::string fingerprint; ///< set by SetFingerprint; a fixed placeholder until then
 
     vxRsa();
     LVX_NOT_COPYABLE(vxRsa);
@@ -288,10 +317,17 @@ public:
     bool Verify(const vxBytes& message, const vxBytes& signature);
     /** Modulus size in bytes. */
     bool GetKeySize(uint32_t& size);
+    /** The plug-in's consistency check of the key; its answer. */
     bool KeyCheck();
+    /** The plug-in's answer whether it holds a key that can act as a public key (in the OpenSSL
+     *  plug-in, any key it holds). */
     bool IsPublic();
+    /** The plug-in's answer whether it holds a private key. */
     bool IsPrivate();
+    /** Asks the plug-in to blind private-key operations; its answer. */
     bool BlindingOn();
+    /** Asks the plug-in to stop blinding; its answer. Fails with "storage.isopen == true" when
+     *  not open. */
     bool BlindingOff();
     /** OAEP in the OpenSSL plug-in; `to` must hold the key size in bytes. */
     bool PublicEncrypt(uint32_t length, const unsigned char* from, unsigned char* to);
@@ -300,6 +336,7 @@ public:
     /** The first 32 bytes of SHA-256 (SHA-512 for a 4096-bit key) over the modulus text, as 32
      *  hex pairs joined by ":". */
     bool SetFingerprint();
+    /** Copies `fingerprint` into `text`; always true. */
     bool GetFingerprint(std::string& text);
     /** Writes the key file; false without a message when the file cannot be opened. */
     bool WriteKeyToDisk(const std::string& path);

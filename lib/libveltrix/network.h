@@ -1,4 +1,5 @@
-// Constants shared by the transport and the network layer.
+/// @file
+/// Constants shared by the transport and the network layer.
 #pragma once
 
 #include <cstdint>

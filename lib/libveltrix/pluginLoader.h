@@ -1,4 +1,5 @@
-// Finding, opening and binding one crypto plug-in file.
+/// @file
+/// Finding, opening and binding one crypto plug-in file.
 #pragma once
 
 #include "vxBase.h"
@@ -13,13 +14,14 @@ namespace veltrix {
 class VX_API vxPluginAccepts : public vxBase
 {
 public:
+    /** One accepted entry point and the address bound to it. */
     struct entry
     {
-        std::string name;
-        void* function = nullptr;
+        std::string name;         ///< the entry point, such as "vxPluginMdOpen"
+        void* function = nullptr; ///< its address; null until bound, or when the plug-in lacks it
     };
 
-    std::vector<entry> symbols;
+    std::vector<entry> symbols; ///< every accepted entry point (see vxApi::populatePluginAccepts)
 
     vxPluginAccepts();
     LVX_NOT_COPYABLE(vxPluginAccepts);
@@ -30,8 +32,8 @@ public:
 class VX_API vxPluginProvides : public vxBase
 {
 public:
-    std::string name;
-    std::string version;
+    std::string name;    ///< the plug-in's name; set by its vx_init before AddSymbol
+    std::string version; ///< the plug-in's version; set by its vx_init before AddSymbol
     /** (entry point, exported symbol) with the symbol always name + "_" + entry point. */
     std::vector<std::pair<std::string, std::string>> symbols;
 
@@ -49,11 +51,11 @@ public:
 class VX_API pluginLoader : public vxBase
 {
 public:
-    void* handle = nullptr;
-    bool loaded = false;
-    std::string fileName;
-    std::string path;
-    vxPluginProvides provides;
+    void* handle = nullptr;    ///< the dlopen() handle; null until the file is opened
+    bool loaded = false;       ///< set once the file is opened, cleared by unloadPlugin
+    std::string fileName;      ///< the file name looked for on the search path
+    std::string path;          ///< the candidate last tried; once found, the file's path
+    vxPluginProvides provides; ///< what the plug-in's vx_init announced
 
     pluginLoader();
     LVX_NOT_COPYABLE(pluginLoader);
@@ -66,11 +68,17 @@ public:
      *  "vx_init function pointer failed", "Boolean return value failed.". */
     bool loadPlugin(const std::string& searchPath, const std::string& name,
                     vxPluginAccepts& accepts);
+    /** dlopen()s `path`; fails with the dlerror() text. */
     bool openPluginInternal();
+    /** Runs the plug-in's vx_init, binds what it provides into `accepts` and adds the plug-in to
+     *  the version table. Fails with "Unable to locate vx_init" or "vx_init function pointer
+     *  failed". */
     bool loadSymbols(vxPluginAccepts& accepts);
+    /** Binds every provided entry point through resolveSymbol. */
     bool linkSymbols(vxPluginAccepts& accepts);
     /** Binds one provided entry point; an entry point the library does not accept is ignored. */
     bool resolveSymbol(std::pair<std::string, std::string>& symbol, vxPluginAccepts& accepts);
+    /** dlclose()s the file when it is loaded; addresses bound from it become invalid. */
     void unloadPlugin();
 
 private:

@@ -1,4 +1,5 @@
-// Base class of every library object, the open/close protocol and the process-wide error trail.
+/// @file
+/// Base class of every library object, the open/close protocol and the process-wide error trail.
 #pragma once
 
 #include "vxExport.h"
@@ -27,6 +28,7 @@
     T& operator=(const T&) = default; \
     T(T&&) = default;                 \
     T& operator=(T&&) = default
+/** Declares the copy and move members of class T as deleted; see LVX_COPYABLE. */
 #define LVX_NOT_COPYABLE(T)          \
     T(const T&) = delete;            \
     T& operator=(const T&) = delete; \
@@ -35,12 +37,15 @@
 
 // NOLINTEND(bugprone-macro-parentheses)
 
+/** The library: the object protocol and error trail, the crypto objects over the plug-in, and
+ *  the encrypted client/server transport. */
 namespace veltrix {
 
 /** One message line of an error event. */
 class VX_API vxHistoryLine
 {
 public:
+    /** The formatted text. */
     std::string message;
     std::string line; ///< decimal source line, or empty
     std::string file; ///< last path component of the source file, or empty
@@ -53,6 +58,7 @@ public:
 class VX_API vxHistoryEvent
 {
 public:
+    /** The message lines, oldest first. */
     std::vector<vxHistoryLine> lines;
     std::string function; ///< pretty-function signature of the recording operation
     std::string line;     ///< decimal source line (at most 6 characters)
@@ -102,13 +108,15 @@ private:
 class VX_API vxBase
 {
 public:
-    bool opened = false;
-    int32_t initLine = 0;
-    uint32_t openLine = 0;
-    uint32_t depth = 0;
-    const char* openFile = nullptr;
+    bool opened = false;            ///< set by PostOpen, cleared by PostClose
+    int32_t initLine = 0;           ///< source line of the constructor that named the object
+    uint32_t openLine = 0;          ///< source line of the opening call; 0 = never opened
+    uint32_t depth = 0;             ///< the parent's depth + 1; 0 for the root of the tree
+    const char* openFile = nullptr; ///< source file of the opening call
+    /** The run-time type name (std::type_info::name, mangled) set by the derived constructor;
+     *  empty for a plain vxBase. */
     std::string name;
-    vxBase* parent = nullptr;
+    vxBase* parent = nullptr; ///< the object this one was opened under; kept after Close
 
     vxBase() = default;
 
@@ -125,6 +133,7 @@ public:
     // NOLINTNEXTLINE(bugprone-unhandled-self-assignment,cert-oop54-cpp): copies nothing
     vxBase& operator=(const vxBase& /*other*/) { return *this; }
 
+    /** The same for a move: this object stays as it was. */
     vxBase& operator=(vxBase&& /*other*/) noexcept { return *this; }
 
     /** Does nothing; true. */
@@ -151,7 +160,11 @@ public:
     /** Marks the object closed, keeping its links so it may be opened again. */
     [[nodiscard]] bool PostClose();
 
+    /** Starts a new event of the error trail, recorded at (function, file, line); `file` is
+     *  reduced to its last path component. */
     void addHistory(const char* function, const char* file, int line) const;
+    /** Appends a printf-formatted line (cut to 1023 characters) to the newest event; dropped
+     *  when the trail is empty. */
     void addMessage(const char* format, ...) const __attribute__((format(printf, 2, 3)));
 
     /** The same, with `file` (cleaned) and `line` recorded in the message line. `file` must be a
@@ -172,7 +185,9 @@ public:
     /** Adds an "Opened by: <class>" line for `object` and each ancestor of nonzero depth. */
     void addOpenedByHistory(vxBase* object) const;
 
+    /** True when the error trail holds at least one event. */
     static bool HaveStackTrace();
+    /** Clears the latch and empties the trail, so that guarded operations work again. */
     static void lvxClearLastError();
     /** Prints the trail as a "Filename" / "Line" / "Message Hints" table; the trail is kept. */
     static void DumpStackTrace(std::ostream& out);
@@ -190,11 +205,12 @@ protected:
     /** The derived-destructor check of an object that is still open. */
     void reportUnclosed(const char* function, const char* file, int line);
 
+    /** The step of LVX_CALL_OPEN that checkOpenStep reports on. */
     enum class openStep
     {
-        latch,
-        preOpen,
-        open
+        latch,   ///< the latch check first: "Unable to continue from previous error"
+        preOpen, ///< PreOpen failed: "Object PreOpen() routine failed.", and latches
+        open     ///< the child's Open failed: "Object Open() routine failed.", and latches
     };
 
     /** Records the failure text of one step of LVX_CALL_OPEN when `ok` is false. */

@@ -1,4 +1,5 @@
-// The byte buffer every interface passes, and hexadecimal text.
+/// @file
+/// The byte buffer every interface passes, and hexadecimal text.
 #pragma once
 
 #include "vxBase.h"
@@ -12,7 +13,7 @@ namespace veltrix {
 class VX_API vxBytes : public vxBase
 {
 public:
-    std::vector<unsigned char> bytes;
+    std::vector<unsigned char> bytes; ///< the contents
 
     vxBytes();
     LVX_COPYABLE(vxBytes);
@@ -46,10 +47,10 @@ public:
 class VX_API hexString
 {
 public:
-    bool flag = false; ///< kept false
-    bool valid = false;
-    std::string text;
-    std::vector<unsigned char> bytes;
+    bool flag = false;                ///< kept false
+    bool valid = false;               ///< whether the conversion succeeded
+    std::string text;                 ///< the text: generated, or the input as given
+    std::vector<unsigned char> bytes; ///< the bytes: the input as given, or decoded
 
     /** Two upper-case digits per byte, no separators; always valid. */
     explicit hexString(std::vector<unsigned char> input);

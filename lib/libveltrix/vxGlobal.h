@@ -1,4 +1,5 @@
-// The one process-wide object vxGlobal, and the debug aids it holds.
+/// @file
+/// The one process-wide object vxGlobal, and the debug aids it holds.
 #pragma once
 
 #include "vxBase.h"
@@ -28,15 +29,19 @@ public:
         __attribute__((format(printf, 3, 4)));
 };
 
+/** The process-wide data: the root of the object tree, the debug, signal and trace objects, the
+ *  error trail and the version table. Its one instance is vxGlobal. */
 class VX_API vxGlobalData
 {
 public:
-    bool inited = false;
+    bool inited = false; ///< set by the first tryInit
+    /** The object that top-level objects are opened under: the newest vxMain frame, or else the
+     *  plain root made by tryInit. */
     vxBase* root = nullptr;
-    vxDebug debug;
-    vxSignals signals;
-    vxTraceLog traceLog;
-    vxStackTrace stackTrace;
+    vxDebug debug;                  ///< opened by vxMain::InitAndRun
+    vxSignals signals;              ///< opened by vxMain::InitAndRun
+    vxTraceLog traceLog;            ///< the trace on standard error and the system log
+    vxStackTrace stackTrace;        ///< the error trail: the latch and the events
     vxVersions* versions = nullptr; ///< owned; created by tryInit
 
     vxGlobalData() = default;
@@ -54,6 +59,7 @@ private:
 
 } // namespace veltrix
 
+/** The process-wide data every library object uses; see vxGlobalData. */
 VX_API extern veltrix::vxGlobalData vxGlobal;
 
 /** Creates the root object and the version table (vxGlobal.tryInit()). */

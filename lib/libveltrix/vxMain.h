@@ -1,4 +1,5 @@
-// The application frame: the root of the object tree, start-up, plug-in loading and fatal exit.
+/// @file
+/// The application frame: the root of the object tree, start-up, plug-in loading and fatal exit.
 #pragma once
 
 #include "cryptoapi.h"
@@ -9,7 +10,7 @@ namespace veltrix {
 class VX_API vxMain : public vxBase
 {
 public:
-    vxApi api;
+    vxApi api; ///< the crypto plug-in front; opened by LoadPlugin
 
     /** Makes this frame the root of the object tree (replacing an earlier frame). */
     vxMain();

@@ -1,4 +1,5 @@
-// The pre-shared-key handshake that opens every connection.
+/// @file
+/// The pre-shared-key handshake that opens every connection.
 #pragma once
 
 #include "cryptoapi.h"
@@ -25,20 +26,20 @@ class vxNetEncryptedSocket;
 class VX_API vxNetPSKChallengeResponse : public vxBase
 {
 public:
-    bool isServer = false;
+    bool isServer = false;        ///< the end this object plays, as Open was told
     uint32_t protocolVersion = 0; ///< as received; never compared
-    vxHashId hashId;
-    vxHmacMd hmac;
-    vxNetTransportKeys keys; ///< the handshake's own keys
-    vxBytes workBytes;
-    vxBytes decrypted;
-    vxBytes wireBytes;
-    vxBytes secretDigest;
-    vxBytes secret;
-    vxBytes localChallenges;
-    vxBytes peerChallenges;
-    vxBytes correctResponse;
-    vxBytes receivedChallenge;
+    vxHashId hashId;              ///< the digest of the secret and of the answers
+    vxHmacMd hmac;                ///< the keyed digest of the answers
+    vxNetTransportKeys keys;      ///< the handshake's own keys
+    vxBytes workBytes;            ///< a message before encryption
+    vxBytes decrypted;            ///< the last received message, decrypted
+    vxBytes wireBytes;            ///< the last message as sent or received
+    vxBytes secretDigest;         ///< the secret's digest: the answers' key, the version's seed
+    vxBytes secret;               ///< the secret, as SetSecret collected it
+    vxBytes localChallenges;      ///< the challenges this end sent
+    vxBytes peerChallenges;       ///< the challenges received from the peer
+    vxBytes correctResponse;      ///< the answer expected to this end's challenge
+    vxBytes receivedChallenge;    ///< the peer's challenge
 
     vxNetPSKChallengeResponse();
     LVX_NOT_COPYABLE(vxNetPSKChallengeResponse);
@@ -66,11 +67,15 @@ public:
     bool RecvProtocolVersion(vxNetSocket& socket);
     /** A new random challenge, encrypted for sending, and the answer expected to it. */
     bool GenerateChallengeRequest();
+    /** Sends the challenge that GenerateChallengeRequest prepared. */
     bool SendChallengeRequest(vxNetSocket& socket);
+    /** Receives the peer's challenge into `receivedChallenge` and adds it to `peerChallenges`. */
     bool RecvChallengeRequest(vxNetSocket& socket);
     /** The answer to the received challenge, encrypted for sending. */
     bool GenerateChallengeResponse();
+    /** Sends the answer that GenerateChallengeResponse prepared. */
     bool SendChallengeResponse(vxNetSocket& socket);
+    /** Receives the peer's answer into `decrypted`, for ValidateChallengeResponse. */
     bool RecvChallengeResponse(vxNetSocket& socket);
     /** Fails with "( decrypted == correctResponse )" unless the received answer is the expected
      *  one. */

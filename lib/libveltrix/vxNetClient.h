@@ -1,4 +1,5 @@
-// The connecting end of a session.
+/// @file
+/// The connecting end of a session.
 #pragma once
 
 #include "vxNetAuth.h"

@@ -1,4 +1,5 @@
-// The listening end: accepted connections, their handshakes, the options they inherit, pruning.
+/// @file
+/// The listening end: accepted connections, their handshakes, the options they inherit, pruning.
 #pragma once
 
 #include "vxNetAuth.h"
@@ -18,11 +19,11 @@ class VX_API vxNetConnectedClient : public vxBase
 {
 public:
     // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): its public name
-    bool __clientIdSet = false;
-    uint32_t clientId = 0;
-    vxNetSocket socket;
-    vxNetEncryptedSocket encryptedSocket;
-    vxNetPSKChallengeResponse handshake; ///< opened and closed inside PerformKeyExchange
+    bool __clientIdSet = false;           ///< set by SetClientId
+    uint32_t clientId = 0;                ///< the id given by SetClientId
+    vxNetSocket socket;                   ///< the accepted connection
+    vxNetEncryptedSocket encryptedSocket; ///< the connection's messages
+    vxNetPSKChallengeResponse handshake;  ///< opened and closed inside PerformKeyExchange
 
     vxNetConnectedClient();
     LVX_NOT_COPYABLE(vxNetConnectedClient);
@@ -44,6 +45,7 @@ public:
     bool GetClientId(uint32_t& id);
     /** Adopts a descriptor accepted elsewhere. */
     bool SetSocketFd(int32_t& fd);
+    /** The socket's descriptor into `fd`; runs the standard guard. */
     bool GetSocketFd(int32_t& fd);
     /** The server's side of the handshake with `secret`. */
     bool PerformKeyExchange(const vxBytes& secret);
@@ -57,10 +59,10 @@ public:
 class VX_API vxNetServer : public vxBase
 {
 public:
-    uint8_t keyExchangeMode = 0;
-    uint32_t nextClientId = 0; ///< the last id handed out by updateNextClientId
-    std::string cipherMode;
-    std::string hashMode;
+    uint8_t keyExchangeMode = 0; ///< set by SetKeyExchangeMode; shown by the dump only
+    uint32_t nextClientId = 0;   ///< the last id handed out by updateNextClientId
+    std::string cipherMode;      ///< for the connections acceptNewManagedClient opens
+    std::string hashMode;        ///< for the connections acceptNewManagedClient opens
     /** The managed connections, in order of acceptance; owned. */
     std::list<std::unique_ptr<vxNetConnectedClient>> connectedClients;
     /** Options applied to every accepted descriptor, in order of creation; owned. */
@@ -82,6 +84,7 @@ public:
     bool SetKeyExchangeMode(const uint8_t& mode);
     /** Stored unchecked: an unknown name fails at the next accept. */
     bool SetCipherMode(const std::string& mode);
+    /** Stored unchecked, as SetCipherMode. */
     bool SetHashMode(const std::string& mode);
     /** Keeps an option (setsockopt level, name and value bytes) for every accepted connection. */
     bool CreateSockoptProperty(int32_t level, int32_t optionName, const void* value, uint32_t len);
@@ -94,8 +97,11 @@ public:
      *  applies the kept options and runs the handshake. The record stays the caller's. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, int32_t fd,
                          uint32_t timeout);
+    /** The same, accepting a new connection, without a time-out. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc);
+    /** The same, accepting a new connection. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, uint32_t timeout);
+    /** The same, adopting `fd`, without a time-out. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, int32_t fd);
     /** Accepts and handshakes a new connection that the server then owns and lists; on failure
      *  nothing is listed. */

@@ -1,9 +1,10 @@
-// The plain TCP socket (fixed-size blocks in the clear, a receive that a wake-up pipe can
-// release), one socket option kept for later descriptors, and the encrypted socket on top.
-//
-// Every failure in these classes sets the process-wide error latch: from then on every guarded
-// operation in the process refuses with "Unable to continue from previous error" until the
-// application clears the trail. A broken connection is therefore the end of the session.
+/// @file
+/// The plain TCP socket (fixed-size blocks in the clear, a receive that a wake-up pipe can
+/// release), one socket option kept for later descriptors, and the encrypted socket on top.
+///
+/// Every failure in these classes sets the process-wide error latch: from then on every guarded
+/// operation in the process refuses with "Unable to continue from previous error" until the
+/// application clears the trail. A broken connection is therefore the end of the session.
 #pragma once
 
 #include "network.h"
@@ -31,19 +32,22 @@ public:
     bool origin = false;       ///< true for the server's sockets, false for the client's
     bool doDisconnect = false; ///< the peer closed or the receive failed for good
     bool wakeupSeen = false;   ///< the last receive returned because of the wake-up pipe
+    /** The listen backlog (setSoBacklog); 10 after Open. */
     uint32_t soBacklog = static_cast<uint32_t>(-1);
-    uint8_t soMode = 0;
-    int32_t sockFd = -1;
+    uint8_t soMode = 0;          ///< the key-exchange mode (setKeyExchangeMode)
+    int32_t sockFd = -1;         ///< the descriptor; -1 = none
     uint32_t connectTimeout = 0; ///< seconds; 0 = a plain blocking connect
     int32_t wakeupFd = 0;        ///< read end of the wake-up pipe; 0 = none
-    std::string soPort;
+    std::string soPort;          ///< the port, as text (setPort)
+    /** Kept for the application (setSecret) and wiped by Close; the library does not use it,
+     *  but dumpSocketInfo prints it. */
     std::string soSecret;
-    std::string soAddress;
-    std::string nodeName;
+    std::string soAddress;  ///< the numeric address that setAddress resolved
+    std::string nodeName;   ///< the peer's address, recorded by Accept
     uint32_t soTimeout = 0; ///< seconds a receive waits for the first readiness; 0 = no limit
     /** VX_MAX_PACKET_SIZE bytes from Open to Close; every send and receive goes through it. */
     std::unique_ptr<unsigned char[]> packetBuffer;
-    addrinfo* aitop = nullptr;
+    addrinfo* aitop = nullptr; ///< the resolver's list for `soAddress`; freed by Close
 
     vxNetSocket();
     LVX_NOT_COPYABLE(vxNetSocket);
@@ -59,10 +63,15 @@ public:
      *  pipe stays open. Always true. */
     bool Close() override;
 
+    /** Stores the port that setAddress resolves with; always true. */
     bool setPort(const std::string& port);
+    /** Stores `secret` in `soSecret`, wiping the one before; always true. */
     bool setSecret(const std::string& secret);
+    /** Sets `soTimeout`, the receive time-out in seconds; always true. */
     bool setTimeOut(uint32_t& seconds);
+    /** Sets `connectTimeout` in seconds; always true. */
     bool setConnectTimeout(uint32_t seconds);
+    /** Sets the listen backlog for BindAndListen; always true. */
     bool setSoBacklog(uint32_t& backlog);
     /** Accepts only mode 2; false without a message otherwise. */
     bool setKeyExchangeMode(uint8_t mode);
@@ -73,6 +82,7 @@ public:
     bool setAddress(const std::string& address);
     /** Set or clear O_NONBLOCK; false without a message when fcntl fails. */
     bool setNonBlocking();
+    /** Clears O_NONBLOCK; as setNonBlocking. */
     bool setBlocking();
     /** A SOL_SOCKET option switched on or off. Fails with "setsockopt failed: " and the errno
      *  text. */
@@ -118,7 +128,9 @@ public:
      *  without data) or an empty message for a short block. */
     bool RecvPlaintext(uint32_t size, vxBytes& bytes);
 
+    /** The descriptor into `fd`; runs the standard guard. */
     bool GetSocketFd(int32_t& fd);
+    /** The peer's address recorded by Accept into `peerName`; runs the standard guard. */
     bool GetNodeName(std::string& peerName);
 
 private:
@@ -137,9 +149,9 @@ private:
 class VX_API vxNetSockoptProperties : public vxBase
 {
 public:
-    int32_t level = 0;
-    int32_t name = 0; ///< the option name; hides the object name of vxBase
-    uint32_t len = 0;
+    int32_t level = 0;                      ///< the setsockopt level
+    int32_t name = 0;                       ///< the option name; hides the object name of vxBase
+    uint32_t len = 0;                       ///< the value's length in bytes
     std::unique_ptr<unsigned char[]> value; ///< a copy of the value; none when `len` is 0
 
     vxNetSockoptProperties();
@@ -166,13 +178,13 @@ class VX_API vxNetEncryptedSocket : public vxBase
 {
 public:
     vxNetSocket* socket = nullptr; ///< borrowed
-    vxBytes workBuffer;
-    vxBytes bodyBuffer;
-    vxCipherId cipherId;
-    vxHashId hashId;
-    vxNetTransportKeys keys;
-    vxNetProtocolStats stats;
-    vxNetTransportHeader header;
+    vxBytes workBuffer;            ///< working bytes of a send or a receive
+    vxBytes bodyBuffer;            ///< the body being sent or received
+    vxCipherId cipherId;           ///< from the cipher mode
+    vxHashId hashId;               ///< from the hash mode
+    vxNetTransportKeys keys;       ///< the connection's keys, seeded by the handshake
+    vxNetProtocolStats stats;      ///< the traffic counters
+    vxNetTransportHeader header;   ///< the header of the packet in progress
 
     vxNetEncryptedSocket();
     LVX_NOT_COPYABLE(vxNetEncryptedSocket);

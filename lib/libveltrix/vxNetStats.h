@@ -1,4 +1,5 @@
-// Traffic counters of an encrypted socket and its re-key policy.
+/// @file
+/// Traffic counters of an encrypted socket and its re-key policy.
 #pragma once
 
 #include "vxBase.h"
@@ -13,7 +14,7 @@ namespace veltrix {
 class VX_API vxNetProtocolStatsCounter : public vxBase
 {
 public:
-    uint32_t value = 0;
+    uint32_t value = 0; ///< the count since Open or the last restart
     uint32_t wraps = 0; ///< restarts since Open
 
     vxNetProtocolStatsCounter();
@@ -35,12 +36,12 @@ public:
 class VX_API vxNetProtocolStats : public vxBase
 {
 public:
-    uint32_t reKeyAccumulator = 0;
-    vxNetProtocolStatsCounter RecvMsgs;
-    vxNetProtocolStatsCounter SentMsgs;
-    vxNetProtocolStatsCounter RecvBytes;
-    vxNetProtocolStatsCounter SentBytes;
-    vxNetProtocolStatsCounter KeyReExchanges;
+    uint32_t reKeyAccumulator = 0;            ///< the re-key policy's sum (see NeedReKey)
+    vxNetProtocolStatsCounter RecvMsgs;       ///< messages received
+    vxNetProtocolStatsCounter SentMsgs;       ///< messages sent
+    vxNetProtocolStatsCounter RecvBytes;      ///< bytes received
+    vxNetProtocolStatsCounter SentBytes;      ///< bytes sent
+    vxNetProtocolStatsCounter KeyReExchanges; ///< key re-exchanges: never updated
 
     vxNetProtocolStats();
     LVX_NOT_COPYABLE(vxNetProtocolStats);

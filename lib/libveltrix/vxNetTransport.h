@@ -1,10 +1,11 @@
-// The secure transport: byte order, entangled key pairs, key expansion, the chained IV mask, the
-// hidden length, the per-direction ciphers and keys, and the encrypted packet header.
-//
-// Both ends of a connection compute every value here in lock-step: the chain keys are ratcheted
-// once per packet and direction, the hiding offsets are reseeded with every haystack and the IV
-// mask runs on across blocks and packets. A lost, reordered or altered packet therefore breaks
-// the connection for good.
+/// @file
+/// The secure transport: byte order, entangled key pairs, key expansion, the chained IV mask, the
+/// hidden length, the per-direction ciphers and keys, and the encrypted packet header.
+///
+/// Both ends of a connection compute every value here in lock-step: the chain keys are ratcheted
+/// once per packet and direction, the hiding offsets are reseeded with every haystack and the IV
+/// mask runs on across blocks and packets. A lost, reordered or altered packet therefore breaks
+/// the connection for good.
 #pragma once
 
 #include "cryptoapi.h"
@@ -23,8 +24,8 @@ class vxNetSocket;
 class VX_API vxNetByteOrder : public vxBase
 {
 public:
-    vxBytes native;
-    vxBytes network;
+    vxBytes native;  ///< the native form
+    vxBytes network; ///< the network form
 
     vxNetByteOrder();
     LVX_NOT_COPYABLE(vxNetByteOrder);
@@ -33,9 +34,11 @@ public:
     /** Replaces `native`. False without a message for a length that is not a multiple of 4;
      *  refuses while latched. */
     bool SetNative(const vxBytes& b);
+    /** The same from `len` bytes at `p`. */
     bool SetNative(const unsigned char* p, uint32_t len);
     /** Replaces `network`; as SetNative. */
     bool SetNetwork(const vxBytes& b);
+    /** The same from `len` bytes at `p`. */
     bool SetNetwork(const unsigned char* p, uint32_t len);
     /** The native form, converted from `network` when `native` is empty. False without a
      *  message when both forms are empty; refuses while latched. */
@@ -57,9 +60,9 @@ private:
 class VX_API vxNetEntangledObj : public vxBase
 {
 public:
-    bool side = false;
-    vxBytes magicOne;
-    vxBytes magicTwo;
+    bool side = false; ///< the flag Open stored
+    vxBytes magicOne;  ///< the magic of the end opened with true
+    vxBytes magicTwo;  ///< the magic of the end opened with false
 
     vxNetEntangledObj();
     LVX_NOT_COPYABLE(vxNetEntangledObj);
@@ -80,9 +83,9 @@ public:
 class VX_API vxNetTransportKeyExpander : public vxBase
 {
 public:
-    uint32_t TargetSize = 0;
-    vxMd md;
-    vxHashId hashId;
+    uint32_t TargetSize = 0; ///< the size to reach: 16, 24 or 32
+    vxMd md;                 ///< the MD5 digest of the expansion
+    vxHashId hashId;         ///< MD5
 
     vxNetTransportKeyExpander();
     LVX_NOT_COPYABLE(vxNetTransportKeyExpander);
@@ -104,11 +107,11 @@ public:
 class VX_API vxNetTransportHmacIV : public vxBase
 {
 public:
-    uint32_t size = 0;
-    vxBytes iv;
-    vxBytes scratch;
-    vxHashId hashId;
-    vxHmacMd hmac;
+    uint32_t size = 0; ///< the bytes of a block the mask covers
+    vxBytes iv;        ///< the current mask
+    vxBytes scratch;   ///< the block being masked
+    vxHashId hashId;   ///< MD5
+    vxHmacMd hmac;     ///< the keyed digest that advances the mask
 
     vxNetTransportHmacIV();
     LVX_NOT_COPYABLE(vxNetTransportHmacIV);
@@ -143,9 +146,9 @@ private:
 class VX_API vxNetTransportAntiCrib : public vxBase
 {
 public:
-    uint32_t top = 0;
-    uint32_t value = 0;
-    vxSequence sequence;
+    uint32_t top = 0;    ///< the largest offset Hide accepts
+    uint32_t value = 0;  ///< the value of the last Find
+    vxSequence sequence; ///< the offsets, seeded alike at both ends
 
     vxNetTransportAntiCrib();
     LVX_NOT_COPYABLE(vxNetTransportAntiCrib);
@@ -173,14 +176,14 @@ public:
 class VX_API vxNetTransportCiphers : public vxBase
 {
 public:
-    bool side = false;
-    uint32_t blockSize = 0;
-    uint32_t keySize = 0;
-    vxNetTransportKeyExpander expander;
-    vxCipher cipherA;
-    vxCipher cipherB;
-    vxNetTransportHmacIV ivA;
-    vxNetTransportHmacIV ivB;
+    bool side = false;                  ///< the flag Open stored
+    uint32_t blockSize = 0;             ///< the cipher's block size in bytes
+    uint32_t keySize = 0;               ///< the cipher's key size in bytes
+    vxNetTransportKeyExpander expander; ///< stretches each derived key to the key size
+    vxCipher cipherA;                   ///< sends at the end opened with false
+    vxCipher cipherB;                   ///< sends at the end opened with true
+    vxNetTransportHmacIV ivA;           ///< the mask of cipher A's direction
+    vxNetTransportHmacIV ivB;           ///< the mask of cipher B's direction
 
     vxNetTransportCiphers();
     LVX_NOT_COPYABLE(vxNetTransportCiphers);
@@ -199,7 +202,9 @@ public:
     vxCipher* GetLocalizedCB(bool sending);
     /** The IV mask of the sending or the receiving direction at this end. */
     vxNetTransportHmacIV* GetLocalizedIV(bool sending);
+    /** The key size into `size`; runs the standard guard. */
     bool GetKeySize(uint32_t& size);
+    /** The block size into `size`; runs the standard guard. */
     bool GetBlockSize(uint32_t& size);
     /** The cipher number, in `id.value`. */
     bool GetCipherID(vxCipherId& id);
@@ -214,17 +219,17 @@ private:
 class VX_API vxNetTransportKeys : public vxBase
 {
 public:
-    vxHashId hashId;
-    vxMd md;
-    vxHmacMd hmac;
-    vxBytes scratch;
-    vxNetTransportKeyExpander expander;
-    vxNetEntangledObj chain;   ///< magicOne and magicTwo: the chain keys of the two directions
-    vxNetEntangledObj entropy; ///< magicOne and magicTwo: entropy pools One and Two
-    vxNetTransportCiphers ciphers;
-    uint32_t blockSize = 0;
-    vxBytes plainBlock;
-    vxBytes cipherBlock;
+    vxHashId hashId;                    ///< MD5
+    vxMd md;                            ///< the MD5 digest of ReSeed and of the pools
+    vxHmacMd hmac;                      ///< the keyed digest of the chain-key ratchet
+    vxBytes scratch;                    ///< working bytes; wiped by ReSeed and Close
+    vxNetTransportKeyExpander expander; ///< stretches the initial key to the key size
+    vxNetEntangledObj chain;       ///< magicOne and magicTwo: the chain keys of the two directions
+    vxNetEntangledObj entropy;     ///< magicOne and magicTwo: entropy pools One and Two
+    vxNetTransportCiphers ciphers; ///< the ciphers and IV masks of both directions
+    uint32_t blockSize = 0;        ///< the cipher's block size in bytes
+    vxBytes plainBlock;            ///< the block being encrypted or decrypted
+    vxBytes cipherBlock;           ///< its result
 
     vxNetTransportKeys();
     LVX_NOT_COPYABLE(vxNetTransportKeys);
@@ -242,6 +247,7 @@ public:
      *  partial block are dropped. Fails with "cb != 0", "HmacIV != 0" or "Boolean return value
      *  failed.". */
     bool Encrypt(const vxBytes& in, vxBytes& out);
+    /** The same with `*in`. */
     bool Encrypt(const vxBytes* in, vxBytes& out);
     /** Decrypts in the receiving direction; as Encrypt. */
     bool Decrypt(const vxBytes& in, vxBytes& out);
@@ -256,6 +262,7 @@ public:
     /** Replaces every key, IV, chain key and pool from the two seeds; both ends must pass them in
      *  the same order. Fails with "( seed0.bytes.size() > 0 )" or "( seed1.bytes.size() > 0 )". */
     bool ReSeed(const vxBytes& seed0, const vxBytes& seed1);
+    /** The ciphers' key size into `size`. */
     bool GetKeySize(uint32_t& size);
     bool Close() override;
 
@@ -274,25 +281,26 @@ private:
 class VX_API vxNetTransportHeader : public vxBase
 {
 public:
-    bool side = false;
-    uint32_t payloadSize = 0;
-    uint32_t sizeWithPadding = 0;
-    vxBytes haystack;
-    vxBytes bodyPadding;
-    vxBytes encryptedHeader;
-    vxRand rand;
-    vxHashId hashId;
-    vxNetByteOrder byteOrder;
-    vxNetTransportAntiCrib inboundCrib;
-    vxNetTransportAntiCrib outboundCrib;
-    vxBytes hMacHead;
-    vxBytes hMacBody;
-    vxHmacMd bodyHmac;
-    vxHmacMd headHmac;
-    vxHmacMd checkHmac;
-    vxBytes tempBytes1;
-    vxBytes tempBytes2;
-    vxBytes tempBytes3;
+    bool side = false;                   ///< the flag Open stored
+    uint32_t payloadSize = 0;            ///< the payload's bytes: given, or found in the haystack
+    uint32_t sizeWithPadding = 0;        ///< payloadSize rounded up to a multiple of 16
+    vxBytes haystack;                    ///< the 16 bytes that hide the length
+    vxBytes bodyPadding;                 ///< the random bytes after the payload
+    vxBytes encryptedHeader;             ///< the 48 bytes to send
+    vxRand rand;                         ///< the source of the padding and the haystacks
+    vxHashId hashId;                     ///< MD5
+    vxNetByteOrder byteOrder;            ///< carries the plain header bytes to the cipher and back
+    vxNetTransportAntiCrib inboundCrib;  ///< finds the length in received haystacks
+    vxNetTransportAntiCrib outboundCrib; ///< hides the length in sent haystacks
+    vxBytes hMacHead;                    ///< the head HMAC
+    vxBytes hMacBody;                    ///< the body HMAC
+    vxHmacMd bodyHmac;                   ///< computes the body HMAC
+    vxHmacMd headHmac;                   ///< computes the head HMAC
+    vxHmacMd checkHmac;                  ///< checks received HMACs
+    vxBytes tempBytes1;                  ///< working bytes
+    vxBytes tempBytes2;                  ///< working bytes
+    vxBytes tempBytes3;                  ///< working bytes
+    /** The header before encryption: head HMAC, haystack and body HMAC, 16 bytes each. */
     unsigned char plainHeader[VX_HEADER_WIRE_SIZE] = {};
 
     vxNetTransportHeader();
@@ -335,9 +343,13 @@ public:
     bool HideSizeNeedle(uint32_t value);
     /** The inbound anti-crib's value into `payloadSize`. */
     bool FindSizeInHaystack();
+    /** A copy of `encryptedHeader`; runs the standard guard. */
     bool GetEncryptedHeader(vxBytes& out);
+    /** A copy of `bodyPadding`; runs the standard guard. */
     bool GetBodyPadding(vxBytes& out);
+    /** `payloadSize` into `size`; runs the standard guard. */
     bool GetPayloadSize(uint32_t& size);
+    /** `sizeWithPadding` into `size`; runs the standard guard. */
     bool GetSizeWithPadding(uint32_t& size);
     bool Close() override;
 

@@ -1,5 +1,6 @@
-// The crypto plug-in interface: the storage record and the signature of every entry point.
-// A plug-in named N exports "vx_init" and, for each entry point E it announces, "N_E".
+/// @file
+/// The crypto plug-in interface: the storage record and the signature of every entry point.
+/// A plug-in named N exports "vx_init" and, for each entry point E it announces, "N_E".
 #pragma once
 
 #include <cstdint>
@@ -15,13 +16,15 @@ class vxPluginProvides;
  *  library owns `isopen` (the plug-in must not touch it); `handle` is the plug-in's own. */
 struct vxPluginStorage
 {
-    bool isopen = false;
-    void* handle = nullptr;
+    bool isopen = false;    ///< the library's: whether the plug-in opened this state
+    void* handle = nullptr; ///< the plug-in's own state
 };
 
+/** The byte vectors passed to and from the plug-in. */
 using vxByteVector = std::vector<unsigned char>;
 
-// Every entry point in registry order: X(name, result, (parameters)).
+/** Every entry point in registry order: X(name, result, (parameters)). The pointer types below
+ *  and the fields of vxReg are generated from it. */
 #define VX_PLUGIN_ENTRY_POINTS(X)                                                                 \
     X(vxPluginMdOpen, bool, (vxPluginStorage * st, uint32_t algorithm))                           \
     X(vxPluginMdInit, bool, (vxPluginStorage * st))                                               \
@@ -66,10 +69,15 @@ using vxByteVector = std::vector<unsigned char>;
     X(vxPluginRandGetBytes, const vxByteVector*, (vxPluginStorage * st))                          \
     X(vxPluginRandGetNumFromZero, uint32_t, (vxPluginStorage * st, int limit))
 
-// vxPluginMdOpen_t and so on: the pointer type of each entry point.
+/** Declares the pointer type of one entry point; defined for the list below only. */
 // NOLINTNEXTLINE(bugprone-macro-parentheses): `params` is a parenthesised parameter list.
 #define VX_PLUGIN_POINTER_TYPE(name, result, params) using name##_t = result(*) params;
+/** @name Entry-point pointer types
+ *  vxPluginMdOpen_t and so on: the pointer type of each entry point. */
+///@{
+/** The pointer type of the entry point whose name is this one's without "_t". */
 VX_PLUGIN_ENTRY_POINTS(VX_PLUGIN_POINTER_TYPE)
+///@}
 #undef VX_PLUGIN_POINTER_TYPE
 
 /** Marks a plug-in's exported entry points: unmangled and visible. */

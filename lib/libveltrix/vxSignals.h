@@ -1,10 +1,13 @@
-// The process-wide signal object and the signal handlers applications may install.
+/// @file
+/// The process-wide signal object and the signal handlers applications may install.
 #pragma once
 
 #include "vxBase.h"
 
 namespace veltrix {
 
+/** The process-wide signal object (vxGlobal.signals), opened by vxMain::InitAndRun. It installs
+ *  no handler itself: the application installs the handlers below as it needs them. */
 class VX_API vxSignals : public vxBase
 {
 public:

@@ -1,5 +1,6 @@
-// Thin wrappers over POSIX threads, mutexes and condition variables. Their operations check only
-// the error latch, not the open state.
+/// @file
+/// Thin wrappers over POSIX threads, mutexes and condition variables. Their operations check only
+/// the error latch, not the open state.
 #pragma once
 
 #include "vxBase.h"
@@ -8,9 +9,11 @@
 
 namespace veltrix {
 
+/** A POSIX mutex. */
 class VX_API vxMutex : public vxBase
 {
 public:
+    /** Statically initialised; Open initialises it again. */
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
     vxMutex();
@@ -19,15 +22,18 @@ public:
 
     /** Initialises the mutex; fails with "Int return value failed. (%d). ". */
     bool Open() override;
+    /** pthread_mutex_lock; fails with "Int return value failed. (%d). " and its result. */
     bool Lock();
+    /** pthread_mutex_unlock; fails as Lock. */
     bool UnLock();
 };
 
+/** A POSIX condition variable and its mutex. */
 class VX_API vxCondition : public vxBase
 {
 public:
-    vxMutex mutex; ///< never opened: statically initialised
-    pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+    vxMutex mutex;                                       ///< never opened: statically initialised
+    pthread_cond_t condition = PTHREAD_COND_INITIALIZER; ///< statically initialised
 
     vxCondition();
     LVX_NOT_COPYABLE(vxCondition);
@@ -50,11 +56,11 @@ private:
 class VX_API vxThread : public vxBase
 {
 public:
-    bool threadCreated = false;
-    pthread_t thread{};
-    pthread_attr_t attributes{};
-    vxMutex mutex;
-    vxCondition condition;
+    bool threadCreated = false;  ///< cleared by Open and never set: SetStackSize always goes on
+    pthread_t thread{};          ///< the thread StartMain started last
+    pthread_attr_t attributes{}; ///< detached; prepared by Open
+    vxMutex mutex;               ///< opened by Open, for the application's use
+    vxCondition condition;       ///< opened by Open, for the application's use
 
     vxThread();
     LVX_NOT_COPYABLE(vxThread);

@@ -1,10 +1,12 @@
-// Time-stamped developer trace on standard error, and messages to the system log.
+/// @file
+/// Time-stamped developer trace on standard error, and messages to the system log.
 #pragma once
 
 #include "vxBase.h"
 
 namespace veltrix {
 
+/** The trace log (vxGlobal.traceLog). Its operations need no Open. */
 class VX_API vxTraceLog : public vxBase
 {
 public:
@@ -21,7 +23,9 @@ public:
     bool SysLog(const std::string& message);
     /** Trace flags are accepted and ignored: every message is written. */
     bool RegisterTraceFlag(const std::string& flag);
+    /** Accepted and ignored; true. */
     bool EnableTraceFlag(const std::string& flag);
+    /** Accepted and ignored; true. */
     bool DisableTraceFlag(const std::string& flag);
 };
 

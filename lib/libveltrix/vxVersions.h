@@ -1,4 +1,5 @@
-// The version table: the application, the library and each loaded plug-in.
+/// @file
+/// The version table: the application, the library and each loaded plug-in.
 #pragma once
 
 #include "vxBase.h"
@@ -7,15 +8,18 @@
 
 namespace veltrix {
 
+/** The application, the libraries and the plug-ins in use, with their versions
+ *  (vxGlobal.versions). The library records itself; the loader records each plug-in. */
 class VX_API vxVersions : public vxBase
 {
 public:
-    std::string appName;
-    std::string appVersion;
-    std::vector<std::pair<std::string, std::string>> libraries;
-    std::vector<std::pair<std::string, std::string>> plugins;
+    std::string appName;                                        ///< set by AddApplication
+    std::string appVersion;                                     ///< set by AddApplication
+    std::vector<std::pair<std::string, std::string>> libraries; ///< (name, version), in order added
+    std::vector<std::pair<std::string, std::string>> plugins;   ///< (name, version), in order added
 
     vxVersions();
+    /** The same as the default constructor: `flag` is not used. */
     explicit vxVersions(bool flag);
     LVX_NOT_COPYABLE(vxVersions);
     ~vxVersions() override;

@@ -1,4 +1,5 @@
-// One select() over a gathered set of descriptors.
+/// @file
+/// One select() over a gathered set of descriptors.
 #pragma once
 
 #include "vxExport.h"
@@ -7,20 +8,23 @@
 
 #include <cstdint>
 
+/** The descriptor-set helper. */
 namespace oxel {
 
 /** Not a library object: no protocol, no trail. Descriptors of 1024 or more are ignored. */
 class VX_API selectSet
 {
 public:
-    fd_set readSet;
-    fd_set writeSet;
-    uint32_t maxFd = 0;
+    fd_set readSet;     ///< descriptors to wait on for reading; after doSelect, the readable ones
+    fd_set writeSet;    ///< descriptors to wait on for writing; after doSelect, the writable ones
+    uint32_t maxFd = 0; ///< the highest descriptor added
     /** Whole seconds for doSelect; 0 waits without a time-out. Survives reset(). */
     uint32_t timeoutSeconds = 0;
 
     selectSet();
+    /** Adds `fd` to the read set. */
     void addFd(uint32_t fd);
+    /** Adds `fd` to the write set. */
     void addWriteFd(uint32_t fd);
     /** Empties both sets and maxFd; keeps timeoutSeconds. */
     void reset();
