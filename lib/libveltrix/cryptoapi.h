@@ -164,8 +164,8 @@ public:
     bool Close() override;
 
 private:
-    bool update(const unsigned char* data, uint32_t size);
-    void appendDigest(std::vector<unsigned char>& out);
+    VX_NO_EXPORT bool update(const unsigned char* data, uint32_t size);
+    VX_NO_EXPORT void appendDigest(std::vector<unsigned char>& out);
 };
 
 /** Writes the hex digest, or "Object protocol error" when it is not available. */
@@ -346,7 +346,7 @@ public:
     bool ReadKeyFromDisk(const std::string& path);
 
 private:
-    std::string exponent(int index);
+    VX_NO_EXPORT std::string exponent(int index);
 };
 
 } // namespace veltrix

@@ -83,7 +83,7 @@ public:
 
 private:
     /** Walks the search path; true with `path` set to the first candidate that exists. */
-    bool findPlugin(const std::string& searchPath);
+    VX_NO_EXPORT bool findPlugin(const std::string& searchPath);
 };
 
 } // namespace veltrix

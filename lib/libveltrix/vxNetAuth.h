@@ -87,11 +87,11 @@ public:
 
 private:
     /** 16 bytes from a fresh random source. */
-    bool randomBlock(vxBytes& out);
+    VX_NO_EXPORT bool randomBlock(vxBytes& out);
     /** HMAC(key `secretDigest`, `data`) into `out`. */
-    bool answer(const vxBytes& data, vxBytes& out);
+    VX_NO_EXPORT bool answer(const vxBytes& data, vxBytes& out);
     /** A 16-byte message into `wireBytes`, then `decrypted`. */
-    bool receiveMessage(vxNetSocket& socket, vxBytes& plain);
+    VX_NO_EXPORT bool receiveMessage(vxNetSocket& socket, vxBytes& plain);
 };
 
 } // namespace veltrix

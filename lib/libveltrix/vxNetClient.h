@@ -54,7 +54,7 @@ public:
 
 private:
     /** socket.Connect, quiet when it timed out. */
-    bool connectSocket();
+    VX_NO_EXPORT bool connectSocket();
 };
 
 } // namespace veltrix

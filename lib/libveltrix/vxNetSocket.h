@@ -134,15 +134,15 @@ public:
     bool GetNodeName(std::string& peerName);
 
 private:
-    bool waitFirstReadiness();
-    bool takeWakeup();
+    VX_NO_EXPORT bool waitFirstReadiness();
+    VX_NO_EXPORT bool takeWakeup();
     /** The descriptor of the first resolved address, kept in `sockFd`. */
-    void newDescriptor();
+    VX_NO_EXPORT void newDescriptor();
     /** The wait of a connect with a time-out. */
-    bool awaitConnect();
+    VX_NO_EXPORT bool awaitConnect();
     /** Closes the descriptor and frees the resolver list. */
-    void release();
-    void releaseDescriptor();
+    VX_NO_EXPORT void release();
+    VX_NO_EXPORT void releaseDescriptor();
 };
 
 /** One socket option (level, name, value bytes) kept to be applied to later descriptors. */

@@ -63,8 +63,8 @@ public:
     bool Display();
 
 private:
-    bool countMessage(vxNetProtocolStatsCounter& messages, vxNetProtocolStatsCounter& bytes,
-                      uint32_t n);
+    VX_NO_EXPORT bool countMessage(vxNetProtocolStatsCounter& messages,
+                                   vxNetProtocolStatsCounter& bytes, uint32_t n);
 };
 
 } // namespace veltrix

@@ -49,8 +49,8 @@ public:
     void Clear();
 
 private:
-    bool setForm(vxBytes& form, const unsigned char* p, size_t len);
-    bool getForm(vxBytes& form, const vxBytes& other, vxBytes& out);
+    VX_NO_EXPORT bool setForm(vxBytes& form, const unsigned char* p, size_t len);
+    VX_NO_EXPORT bool getForm(vxBytes& form, const vxBytes& other, vxBytes& out);
 };
 
 /** A pair of byte strings and a side flag. The end opened with true calls `magicOne` its magic
@@ -134,11 +134,11 @@ public:
 
 private:
     /** scratch = the first `size` bytes of `block` XOR the mask. */
-    bool maskInto(const vxBytes& block);
+    VX_NO_EXPORT bool maskInto(const vxBytes& block);
     /** The keyed digest of the next mask: HMAC(key IV, E || IV). */
-    bool advance(const vxBytes& cipherOutput);
+    VX_NO_EXPORT bool advance(const vxBytes& cipherOutput);
     /** `block` takes scratch's bytes and the mask becomes the digest computed by advance. */
-    bool takeResult(vxBytes& block);
+    VX_NO_EXPORT bool takeResult(vxBytes& block);
 };
 
 /** Hides a 32-bit value, most significant byte first, at an offset of 0 to 12 inside a 16-byte
@@ -211,7 +211,7 @@ public:
     bool Close() override;
 
 private:
-    bool deriveSplitPair(const vxBytes& material, vxBytes& first, vxBytes& second);
+    VX_NO_EXPORT bool deriveSplitPair(const vxBytes& material, vxBytes& first, vxBytes& second);
 };
 
 /** The key state of one connection: ciphers with chained block encryption, the pair of HMAC
@@ -269,9 +269,9 @@ public:
 private:
     /** The block loop of both directions: sending, E = cipher(P) and then the mask; receiving,
      *  the mask removed and then the cipher inverted. */
-    bool cryptBlocks(const vxBytes& in, vxBytes& out, bool sending);
-    bool ratchet(vxBytes& chainKey, const vxBytes& data);
-    bool foldEntropy(vxBytes& pool, const vxBytes& data);
+    VX_NO_EXPORT bool cryptBlocks(const vxBytes& in, vxBytes& out, bool sending);
+    VX_NO_EXPORT bool ratchet(vxBytes& chainKey, const vxBytes& data);
+    VX_NO_EXPORT bool foldEntropy(vxBytes& pool, const vxBytes& data);
 };
 
 /** Builds and reads the 48-byte encrypted header of a packet: HMAC of the haystack under the
@@ -354,8 +354,8 @@ public:
     bool Close() override;
 
 private:
-    bool validate(const vxBytes& key, const vxBytes& message, const vxBytes& expected,
-                  const char* text);
+    VX_NO_EXPORT bool validate(const vxBytes& key, const vxBytes& message, const vxBytes& expected,
+                               const char* text);
 };
 
 } // namespace veltrix

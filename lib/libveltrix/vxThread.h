@@ -49,7 +49,7 @@ public:
     bool WakeupAll();
 
 private:
-    bool wakeup(int (*signalFunction)(pthread_cond_t*));
+    VX_NO_EXPORT bool wakeup(int (*signalFunction)(pthread_cond_t*));
 };
 
 /** A detached thread. Close neither stops the thread nor closes the members. */

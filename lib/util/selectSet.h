@@ -34,7 +34,7 @@ public:
     int doSelect();
 
 private:
-    void add(fd_set& set, uint32_t fd);
+    VX_NO_EXPORT void add(fd_set& set, uint32_t fd);
 };
 
 } // namespace oxel

@@ -86,8 +86,9 @@ public:
     void Display(std::ostream& out);
 
 private:
-    void displayRule(std::ostream& out) const;
-    void displayLine(std::ostream& out, const std::vector<const std::string*>& texts) const;
+    VX_NO_EXPORT void displayRule(std::ostream& out) const;
+    VX_NO_EXPORT void displayLine(std::ostream& out,
+                                  const std::vector<const std::string*>& texts) const;
 };
 
 } // namespace libuiTable
