@@ -252,6 +252,31 @@ TEST_F(tunnelTest, SigtermStopsItAfterItsConnectionsFinish)
     EXPECT_NE(serverTunnel->errorText().find("stopped"), std::string::npos);
 }
 
+TEST_F(tunnelTest, AServerTunnelTakesItsOptionsFromAFileAndTheCommandLineFirst)
+{
+    // The service unit's form: every option from the file, the secret's path on the command line.
+    const int port = freePort();
+    const std::string config = dir.file("web.conf");
+    writeFile(config, "# a server tunnel\n[tunnel]\nserver = true\naccept = \"" +
+                          address(freePort()) + "\"\nconnect = \"" + address(service.port) +
+                          "\"\npsk-file = \"" + dir.file("absent") + "\"\n");
+    backgroundRun fromFile({veltrixPath(), "tunnel", "--config", config, "--foreground", "--accept",
+                            address(port), "--psk-file", psk});
+    ASSERT_TRUE(fromFile.waitForError("server tunnel listening on " + address(port), 30))
+        << fromFile.errorText();
+    const runResult run = runVeltrix({"cat", address(port), "--psk-file", psk}, "configured", 60);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "configured");
+}
+
+TEST(tunnelStart, RefusesAMissingConfigFile)
+{
+    const runResult run = runVeltrix({"tunnel", "--config", "/nonexistent/web.conf"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(lineCount(run.err), 1U) << run.err;
+    EXPECT_NE(run.err.find("/nonexistent/web.conf"), std::string::npos) << run.err;
+}
+
 TEST(tunnelStart, RefusesASecretFileOpenToOthers)
 {
     const scratchDir dir;

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -135,6 +137,70 @@ TEST(usageTest, AMissingPluginIsOneLineAndTheTrailOnlyWithVerbose)
     EXPECT_EQ(verbose.status, 1);
     EXPECT_GT(lineCount(verbose.err), 3U);
     EXPECT_NE(verbose.err.find("Message Hints"), std::string::npos) << verbose.err;
+}
+
+/** The long options a help text lists: the first word of each option line ("-a,--algorithm",
+ *  "--psk-file"), split at its commas. */
+std::vector<std::string> longOptions(const std::string& help)
+{
+    std::vector<std::string> options;
+    std::istringstream lines(help);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t start = line.find_first_not_of(' ');
+        if (start == std::string::npos || line[start] != '-') {
+            continue;
+        }
+        std::istringstream names(line.substr(start, line.find(' ', start) - start));
+        for (std::string name; std::getline(names, name, ',');) {
+            if (name.rfind("--", 0) == 0) {
+                options.push_back(name);
+            }
+        }
+    }
+    return options;
+}
+
+/** Whether `page` names `option` whole: "--connect-timeout" does not name "--connect". */
+bool namesOption(const std::string& page, const std::string& option)
+{
+    for (size_t at = page.find(option); at != std::string::npos; at = page.find(option, at + 1)) {
+        const size_t end = at + option.size();
+        if (end == page.size() ||
+            (std::isalnum(static_cast<unsigned char>(page[end])) == 0 && page[end] != '-')) {
+            return true;
+        }
+    }
+    return false;
+}
+
+TEST(usageTest, TheManualPageHasEveryOptionThatHelpLists)
+{
+    std::string page = readFile(VX_MAN_PAGE);
+    ASSERT_FALSE(page.empty()) << VX_MAN_PAGE;
+    for (size_t at = 0; (at = page.find("\\-", at)) != std::string::npos;) {
+        page.erase(at, 1); // roff writes a minus as "\-"
+    }
+    const char* const commands[] = {"",         "help",         "tunnel",          "cat",
+                                    "key",      "key generate", "key fingerprint", "key public",
+                                    "key sign", "key verify",   "key export-pem",  "digest",
+                                    "bench"};
+    for (const char* command : commands) {
+        std::istringstream words(command);
+        std::vector<std::string> args;
+        for (std::string word; words >> word;) {
+            args.push_back(word);
+        }
+        args.emplace_back("--help");
+        const runResult help = runVeltrix(args);
+        const std::string label = testing::PrintToString(args);
+        EXPECT_EQ(help.status, 0) << label;
+        const std::vector<std::string> options = longOptions(help.out);
+        EXPECT_FALSE(options.empty()) << label << "\n" << help.out;
+        for (const std::string& option : options) {
+            EXPECT_TRUE(namesOption(page, option))
+                << label << ": " << option << " is not in " << VX_MAN_PAGE;
+        }
+    }
 }
 
 } // namespace
