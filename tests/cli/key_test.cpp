@@ -203,7 +203,9 @@ TEST_F(keyTest, exportedPemIsTheCanonicalEncodingOfTheModulus)
 TEST_F(keyTest, largeKeyTakesItsFingerprintFromSha512)
 {
     const std::string key = file("large");
-    const runResult made = runVeltrix({"key", "generate", "--bits", "4096", key});
+    // Finding 2048-bit primes takes a random while: seconds here, up to a minute or more under
+    // emulation on a busy machine.
+    const runResult made = runVeltrix({"key", "generate", "--bits", "4096", key}, "", 240);
     ASSERT_EQ(made.status, 0) << made.err;
     EXPECT_EQ(made.out, expectedFingerprint(key, "sha512sum"));
     const runResult pem = runVeltrix({"key", "export-pem", "-k", key});
