@@ -89,18 +89,6 @@ private:
     struct sigaction previous = {};
 };
 
-/** A connect that returned true may still have failed (a refused connection shows only in the
- *  socket's pending error). */
-void checkConnected(int fd, const endpoint& where)
-{
-    int error = 0;
-    socklen_t length = sizeof error;
-    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
-        errno = error;
-        throw failure("cannot connect to " + where.text() + ": " + errnoText());
-    }
-}
-
 void connectSocket(vxNetSocket& socket, const endpoint& where, unsigned seconds)
 {
     const std::string what = "cannot connect to " + where.text();
@@ -115,6 +103,36 @@ void connectSocket(vxNetSocket& socket, const endpoint& where, unsigned seconds)
 }
 
 } // namespace
+
+void checkConnected(int fd, const endpoint& where)
+{
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+        errno = error != 0 ? error : errno;
+        throw failure("cannot connect to " + where.text() + ": " + errnoText());
+    }
+}
+
+socklen_t socketAddress(const endpoint& where, sockaddr_storage& address)
+{
+    address = {};
+    const auto port = static_cast<uint16_t>(std::stoul(where.port));
+    auto& six = reinterpret_cast<sockaddr_in6&>(address);
+    if (inet_pton(AF_INET6, where.address.c_str(), &six.sin6_addr) == 1) {
+        six.sin6_family = AF_INET6;
+        six.sin6_port = htons(port);
+        return sizeof six;
+    }
+    auto& four = reinterpret_cast<sockaddr_in&>(address);
+    if (inet_pton(AF_INET, where.address.c_str(), &four.sin_addr) != 1) {
+        throw failure("\"" + where.text() +
+                      "\": the address must be a numeric IPv4 or IPv6 address");
+    }
+    four.sin_family = AF_INET;
+    four.sin_port = htons(port);
+    return sizeof four;
+}
 
 std::string endpoint::text() const
 {

@@ -9,11 +9,11 @@
 #include "vxNetServer.h"
 #include "vxNetSocket.h"
 
+#include <sys/socket.h>
+
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
-
-struct sockaddr_storage;
 
 namespace vxcli {
 
@@ -67,6 +67,13 @@ std::string addressText(const sockaddr_storage& peer);
 
 /** The peer of a connected descriptor as "ADDR:PORT". */
 std::string peerText(int fd);
+
+/** Throws failure naming `where` when the connect on `fd` failed (a refused connection shows
+ *  only in the socket's pending error). */
+void checkConnected(int fd, const endpoint& where);
+
+/** `where` as a socket address; its length. */
+socklen_t socketAddress(const endpoint& where, sockaddr_storage& address);
 
 /** A plain TCP connection to `where`, waiting at most `seconds`; throws failure naming it. */
 void connectPlain(cliFrame& frame, veltrix::vxNetSocket& socket, const endpoint& where,

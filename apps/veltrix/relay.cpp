@@ -1,13 +1,15 @@
-// The relay of one connection: the stream protocol over a local socket pair, and bare payloads.
+// The relay of one connection: the stream protocol driven by an event loop, and bare payloads.
 #include "relay.h"
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <vector>
@@ -18,103 +20,19 @@ using namespace veltrix;
 
 namespace {
 
-using steadyClock = std::chrono::steady_clock;
-
-enum cellKind : unsigned char
-{
-    cellData = 0,
-    cellEnd = 1
-};
-
-/** Bytes of one cell on the wire: the packet header and the cell (a multiple of 16, unpadded). */
-constexpr size_t kCellWire = VX_HEADER_WIRE_SIZE + kCellSize;
 /** A queue stops taking bytes from its source above this; the source is read again below it. */
-constexpr size_t kQueueHigh = size_t{256} * 1024;
-/** Plain input read at once: a whole number of cells. */
-constexpr size_t kReadChunk = 16 * kCellData;
+constexpr size_t kQueueHigh = size_t{128} * 1024;
+/** Plain input read at once: a 1-block cell, then four full cells. */
+constexpr size_t kReadChunk = stream::kBlock - stream::kCellHeader + 4 * stream::kMaxData;
 /** How long the end that waits for the disconnect command gives the peer after both
  *  directions ended, and how long the last bytes may take to leave. */
-constexpr int kClosingMillis = 10000;
+constexpr auto kClosing = std::chrono::seconds(10);
 constexpr int kTickMillis = 250;
 
-/** Bytes in order: appended at the back, consumed from the front. */
-class byteQueue
-{
-public:
-    [[nodiscard]] size_t size() const { return data.size() - head; }
-
-    [[nodiscard]] bool empty() const { return size() == 0; }
-
-    [[nodiscard]] const char* front() const { return data.data() + head; }
-
-    void append(const void* bytes, size_t count)
-    {
-        data.append(static_cast<const char*>(bytes), count);
-    }
-
-    void consume(size_t count)
-    {
-        head += count;
-        if (head == data.size()) {
-            data.clear();
-            head = 0;
-        } else if (head >= kQueueHigh) {
-            data.erase(0, head); // keep the consumed prefix from growing without end
-            head = 0;
-        }
-    }
-
-private:
-    std::string data;
-    size_t head = 0;
-};
-
-void setNonBlocking(int fd)
-{
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
-        throw failure("cannot make a descriptor non-blocking: " + errnoText());
-    }
-}
-
-bool wouldBlock()
-{
-    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-}
-
-/** Writes what `fd` takes now from the front of `queue`; false with errno on a real error. */
-bool writeSome(int fd, bool isSocket, byteQueue& queue)
-{
-    while (!queue.empty()) {
-        const ssize_t sent = isSocket ? send(fd, queue.front(), queue.size(), MSG_NOSIGNAL)
-                                      : write(fd, queue.front(), queue.size());
-        if (sent < 0) {
-            return wouldBlock();
-        }
-        queue.consume(static_cast<size_t>(sent));
-    }
-    return true;
-}
-
-/** Reads what `fd` has now, up to `limit` bytes, into `queue`: the count, 0 at the end of the
- *  stream, -1 with errno on a real error; -2 when nothing is there yet. */
-ssize_t readSome(int fd, byteQueue& queue, size_t limit)
-{
-    static char chunk[kReadChunk]; // the program relays one connection per process
-    const ssize_t got = read(fd, chunk, std::min(limit, sizeof chunk));
-    if (got > 0) {
-        queue.append(chunk, static_cast<size_t>(got));
-    }
-    return got < 0 && wouldBlock() ? -2 : got;
-}
-
-/** Makes the close of a socket reset it instead of ending it in order: its application sees an
- *  error, not a clean end of stream, and so never mistakes a truncated stream for a whole one. */
-void resetOnClose(int fd)
-{
-    const linger abort{1, 0};
-    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-}
+/** Plain input and network bytes of the one relay that reads at a time (each process has one
+ *  thread). */
+unsigned char readBuffer[kReadChunk];
+unsigned char netBuffer[size_t{64} * 1024];
 
 /** Ends an output that is not a socket (standard output): its reader sees the end of the stream.
  *  The descriptor then refers to /dev/null, so that no file opened later takes its number. */
@@ -128,6 +46,513 @@ void endOutput(int fd)
         (void)close(null);
     }
 }
+
+/** Whether a descriptor's reads and writes may be made non-blocking without changing how anyone
+ *  else sees it: pipes and sockets (a terminal's flags are shared with the shell). */
+bool nonBlockingSafe(int fd)
+{
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+}
+
+} // namespace
+
+void resetOnClose(int fd)
+{
+    const linger abort{1, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+}
+
+packetPipe::packetPipe(int& librarySide)
+{
+    int pair[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) {
+        throw failure("cannot set up the relay: " + errnoText());
+    }
+    librarySide = pair[0];
+    outer = pair[1];
+}
+
+packetPipe::packetPipe(int& librarySide, int& moved)
+{
+    int pair[2] = {-1, -1};
+    moved = fcntl(librarySide, F_DUPFD_CLOEXEC, 0);
+    if (moved < 0 ||
+        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0 ||
+        dup2(pair[0], librarySide) < 0) {
+        throw failure("cannot set up the relay: " + errnoText());
+    }
+    (void)close(pair[0]);
+    outer = pair[1];
+}
+
+packetPipe::~packetPipe()
+{
+    (void)close(outer);
+}
+
+void packetPipe::drain(byteQueue& out) const
+{
+    if (drainInto(outer, out) == ioResult::failed) {
+        throw failure("the relay's socket pair failed: " + errnoText());
+    }
+}
+
+void packetPipe::drain(byteQueue& out, size_t count) const
+{
+    // The library's send has completed, so all of it is there: one read takes it.
+    unsigned char packet[stream::wireSize(stream::kMaxBlocks)];
+    size_t got = 0;
+    if (count > sizeof packet || readInto(outer, packet, count, got) != ioResult::progress ||
+        got != count) {
+        throw failure("the relay's socket pair failed: " + errnoText());
+    }
+    out.append(packet, got);
+}
+
+void packetPipe::feed(const unsigned char* bytes, size_t count) const
+{
+    // The pair is empty and holds far more than a packet, so the write is whole or failed.
+    if (write(outer, bytes, count) != static_cast<ssize_t>(count)) {
+        throw failure("the relay's socket pair failed: " + errnoText());
+    }
+}
+
+void packetPipe::endFeed() const
+{
+    (void)shutdown(outer, SHUT_WR);
+}
+
+streamRelay::streamRelay(eventLoop& owner, vxNetEncryptedSocket& keyed, const packetPipe& packets,
+                         int network, const plainSide& plainEnd, bool isInitiator,
+                         const relayLimits& chosen)
+    : loop(owner), channel(keyed), pipe(packets), net(network), plain(plainEnd),
+      initiator(isInitiator), limits(chosen)
+{}
+
+streamRelay::~streamRelay()
+{
+    loop.forget(net);
+    loop.forget(plain.input);
+    loop.forget(plain.output);
+}
+
+void streamRelay::start(pollTarget& network, pollTarget& plainIn, pollTarget& plainOut)
+{
+    targets[static_cast<int>(role::network)] = &network;
+    targets[static_cast<int>(role::plainIn)] = &plainIn;
+    targets[static_cast<int>(role::plainOut)] = &plainOut;
+    lastTraffic = steadyClock::now();
+    advance();
+}
+
+void streamRelay::ready(role which, uint32_t events)
+{
+    // A hang-up or an error shows up as the read or write that fails.
+    if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
+        (which == role::network ? netReadable : plainReadable) = true;
+    }
+    advance();
+}
+
+void streamRelay::advance()
+{
+    if (state == phase::finished) {
+        return;
+    }
+    flushNet();
+    readNet();
+    flushPlain();
+    readPlain();
+    finishIfDone();
+    updateInterest();
+}
+
+void streamRelay::readPlain()
+{
+    if (out.sentEnd || state != phase::relaying) {
+        return;
+    }
+    while (plainReadable && out.toNet.size() < kQueueHigh) {
+        size_t got = 0;
+        const ioResult result = readInto(plain.input, readBuffer, sizeof readBuffer, got);
+        // A short read took everything there was: the loop reports the next bytes.
+        plainReadable = result == ioResult::progress && got == sizeof readBuffer;
+        if (result == ioResult::blocked) {
+            return;
+        }
+        if (result == ioResult::failed) {
+            throw failure("reading from " + plain.inputName + " failed: " + errnoText());
+        }
+        if (result == ioResult::ended) {
+            out.cells.end(cell.bytes);
+            sendCell();
+            out.sentEnd = true;
+            flushNet();
+            return;
+        }
+        moved.toPeer += got;
+        sendData(readBuffer, got);
+        flushNet();
+    }
+}
+
+void streamRelay::sendData(const unsigned char* data, size_t count)
+{
+    while (count > 0) {
+        const size_t take = out.cells.take(count);
+        out.cells.data(data, take, count - take, cell.bytes);
+        sendCell();
+        data += take;
+        count -= take;
+    }
+}
+
+void streamRelay::sendCell()
+{
+    require(channel.SendEncrypted(cell), "sending to the peer failed");
+    pipe.drain(out.toNet,
+               stream::wireSize(stream::blocksFor(cell.bytes.size() - stream::kCellHeader)));
+}
+
+void streamRelay::flushNet()
+{
+    const ioResult result = writeFrom(net, true, out.toNet);
+    if (result == ioResult::failed) {
+        throw failure("the peer closed the connection before the end of the stream (" +
+                      errnoText() + ")");
+    }
+    if (result == ioResult::progress) {
+        lastTraffic = steadyClock::now();
+    }
+}
+
+bool streamRelay::expectsMore() const
+{
+    // The end that connected expects nothing after the peer's end; the other, the disconnect.
+    return !in.netEnded && !in.disconnected && state != phase::finished &&
+           !(in.cells.ended() && initiator);
+}
+
+bool streamRelay::wantsNet() const
+{
+    return expectsMore() && in.toPlain.size() < kQueueHigh;
+}
+
+void streamRelay::readNet()
+{
+    while (wantsNet() && netReadable) {
+        if (!in.packet.empty()) {
+            completePacket();
+            continue;
+        }
+        // Whole packets are handed on straight from the read; only the start of one that is
+        // still arriving is kept with the connection.
+        size_t got = 0;
+        const ioResult result = readInto(net, netBuffer, sizeof netBuffer, got);
+        netReadable = result == ioResult::progress && got == sizeof netBuffer;
+        if (result == ioResult::blocked) {
+            return;
+        }
+        if (result != ioResult::progress) {
+            netEnded();
+            return;
+        }
+        lastTraffic = steadyClock::now();
+        const unsigned char* next = netBuffer;
+        while (got > 0 && got >= in.cells.packetSize()) {
+            if (!expectsMore()) {
+                throw failure("the peer broke the stream protocol: it sent more after the end "
+                              "of its stream");
+            }
+            const size_t size = in.cells.packetSize();
+            deliver(next, size);
+            next += size;
+            got -= size;
+        }
+        if (got > 0) {
+            if (!expectsMore()) {
+                throw failure("the peer broke the stream protocol: it sent more after the end "
+                              "of its stream");
+            }
+            in.packet.assign(next, next + got);
+            partialSince = lastTraffic;
+        }
+    }
+}
+
+void streamRelay::completePacket()
+{
+    const size_t size = in.cells.packetSize();
+    const size_t have = in.packet.size();
+    in.packet.resize(size);
+    size_t got = 0;
+    const ioResult result = readInto(net, in.packet.data() + have, size - have, got);
+    in.packet.resize(have + got);
+    netReadable = result == ioResult::progress && have + got == size;
+    if (result == ioResult::blocked) {
+        return;
+    }
+    if (result != ioResult::progress) {
+        netEnded();
+        return;
+    }
+    lastTraffic = steadyClock::now();
+    if (in.packet.size() == size) {
+        deliver(in.packet.data(), size);
+        std::vector<unsigned char>().swap(in.packet); // an idle connection holds nothing
+    }
+}
+
+void streamRelay::deliver(const unsigned char* packet, size_t size)
+{
+    partialSince = steadyClock::time_point::max();
+    pipe.feed(packet, size);
+    if (size == VX_HEADER_WIRE_SIZE) {
+        // The receiver reads 16 bytes after a command header; the end of the pair's stream
+        // answers that read at once. Nothing may follow the disconnect command anyway.
+        pipe.endFeed();
+    }
+    receive();
+}
+
+void streamRelay::receive()
+{
+    // Some true results leave the payload as it was (a command): emptied first, it cannot pass
+    // for the previous cell a second time.
+    received.bytes.clear();
+    if (!channel.RecvEncrypted(received)) {
+        // A header that declares more body than was announced finds the pair short: the library
+        // fails at once, and the declared size says why.
+        const uint32_t declared = channel.header.sizeWithPadding;
+        if ((declared >> 16U) != 0xC0DEU) {
+            in.cells.checkSize(declared);
+        }
+        require(false, "receiving from the peer failed");
+    }
+    if (channel.socket->doDisconnect) {
+        if (!out.sentEnd || !in.cells.ended() || initiator) {
+            throw failure("the peer disconnected before the end of the stream");
+        }
+        in.disconnected = true;
+        return;
+    }
+    in.cells.checkSize(channel.header.sizeWithPadding);
+    const size_t count = in.cells.take(received.bytes);
+    in.toPlain.append(received.bytes.data() + stream::kCellHeader, count);
+    moved.fromPeer += count;
+}
+
+void streamRelay::netEnded()
+{
+    in.netEnded = true;
+    if (!in.packet.empty() || !in.cells.ended()) {
+        throw failure("the peer closed the connection before the end of the stream");
+    }
+    if (!initiator) {
+        throw failure("the peer closed without the disconnect command");
+    }
+}
+
+void streamRelay::flushPlain()
+{
+    const ioResult result = writeFrom(plain.output, plain.isSocket, in.toPlain);
+    if (result == ioResult::failed) {
+        throw failure("writing to " + plain.outputName + " failed: " + errnoText());
+    }
+    if (in.cells.ended() && in.toPlain.empty() && !in.outputShut) {
+        if (plain.isSocket) {
+            (void)shutdown(plain.output, SHUT_WR);
+        } else {
+            loop.forget(plain.output);
+            endOutput(plain.output);
+        }
+        in.outputShut = true;
+    }
+}
+
+void streamRelay::finishIfDone()
+{
+    const bool bothEnded = out.sentEnd && in.outputShut;
+    if (state == phase::relaying && bothEnded) {
+        state = phase::closing;
+        closingSince = steadyClock::now();
+        if (initiator) {
+            require(channel.SendClientDisconnect(), "sending the disconnect command failed");
+            pipe.drain(out.toNet);
+            flushNet();
+        }
+    }
+    if (state == phase::closing && out.toNet.empty() && (initiator || in.disconnected)) {
+        state = phase::finished;
+    }
+}
+
+void streamRelay::updateInterest()
+{
+    if (state == phase::finished) {
+        loop.forget(net);
+        loop.forget(plain.input);
+        loop.forget(plain.output);
+        return;
+    }
+    const bool reading = wantsNet();
+    const bool stillReading = reading || in.netEnded || in.disconnected;
+    if (held && stillReading) {
+        // The peer gets its full limits again from the moment the relay reads again.
+        lastTraffic = steadyClock::now();
+        if (!in.packet.empty()) {
+            partialSince = lastTraffic;
+        }
+    }
+    held = !stillReading;
+    const uint32_t netEvents = (reading ? EPOLLIN : 0U) | (out.toNet.empty() ? 0U : EPOLLOUT);
+    loop.want(net, *targets[static_cast<int>(role::network)], netEvents);
+    const bool takeInput =
+        !out.sentEnd && state == phase::relaying && out.toNet.size() < kQueueHigh;
+    const uint32_t inEvents = takeInput ? EPOLLIN : 0U;
+    const uint32_t outEvents = in.toPlain.empty() || in.outputShut ? 0U : EPOLLOUT;
+    if (plain.input == plain.output) {
+        loop.want(plain.input, *targets[static_cast<int>(role::plainIn)], inEvents | outEvents);
+        return;
+    }
+    if (!out.sentEnd) {
+        loop.want(plain.input, *targets[static_cast<int>(role::plainIn)], inEvents);
+    } else {
+        loop.forget(plain.input);
+    }
+    if (!in.outputShut) {
+        loop.want(plain.output, *targets[static_cast<int>(role::plainOut)], outEvents);
+    }
+}
+
+steadyClock::time_point streamRelay::deadline() const
+{
+    auto soonest = steadyClock::time_point::max();
+    if (state == phase::closing) {
+        soonest = closingSince + kClosing;
+    }
+    if (held || state == phase::finished) {
+        return soonest;
+    }
+    if (limits.receive > 0 && partialSince != steadyClock::time_point::max()) {
+        soonest = std::min(soonest, partialSince + std::chrono::seconds(limits.receive));
+    }
+    if (limits.idle > 0) {
+        soonest = std::min(soonest, lastTraffic + std::chrono::seconds(limits.idle));
+    }
+    return soonest;
+}
+
+void streamRelay::checkLimits(steadyClock::time_point now) const
+{
+    if (state == phase::closing && now >= closingSince + kClosing) {
+        throw failure(initiator ? "the peer did not take the last bytes"
+                                : "the peer did not send the disconnect command after both "
+                                  "streams ended");
+    }
+    if (held || state == phase::finished) {
+        return;
+    }
+    if (limits.receive > 0 && partialSince != steadyClock::time_point::max() &&
+        now >= partialSince + std::chrono::seconds(limits.receive)) {
+        throw failure("the peer sent part of a packet and nothing more for " +
+                      std::to_string(limits.receive) + " s");
+    }
+    if (limits.idle > 0 && now >= lastTraffic + std::chrono::seconds(limits.idle)) {
+        throw failure("the connection was idle for " + std::to_string(limits.idle) + " s");
+    }
+}
+
+void streamRelay::abort() const
+{
+    if (plain.isSocket) {
+        resetOnClose(plain.output);
+    }
+    resetOnClose(net);
+}
+
+namespace {
+
+/** Sends every readiness report of one descriptor to the relay. */
+class relayTarget : public pollTarget
+{
+public:
+    relayTarget(streamRelay& owner, streamRelay::role which) : relay(owner), role(which) {}
+
+    void ready(uint32_t events) override { relay.ready(role, events); }
+
+private:
+    streamRelay& relay;
+    streamRelay::role role;
+};
+
+/** Restores a descriptor's flags when it goes: standard input and output outlive the relay. */
+class savedFlags
+{
+public:
+    explicit savedFlags(int descriptor) : fd(descriptor), flags(fcntl(fd, F_GETFL)) {}
+
+    LVX_NOT_COPYABLE(savedFlags);
+
+    ~savedFlags()
+    {
+        if (flags >= 0) {
+            (void)fcntl(fd, F_SETFL, flags);
+        }
+    }
+
+private:
+    int fd;
+    int flags;
+};
+
+} // namespace
+
+void relayStream(vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
+                 const relayLimits& limits, const relayTick& tick, relayCounters* counters)
+{
+    int net = -1;
+    const packetPipe pipe(channel.socket->sockFd, net);
+    const savedFlags inputFlags(plain.input);
+    const savedFlags outputFlags(plain.output);
+    for (const int fd : {net, plain.input, plain.output}) {
+        if (fd == net || nonBlockingSafe(fd)) {
+            setNonBlocking(fd);
+        }
+    }
+    eventLoop loop;
+    streamRelay relay(loop, channel, pipe, net, plain, initiator, limits);
+    relayTarget network(relay, streamRelay::role::network);
+    relayTarget input(relay, streamRelay::role::plainIn);
+    relayTarget output(relay, streamRelay::role::plainOut);
+    auto nextTick = steadyClock::now() + std::chrono::milliseconds(kTickMillis);
+    try {
+        relay.start(network, input, output);
+        while (!relay.done()) {
+            const auto wake = tick ? std::min(nextTick, relay.deadline()) : relay.deadline();
+            loop.runOnce(millisUntil(wake));
+            relay.checkLimits(steadyClock::now());
+            if (tick && steadyClock::now() >= nextTick) {
+                tick(relay.counters(), false);
+                nextTick = steadyClock::now() + std::chrono::milliseconds(kTickMillis);
+            }
+        }
+    } catch (const failure&) {
+        relay.abort();
+        (void)close(net);
+        throw;
+    }
+    (void)close(net);
+    if (tick) {
+        tick(relay.counters(), true);
+    }
+    if (counters != nullptr) {
+        *counters = relay.counters();
+    }
+}
+
+namespace {
 
 /** The poll set of one wait: one entry per descriptor, events merged. */
 class pollSet
@@ -198,400 +623,49 @@ int sooner(int first, int second)
     return std::min(first, second);
 }
 
-/** The limits on the peer: the rest of a packet once its first byte arrived, and a connection
- *  on which nothing moves either way. */
-class peerTimer
+/** The idle limit of the raw relay: a connection on which nothing moves either way. */
+class idleTimer
 {
 public:
-    explicit peerTimer(const relayLimits& chosen) : limits(chosen) {}
+    explicit idleTimer(unsigned chosen) : seconds(chosen) {}
 
-    /** Bytes came from the peer; `packetBegun` when the first byte of a packet still
-     *  incomplete was among them. */
-    void received(bool packetBegun)
+    void traffic() { last = steadyClock::now(); }
+
+    /** Throws failure once the limit passed. */
+    void check() const
     {
-        lastTraffic = steadyClock::now();
-        if (packetBegun) {
-            packetSince = lastTraffic;
+        if (seconds > 0 && steadyClock::now() - last >= std::chrono::seconds(seconds)) {
+            throw failure("the connection was idle for " + std::to_string(seconds) + " s");
         }
     }
 
-    void sent() { lastTraffic = steadyClock::now(); }
-
-    /** While the relay does not read from the peer, the rest of a packet may be waiting in the
-     *  kernel: its time starts once the relay reads again. */
-    void holdPacket() { packetSince = steadyClock::now(); }
-
-    /** Throws failure once a limit passed; `partial` says the peer sent part of a packet. */
-    void check(bool partial) const
+    /** Milliseconds a wait may last before the limit passes; -1 without one. */
+    [[nodiscard]] int budget() const
     {
-        const auto now = steadyClock::now();
-        if (partial && passed(limits.receive, packetSince, now)) {
-            throw failure("the peer sent part of a packet and nothing more for " +
-                          std::to_string(limits.receive) + " s");
-        }
-        if (passed(limits.idle, lastTraffic, now)) {
-            throw failure("the connection was idle for " + std::to_string(limits.idle) + " s");
-        }
-    }
-
-    /** Milliseconds a wait may last before a limit passes; -1 without one. */
-    [[nodiscard]] int budget(bool partial) const
-    {
-        const auto now = steadyClock::now();
-        return sooner(partial ? left(limits.receive, packetSince, now) : -1,
-                      left(limits.idle, lastTraffic, now));
+        return seconds > 0 ? millisUntil(last + std::chrono::seconds(seconds)) : -1;
     }
 
 private:
-    static bool passed(unsigned seconds, steadyClock::time_point since, steadyClock::time_point now)
-    {
-        return seconds > 0 && now - since >= std::chrono::seconds(seconds);
-    }
-
-    /** Rounded up, so that the wait ends after the limit passed, not just before. */
-    static int left(unsigned seconds, steadyClock::time_point since, steadyClock::time_point now)
-    {
-        if (seconds == 0) {
-            return -1;
-        }
-        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(
-            since + std::chrono::seconds(seconds) - now);
-        return static_cast<int>(std::max<std::chrono::milliseconds::rep>(rest.count(), 0));
-    }
-
-    const relayLimits& limits;
-    steadyClock::time_point packetSince = steadyClock::now();
-    steadyClock::time_point lastTraffic = steadyClock::now();
+    unsigned seconds;
+    steadyClock::time_point last = steadyClock::now();
 };
 
-class streamRelay
+/** Writes all of `count` bytes to a blocking output. */
+void writeAll(const plainSide& plain, const unsigned char* data, size_t count)
 {
-public:
-    streamRelay(vxNetEncryptedSocket& encrypted, const plainSide& plainEnd, bool isInitiator,
-                const relayLimits& limits, const relayTick& tick)
-        : channel(encrypted), plain(plainEnd), initiator(isInitiator), clock(tick), timer(limits)
-    {
-        attachPair();
-        cell.bytes.reserve(kCellSize);
-    }
-
-    LVX_NOT_COPYABLE(streamRelay);
-
-    ~streamRelay()
-    {
-        (void)close(outer);
-        (void)close(net);
-    }
-
-    void run()
-    {
-        try {
-            runToEnd();
-        } catch (const failure&) {
-            if (plain.isSocket) {
-                resetOnClose(plain.output);
-            }
-            resetOnClose(net);
-            throw;
+    while (count > 0) {
+        const ssize_t sent = plain.isSocket ? send(plain.output, data, count, MSG_NOSIGNAL)
+                                            : write(plain.output, data, count);
+        if (sent < 0 && errno == EINTR) {
+            continue;
         }
-        clock.maybe(counters, true);
-    }
-
-private:
-    /** The library's socket keeps its descriptor number, which from now on is one end of a
-     *  local socket pair; the TCP connection moves to a descriptor of the relay's own. */
-    void attachPair()
-    {
-        int pair[2] = {-1, -1};
-        const int librarySide = channel.socket->sockFd;
-        net = fcntl(librarySide, F_DUPFD_CLOEXEC, 0);
-        if (net < 0 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0 ||
-            dup2(pair[0], librarySide) < 0) {
-            throw failure("cannot set up the relay: " + errnoText());
-        }
-        (void)close(pair[0]);
-        outer = pair[1];
-        setNonBlocking(outer);
-        setNonBlocking(net);
-        if (plain.isSocket) {
-            setNonBlocking(plain.input);
-        }
-    }
-
-    void runToEnd()
-    {
-        auto closingSince = steadyClock::time_point::max();
-        for (;;) {
-            receiveCells();
-            flushPlain();
-            // Both directions have ended once this end sent its end of stream and wrote out
-            // every byte before the peer's.
-            if (sentEnd && plainShut) {
-                if (initiator) {
-                    disconnect();
-                    return;
-                }
-                if (disconnected) {
-                    return;
-                }
-                closingSince = std::min(closingSince, steadyClock::now());
-                if (steadyClock::now() - closingSince > std::chrono::milliseconds(kClosingMillis)) {
-                    throw failure("the peer did not send the disconnect command after both "
-                                  "streams ended");
-                }
-            }
-            waitAndMove();
-            clock.maybe(counters);
-        }
-    }
-
-    void waitAndMove()
-    {
-        pollSet set;
-        const bool takeInput = !sentEnd && toNet.size() < kQueueHigh;
-        if (takeInput) {
-            set.want(plain.input, POLLIN);
-        }
-        if (!toPlain.empty()) {
-            set.want(plain.output, POLLOUT);
-        }
-        if (!netEnded && fromNet.size() < kQueueHigh) {
-            set.want(net, POLLIN);
-        } else {
-            timer.holdPacket();
-        }
-        if (!toNet.empty()) {
-            set.want(net, POLLOUT);
-        }
-        if (!fromNet.empty()) {
-            set.want(outer, POLLOUT);
-        }
-        timer.check(partialPacket());
-        set.wait(sooner(sentEnd && plainShut ? kTickMillis : clock.budget(),
-                        timer.budget(partialPacket())));
-        if (takeInput && set.ready(plain.input, POLLIN)) {
-            readPlain();
-        }
-        if (set.ready(net, POLLIN) && !netEnded) {
-            readNet();
-        }
-        feedPair();
-        sendNet();
-    }
-
-    void sendNet()
-    {
-        const size_t queued = toNet.size();
-        if (!writeSome(net, true, toNet)) {
-            throw failure("the peer closed the connection before the end of the stream (" +
-                          errnoText() + ")");
-        }
-        if (toNet.size() < queued) {
-            timer.sent();
-        }
-    }
-
-    /** Every packet is kCellWire bytes, so the count of bytes read says whether the peer is
-     *  in the middle of one. The disconnect command is a header alone: the close that follows
-     *  it ends the wait. */
-    [[nodiscard]] bool partialPacket() const { return !netEnded && netBytes % kCellWire != 0; }
-
-    void readPlain()
-    {
-        byteQueue input;
-        const ssize_t got = readSome(plain.input, input, kReadChunk);
-        if (got == -2) {
-            return;
-        }
-        if (got < 0) {
-            throw failure("reading from " + plain.inputName + " failed: " + errnoText());
-        }
-        if (got == 0) {
-            sendCell(cellEnd, nullptr, 0);
-            sentEnd = true;
-            return;
-        }
-        counters.toPeer += static_cast<uint64_t>(got);
-        for (size_t at = 0; at < input.size(); at += kCellData) {
-            sendCell(cellData, input.front() + at, std::min(kCellData, input.size() - at));
-        }
-    }
-
-    void sendCell(cellKind kind, const char* data, size_t count)
-    {
-        cell.bytes.assign(kCellSize, 0);
-        cell.bytes[0] = kind;
-        cell.bytes[1] = static_cast<unsigned char>(count >> 8U);
-        cell.bytes[2] = static_cast<unsigned char>(count & 0xFFU);
-        std::copy(data, data + count, cell.bytes.begin() + kCellHeader);
-        require(channel.SendEncrypted(cell), "sending to the peer failed");
-        drainPair();
-    }
-
-    /** Takes what the library wrote into the pair; emptied after every send, the pair always
-     *  has room for the next packet. */
-    void drainPair()
-    {
-        for (;;) {
-            const ssize_t got = readSome(outer, toNet, kReadChunk);
-            if (got == -2) {
-                return;
-            }
-            if (got <= 0) {
-                throw failure("the relay's socket pair failed: " + errnoText());
-            }
-        }
-    }
-
-    void readNet()
-    {
-        const ssize_t got = readSome(net, fromNet, kQueueHigh - fromNet.size());
-        if (got == 0 || got == -1) {
-            netEnded = true; // the peer closed, or the connection broke
-        }
-        if (got > 0) {
-            const uint64_t before = netBytes;
-            netBytes += static_cast<uint64_t>(got);
-            // The packet now incomplete began in this read when the read started a packet or
-            // finished one.
-            timer.received(before % kCellWire == 0 || before / kCellWire != netBytes / kCellWire);
-        }
-    }
-
-    /** Passes the peer's bytes to the library's end of the pair, and the end of the stream
-     *  after them. */
-    void feedPair()
-    {
-        if (!writeSome(outer, true, fromNet)) {
-            throw failure("the relay's socket pair failed: " + errnoText());
-        }
-        if (netEnded && fromNet.empty() && !pairShut) {
-            (void)shutdown(outer, SHUT_WR);
-            pairShut = true;
-        }
-    }
-
-    [[nodiscard]] size_t waitingInPair() const
-    {
-        int count = 0;
-        return ioctl(channel.socket->sockFd, FIONREAD, &count) == 0 ? static_cast<size_t>(count)
-                                                                    : 0;
-    }
-
-    /** Receives every cell that is whole in the pair, while the plain side keeps up. */
-    void receiveCells()
-    {
-        while (!disconnected && toPlain.size() < kQueueHigh) {
-            const size_t waiting = waitingInPair();
-            // After the peer's end of stream, what is left is whole cells and perhaps the
-            // disconnect command (a header alone); anything else was cut off.
-            if (waiting >= kCellWire || (pairShut && waiting == VX_HEADER_WIRE_SIZE)) {
-                receiveOne();
-            } else if (pairShut) {
-                throw failure(sentEnd && receivedEnd
-                                  ? "the peer closed without the disconnect command"
-                                  : "the peer closed the connection before the end of the stream");
-            } else {
-                return;
-            }
-        }
-    }
-
-    void receiveOne()
-    {
-        // Some true results leave the payload as it was (a re-key request, the wake-up pipe):
-        // emptied first, it cannot pass for the previous cell a second time.
-        received.bytes.clear();
-        require(channel.RecvEncrypted(received), "receiving from the peer failed");
-        if (channel.socket->doDisconnect) {
-            if (!sentEnd || !receivedEnd) {
-                throw failure("the peer disconnected before the end of the stream");
-            }
-            disconnected = true;
-            return;
-        }
-        takeCell();
-    }
-
-    void takeCell()
-    {
-        const std::vector<unsigned char>& bytes = received.bytes;
-        if (bytes.size() != kCellSize || bytes[0] > cellEnd || receivedEnd) {
-            throw failure("the peer broke the stream protocol");
-        }
-        const size_t count = (static_cast<size_t>(bytes[1]) << 8U) | bytes[2];
-        if ((bytes[0] == cellData) != (count > 0) || count > kCellData) {
-            throw failure("the peer broke the stream protocol");
-        }
-        toPlain.append(bytes.data() + kCellHeader, count);
-        counters.fromPeer += count;
-        receivedEnd = bytes[0] == cellEnd;
-    }
-
-    /** Writes the peer's bytes out; after the peer's end of stream, ends the plain output. */
-    void flushPlain()
-    {
-        if (!writeSome(plain.output, plain.isSocket, toPlain)) {
+        if (sent <= 0) {
             throw failure("writing to " + plain.outputName + " failed: " + errnoText());
         }
-        if (receivedEnd && toPlain.empty() && !plainShut) {
-            if (plain.isSocket) {
-                (void)shutdown(plain.output, SHUT_WR);
-            } else {
-                endOutput(plain.output);
-            }
-            plainShut = true;
-        }
+        data += sent;
+        count -= static_cast<size_t>(sent);
     }
-
-    /** Both directions ended: the disconnect command, and the last bytes out before closing. */
-    void disconnect()
-    {
-        require(channel.SendClientDisconnect(), "sending the disconnect command failed");
-        drainPair();
-        const auto deadline = steadyClock::now() + std::chrono::milliseconds(kClosingMillis);
-        while (!toNet.empty() && steadyClock::now() < deadline) {
-            pollSet set;
-            set.want(net, POLLOUT);
-            set.wait(kTickMillis);
-            sendNet();
-        }
-        if (!toNet.empty()) {
-            throw failure("the peer did not take the last bytes");
-        }
-    }
-
-    vxNetEncryptedSocket& channel;
-    const plainSide& plain;
-    bool initiator;
-    ticker clock;
-    peerTimer timer;
-    relayCounters counters;
-    uint64_t netBytes = 0; ///< read from the peer so far
-    int net = -1;          ///< the TCP connection to the peer
-    int outer = -1;        ///< the relay's end of the socket pair
-    byteQueue toNet;
-    byteQueue fromNet;
-    byteQueue toPlain;
-    vxBytes cell;
-    vxBytes received;
-    bool sentEnd = false;
-    bool receivedEnd = false;
-    bool plainShut = false;
-    bool netEnded = false;
-    bool pairShut = false;
-    bool disconnected = false;
-};
-
-} // namespace
-
-void relayStream(vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-                 const relayLimits& limits, const relayTick& tick)
-{
-    streamRelay(channel, plain, initiator, limits, tick).run();
 }
-
-namespace {
 
 /** The library receives a payload in two blocking reads, header and body: the receive limit
  *  becomes its own wait for the first byte of each and the socket's wait for the rest. */
@@ -627,7 +701,7 @@ void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initia
               const relayLimits& limits, const relayTick& tick)
 {
     ticker clock(tick);
-    peerTimer timer(limits);
+    idleTimer timer(limits.idle);
     relayCounters counters;
     const int net = channel.socket->sockFd;
     limitRawReceive(channel, limits.receive);
@@ -640,12 +714,12 @@ void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initia
             set.want(plain.input, POLLIN);
         }
         set.want(net, POLLIN);
-        timer.check(false);
-        set.wait(sooner(clock.budget(), timer.budget(false)));
+        timer.check();
+        set.wait(sooner(clock.budget(), timer.budget()));
         clock.maybe(counters);
         if (inputOpen && set.ready(plain.input, POLLIN)) {
             const ssize_t got = read(plain.input, chunk.data(), chunk.size());
-            if (got < 0 && !wouldBlock()) {
+            if (got < 0 && errno != EINTR && errno != EAGAIN) {
                 throw failure("reading from " + plain.inputName + " failed: " + errnoText());
             }
             if (got == 0 && initiator) {
@@ -657,20 +731,16 @@ void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initia
                 payload.bytes.assign(chunk.begin(), chunk.begin() + got);
                 require(channel.SendEncrypted(payload), "sending to the peer failed");
                 counters.toPeer += static_cast<uint64_t>(got);
-                timer.sent();
+                timer.traffic();
             }
         }
         if (set.ready(net, POLLIN)) {
             receiveRaw(channel, payload, limits.receive);
-            timer.received(false);
+            timer.traffic();
             if (channel.socket->doDisconnect) {
                 break;
             }
-            byteQueue out;
-            out.append(payload.bytes.data(), payload.bytes.size());
-            if (!writeSome(plain.output, plain.isSocket, out)) {
-                throw failure("writing to " + plain.outputName + " failed: " + errnoText());
-            }
+            writeAll(plain, payload.bytes.data(), payload.bytes.size());
             counters.fromPeer += payload.bytes.size();
         }
     }

@@ -1,30 +1,28 @@
 // Relays one encrypted connection between the peer and a plain side (the application's socket,
-// or standard input and output).
+// or standard input and output), in the stream protocol (stream.h) or as bare payloads.
 //
-// Stream protocol inside the channel: every payload is one cell of kCellSize bytes: a kind byte
-// (0 data, 1 end of this direction), the number of data bytes (2 bytes, most significant first),
-// the data, and zeros up to the cell size. Each end sends "end" once its plain input is over;
-// the end that connected sends the disconnect command once both directions have ended, and
-// closes. Every packet on the wire therefore has one size, known before it arrives: the relay
-// hands a packet to the library only once all of it is there, and never waits in a receive.
-// Its sends go into a local socket pair that the relay empties after each one, so no send waits
-// either; the relay's one thread is never blocked by a peer that is itself blocked sending.
+// The stream relay never waits on the peer. It reads from the network only the bytes of the
+// packet it expects next, and hands that packet to the library only once all of it is there,
+// through a local socket pair that holds exactly those bytes: the library's receive then finds
+// everything it needs, and a packet that declares more than was announced fails at once instead
+// of waiting. The library's sends go into the same pair, which the relay empties after each send,
+// so no send waits either. Each direction's bytes queue in the relay until the other side takes
+// them, and a full queue stops reading from its source: both directions can be saturated at once
+// without a deadlock, and local back-pressure (a slow output) is never charged to the peer.
 #pragma once
 
 #include "channel.h"
+#include "eventLoop.h"
+#include "stream.h"
 #include "vxNetSocket.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace vxcli {
-
-/** Payload bytes of every cell, its header, and the data one cell carries. */
-constexpr size_t kCellSize = 4096;
-constexpr size_t kCellHeader = 3;
-constexpr size_t kCellData = kCellSize - kCellHeader;
 
 /** Where the bytes for the peer come from and where the peer's bytes go. A socket is both
  *  (`input` == `output`), and its sending side is shut down once the peer's stream ended;
@@ -38,7 +36,7 @@ struct plainSide
     std::string outputName; ///< "the application", "standard output"
 };
 
-/** Plain bytes relayed so far, for a progress display. */
+/** Plain bytes relayed so far, for a progress display and the connection's last log line. */
 struct relayCounters
 {
     uint64_t toPeer = 0;
@@ -48,13 +46,141 @@ struct relayCounters
 /** Called a few times a second while a relay runs, and once at its end. */
 using relayTick = std::function<void(const relayCounters&, bool last)>;
 
-/** Relays the connection of `channel` (keyed, its plain socket connected) in the stream
- *  protocol until both directions ended and the connection closed. `initiator` is the end that
- *  connected: it sends the disconnect command. Throws failure when the peer or the plain side
- *  broke off, or a limit of `limits` passed; the plain socket is then reset, so its application
- *  sees the stream did not end normally. */
+/** Moves the library's packets between its socket and the network without ever letting it
+ *  wait: the library's socket becomes one end of a local socket pair. */
+class packetPipe
+{
+public:
+    /** A new pair; `librarySide` gets the library's end (non-blocking). */
+    explicit packetPipe(int& librarySide);
+    /** Keeps the library's descriptor number, which from now on is one end of a new pair; the
+     *  connection it held moves to `moved`. */
+    packetPipe(int& librarySide, int& moved);
+    LVX_NOT_COPYABLE(packetPipe);
+    ~packetPipe();
+
+    /** Everything the library wrote since the last call, appended to `out`. */
+    void drain(byteQueue& out) const;
+    /** The `count` bytes of the packet the library just sent, appended to `out`. */
+    void drain(byteQueue& out, size_t count) const;
+    /** Hands `bytes` to the library, whole. */
+    void feed(const unsigned char* bytes, size_t count) const;
+    /** The library's next read after the fed bytes sees the end of the stream. */
+    void endFeed() const;
+
+private:
+    int outer = -1;
+};
+
+/** The stream relay of one keyed connection, driven by an event loop. Its handlers throw failure
+ *  when the connection must end. */
+class streamRelay
+{
+public:
+    /** `net` is the TCP connection to the peer (non-blocking); `channel`'s socket is the pipe's
+     *  library end. `initiator` is the end that connected: it sends the disconnect command. */
+    streamRelay(eventLoop& loop, veltrix::vxNetEncryptedSocket& channel, const packetPipe& pipe,
+                int net, const plainSide& plain, bool initiator, const relayLimits& limits);
+    LVX_NOT_COPYABLE(streamRelay);
+    ~streamRelay();
+
+    /** Which descriptor a readiness report is about. */
+    enum class role
+    {
+        network,
+        plainIn,
+        plainOut
+    };
+
+    /** Registers with the loop through `targets` (one per role) and moves what can move. */
+    void start(pollTarget& network, pollTarget& plainIn, pollTarget& plainOut);
+    /** Handles readiness of one descriptor and moves everything that can move. */
+    void ready(role which, uint32_t events);
+
+    /** Both directions ended and the disconnect command went through. */
+    [[nodiscard]] bool done() const { return state == phase::finished; }
+
+    /** When a limit on the peer passes next; time_point::max() for none. */
+    [[nodiscard]] steadyClock::time_point deadline() const;
+    /** Throws failure when a limit passed by `now`. */
+    void checkLimits(steadyClock::time_point now) const;
+    /** After a failure: resets the plain socket and the network, so that neither end takes the
+     *  cut stream for a whole one. */
+    void abort() const;
+
+    [[nodiscard]] const relayCounters& counters() const { return moved; }
+
+private:
+    enum class phase
+    {
+        relaying, ///< data both ways until both ends sent their end
+        closing,  ///< the disconnect command: sending it, or waiting for it
+        finished
+    };
+
+    /** Plain input to the peer. */
+    struct outbound
+    {
+        stream::sender cells;
+        byteQueue toNet;      ///< packets the network has not taken yet
+        bool sentEnd = false; ///< the plain input ended and the end cell went out
+    };
+
+    /** The peer to the plain output. */
+    struct inbound
+    {
+        stream::receiver cells;
+        std::vector<unsigned char> packet; ///< the bytes of the expected packet so far
+        byteQueue toPlain;                 ///< data the plain output has not taken yet
+        bool outputShut = false;           ///< the plain output ended after the peer's end
+        bool netEnded = false;             ///< the peer closed its side
+        bool disconnected = false;         ///< the disconnect command arrived
+    };
+
+    void advance();
+    void readPlain();
+    void sendData(const unsigned char* data, size_t count);
+    void sendCell();
+    void flushNet();
+    void readNet();
+    void completePacket();
+    void deliver(const unsigned char* packet, size_t size);
+    void receive();
+    void netEnded();
+    void flushPlain();
+    void finishIfDone();
+    void updateInterest();
+    [[nodiscard]] bool expectsMore() const;
+    [[nodiscard]] bool wantsNet() const;
+
+    eventLoop& loop;
+    veltrix::vxNetEncryptedSocket& channel;
+    const packetPipe& pipe;
+    int net;
+    plainSide plain;
+    bool initiator;
+    const relayLimits& limits;
+    pollTarget* targets[3] = {};
+    phase state = phase::relaying;
+    outbound out;
+    inbound in;
+    relayCounters moved;
+    veltrix::vxBytes cell;
+    veltrix::vxBytes received;
+    bool held = false;         ///< not reading from the peer because the plain output is behind
+    bool netReadable = true;   ///< the network may have bytes: cleared by a read that took all
+    bool plainReadable = true; ///< the same for the plain input
+    steadyClock::time_point partialSince = steadyClock::time_point::max();
+    steadyClock::time_point lastTraffic = steadyClock::now();
+    steadyClock::time_point closingSince = steadyClock::time_point::max();
+};
+
+/** Relays the keyed connection of `channel` (its plain socket connected) in the stream protocol
+ *  until both directions ended and the connection closed: the single connection of `cat`.
+ *  Throws failure when the peer or the plain side broke off, or a limit passed. */
 void relayStream(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-                 const relayLimits& limits, const relayTick& tick = {});
+                 const relayLimits& limits, const relayTick& tick = {},
+                 relayCounters* counters = nullptr);
 
 /** Relays bare payloads: each read of the input becomes one payload, each payload received is
  *  written out. The initiator sends the disconnect command at the end of its input; the other
@@ -62,5 +188,8 @@ void relayStream(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain,
  *  the receive limit is its own time-out and the socket's. */
 void relayRaw(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
               const relayLimits& limits, const relayTick& tick = {});
+
+/** Makes the close of a socket reset it instead of ending it in order. */
+void resetOnClose(int fd);
 
 } // namespace vxcli

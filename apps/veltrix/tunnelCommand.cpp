@@ -5,23 +5,28 @@
 //   --client: accepts plain connections on --accept and forwards each over an encrypted
 //             connection to the server tunnel at --connect.
 //
-// The library's error latch is process-wide, so every connection runs in a process of its own:
-// the parent only accepts, forks and reaps, and one failing or hostile peer never stops the
-// others. On SIGTERM or SIGINT the parent stops accepting and waits for its connections to
-// finish; a second signal ends them.
+// The parent prepares everything once (the plug-in, the crypto library's state, the secret, the
+// listening socket), then starts a few worker processes that inherit it: each runs one event loop
+// over many connections (tunnelConnection.h says why they cannot disturb each other), and the
+// system spreads new connections over them. The parent only watches the workers. On SIGTERM or
+// SIGINT the workers stop accepting and let their connections finish; a second signal ends them.
 #include "commands.h"
-#include "relay.h"
+#include "tunnelConnection.h"
 #include "vxGlobal.h"
 
-#include <poll.h>
-#include <sys/socket.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <atomic>
 #include <csignal>
 #include <iostream>
+#include <list>
 #include <memory>
+#include <new>
 #include <set>
 
 namespace vxcli {
@@ -38,195 +43,289 @@ struct tunnelOptions
     bool client = false;
     channelOptions channel;
     unsigned maxConnections = 64;
+    unsigned workers = 0; ///< 0: one per processor
     bool foreground = false;
 };
 
-/** What a connection's process needs. */
-struct tunnelSetup
+/** Counts every worker shares, in memory mapped into all of them. */
+struct sharedCounts
 {
-    const tunnelOptions& options;
-    endpoint target;
-    vxBytes secret;
-    bool logToStderr;
+    std::atomic<uint32_t> open{0};     ///< connections being served
+    std::atomic<uint32_t> accepted{0}; ///< connections accepted so far, for their numbers
 };
 
-volatile sig_atomic_t stopRequests = 0;
+/** While the tunnel is at --max-connections, a worker looks again this often whether another
+ *  worker freed a place. */
+constexpr auto kFullRecheck = std::chrono::milliseconds(100);
+/** Connections taken from the backlog in one round, so that the others get their turn. */
+constexpr int kAcceptsPerRound = 16;
 
-extern "C" void onStop(int /*signo*/)
+sigset_t stopSignals()
 {
-    stopRequests = stopRequests + 1;
+    sigset_t set;
+    (void)sigemptyset(&set);
+    (void)sigaddset(&set, SIGTERM);
+    (void)sigaddset(&set, SIGINT);
+    return set;
 }
 
-extern "C" void onChild(int /*signo*/) {}
-
-void setHandler(int signo, void (*handler)(int))
-{
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    (void)sigemptyset(&action.sa_mask);
-    (void)sigaction(signo, &action, nullptr);
-}
-
-/** The server end of one connection: handshake, then the service in the clear. */
-void serveEncrypted(cliFrame& frame, const tunnelSetup& setup, int fd, const connectionLog& log)
-{
-    vxNetServer server;
-    const closeOnExit serverGuard(server);
-    vxNetConnectedClient record;
-    const closeOnExit recordGuard(record);
-    acceptEncrypted(frame, server, record, fd, setup.options.channel, setup.secret);
-    log.line("handshake done");
-    vxNetSocket service;
-    const closeOnExit serviceGuard(service);
-    connectPlain(frame, service, setup.target, setup.options.channel.connectTimeout);
-    log.line("connected to " + setup.target.text());
-    const std::string name = "the service at " + setup.target.text();
-    relayStream(record.encryptedSocket, {service.sockFd, service.sockFd, true, name, name}, false,
-                setup.options.channel.limits);
-}
-
-/** The client end of one connection: the accepted application over an encrypted connection. */
-void serveApplication(cliFrame& frame, const tunnelSetup& setup, int fd, const connectionLog& log)
-{
-    vxNetClient client;
-    const closeOnExit clientGuard(client);
-    const closeOnExit channelGuard(client.encryptedSocket);
-    connectEncrypted(frame, client, setup.target, setup.options.channel, setup.secret);
-    log.line("handshake done with " + setup.target.text());
-    relayStream(client.encryptedSocket, {fd, fd, true, "the application", "the application"}, true,
-                setup.options.channel.limits);
-}
-
-/** Runs in the connection's own process; its exit status. */
-int serveConnection(cliFrame& frame, const tunnelSetup& setup, int fd, const std::string& name)
-{
-    const connectionLog log(name + ": ", setup.logToStderr);
-    try {
-        if (setup.options.server) {
-            serveEncrypted(frame, setup, fd, log);
-        } else {
-            serveApplication(frame, setup, fd, log);
-        }
-        log.line("closed");
-        return exitOk;
-    } catch (const failure& error) {
-        log.line(error.what());
-        const linger abort{1, 0}; // the application must not take a cut stream for a whole one
-        (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-        if (setup.logToStderr && frame.options().verbose && vxBase::HaveStackTrace()) {
-            vxBase::DumpStackTrace(std::cerr);
-        }
-        return exitFailure;
-    }
-}
-
-/** The parent: accepts, forks one process per connection, reaps them. */
-class acceptLoop
+/** One worker: an event loop over the listening socket, a stop-signal descriptor and every
+ *  connection it accepted. */
+class worker : public pollTarget
 {
 public:
-    acceptLoop(cliFrame& owner, const tunnelSetup& tunnel, int listening)
-        : frame(owner), setup(tunnel), listener(listening), log("", tunnel.logToStderr)
-    {}
-
-    int run()
+    worker(const tunnelSetup& shared, int listening, sharedCounts& counts, unsigned limit)
+        : setup(shared), listener(listening), counters(counts), maxConnections(limit)
     {
-        sigset_t blocked;
-        sigset_t waiting;
-        (void)sigemptyset(&blocked);
-        for (const int signo : {SIGTERM, SIGINT, SIGCHLD}) {
-            (void)sigaddset(&blocked, signo);
+        // Only the parent's SIGTERM: a terminal's interrupt reaches the parent too, which passes
+        // it on once.
+        sigset_t set;
+        (void)sigemptyset(&set);
+        (void)sigaddset(&set, SIGTERM);
+        signals = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+        if (signals < 0) {
+            throw failure("cannot receive signals: " + errnoText());
         }
-        // Signals arrive only inside ppoll, so no flag is missed between a check and the wait.
-        (void)sigprocmask(SIG_BLOCK, &blocked, &waiting);
-        setHandler(SIGTERM, onStop);
-        setHandler(SIGINT, onStop);
-        setHandler(SIGCHLD, onChild);
-        while (stopRequests == 0 || !children.empty()) {
-            step(waiting);
+        loop.want(signals, stopTarget, EPOLLIN);
+    }
+
+    LVX_NOT_COPYABLE(worker);
+
+    ~worker() override
+    {
+        connections.clear();
+        loop.forget(signals);
+        (void)close(signals);
+    }
+
+    void run()
+    {
+        watchListener();
+        while (stopRequests == 0 || !connections.empty()) {
+            loop.runOnce(millisUntil(nextSweep));
+            if (steadyClock::now() >= nextSweep) {
+                sweep();
+            }
+            reap();
+            watchListener();
         }
-        log.line("stopped");
-        return exitOk;
+    }
+
+    /** The listening socket is readable. */
+    void ready(uint32_t /*events*/) override
+    {
+        for (int round = 0; round < kAcceptsPerRound && takePlace(); ++round) {
+            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) {
+                counters.open.fetch_sub(1);
+                return; // gone before it was accepted, or out of descriptors for now
+            }
+            const uint32_t number = counters.accepted.fetch_add(1) + 1;
+            const std::string name =
+                "connection " + std::to_string(number) + " from " + peerText(fd);
+            connections.push_back(std::make_unique<tunnelConnection>(loop, setup, fd, name));
+            connections.back()->start();
+            nextSweep = std::min(nextSweep, connections.back()->deadline());
+        }
     }
 
 private:
-    void step(const sigset_t& waiting)
+    /** The stop-signal descriptor is readable. */
+    class stopHandler : public pollTarget
     {
-        const bool accepting = stopRequests == 0 && children.size() < setup.options.maxConnections;
-        pollfd entry{listener, POLLIN, 0};
-        const int ready = ppoll(&entry, accepting ? 1 : 0, nullptr, &waiting);
-        reap();
-        if (stopRequests > 0 && !stopping) {
-            stopping = true;
+    public:
+        explicit stopHandler(worker& owner) : parent(owner) {}
+
+        void ready(uint32_t /*events*/) override { parent.stopSignal(); }
+
+    private:
+        worker& parent;
+    };
+
+    void stopSignal()
+    {
+        signalfd_siginfo info{};
+        while (read(signals, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+            ++stopRequests;
+        }
+        if (listener >= 0) {
+            loop.forget(listener);
             (void)close(listener);
-            log.line("stopping: waiting for " + std::to_string(children.size()) +
-                     " connection(s) to finish");
+            listener = -1;
         }
         if (stopRequests > 1) {
-            for (const pid_t child : children) {
-                (void)kill(child, SIGTERM);
+            for (const auto& connection : connections) {
+                connection->end("ended: the tunnel was stopped");
             }
         }
-        if (accepting && ready > 0 && stopRequests == 0) {
-            acceptOne(waiting);
-        }
     }
 
-    void acceptOne(const sigset_t& waiting)
+    /** Reserves a place under --max-connections across the workers. */
+    bool takePlace()
     {
-        sockaddr_storage peer{};
-        socklen_t length = sizeof peer;
-        const int fd = accept4(listener, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
-        if (fd < 0) {
-            return; // gone before it was accepted, or out of descriptors for now
+        if (counters.open.fetch_add(1) < maxConnections) {
+            return true;
         }
-        ++accepted;
-        const std::string name =
-            "connection " + std::to_string(accepted) + " from " + addressText(peer);
-        std::cout.flush();
-        std::cerr.flush();
-        const pid_t child = fork();
-        if (child == 0) {
-            (void)close(listener);
-            setHandler(SIGTERM, SIG_DFL);
-            setHandler(SIGCHLD, SIG_DFL);
-            // A terminal's interrupt goes to the whole group: the connection still finishes.
-            setHandler(SIGINT, SIG_IGN);
-            (void)sigprocmask(SIG_SETMASK, &waiting, nullptr);
-            const int status = serveConnection(frame, setup, fd, name);
-            std::cout.flush();
-            std::cerr.flush();
-            _exit(status); // the parent's objects are the parent's to close
-        }
-        (void)close(fd);
-        if (child < 0) {
-            log.line("cannot start a process for a connection: " + errnoText());
+        counters.open.fetch_sub(1);
+        full = true;
+        return false;
+    }
+
+    void watchListener()
+    {
+        if (listener < 0) {
             return;
         }
-        children.insert(child);
-    }
-
-    void reap()
-    {
-        pid_t child = 0;
-        while ((child = waitpid(-1, nullptr, WNOHANG)) > 0) {
-            children.erase(child);
+        if (full && counters.open.load() < maxConnections) {
+            full = false;
+        }
+        loop.want(listener, *this, full ? 0U : EPOLLIN);
+        if (full) {
+            nextSweep = std::min(nextSweep, steadyClock::now() + kFullRecheck);
         }
     }
 
-    cliFrame& frame;
+    /** Ends the connections whose limit passed; finds when the next one passes. */
+    void sweep()
+    {
+        const auto now = steadyClock::now();
+        nextSweep = steadyClock::time_point::max();
+        for (const auto& connection : connections) {
+            connection->checkLimits(now);
+            nextSweep = std::min(nextSweep, connection->deadline());
+        }
+    }
+
+    /** Frees the finished connections and their places. */
+    void reap()
+    {
+        for (auto it = connections.begin(); it != connections.end();) {
+            if ((*it)->finished()) {
+                it = connections.erase(it);
+                counters.open.fetch_sub(1);
+            } else {
+                // A connection that armed a new limit while it ran is swept in time.
+                nextSweep = std::min(nextSweep, (*it)->deadline());
+                ++it;
+            }
+        }
+    }
+
     const tunnelSetup& setup;
     int listener;
-    connectionLog log;
-    std::set<pid_t> children;
-    unsigned accepted = 0;
-    bool stopping = false;
+    sharedCounts& counters;
+    unsigned maxConnections;
+    eventLoop loop;
+    int signals = -1;
+    stopHandler stopTarget{*this};
+    std::list<std::unique_ptr<tunnelConnection>> connections;
+    steadyClock::time_point nextSweep = steadyClock::time_point::max();
+    unsigned stopRequests = 0;
+    bool full = false;
 };
+
+/** Runs one worker in a new process; its pid. */
+pid_t startWorker(const tunnelSetup& setup, int listener, sharedCounts& counts, unsigned limit)
+{
+    std::cout.flush();
+    std::cerr.flush();
+    const pid_t child = fork();
+    if (child != 0) {
+        return child;
+    }
+    (void)signal(SIGINT, SIG_IGN);
+    int status = exitOk;
+    try {
+        worker(setup, listener, counts, limit).run();
+    } catch (const std::exception& error) {
+        connectionLog("", setup.logToStderr).line(std::string("worker failed: ") + error.what());
+        status = exitFailure;
+    }
+    std::cout.flush();
+    std::cerr.flush();
+    _exit(status); // the parent's objects are the parent's to close
+}
+
+/** Does once, before any worker starts, what every connection would otherwise do for itself:
+ *  the crypto library reads its configuration and fetches its algorithms on first use. */
+void warmUp(cliFrame& frame, const tunnelSetup& setup)
+{
+    vxNetSocket socket;
+    const closeOnExit socketGuard(socket);
+    frame.open(socket, "cannot open a socket", setup.server);
+    vxNetEncryptedSocket channel;
+    const closeOnExit channelGuard(channel);
+    frame.open(channel, "cannot open the encrypted socket", setup.channel.cipher,
+               setup.channel.hash, &socket);
+    vxNetPSKChallengeResponse handshake;
+    const closeOnExit handshakeGuard(handshake);
+    frame.open(handshake, "cannot open the handshake", channel.cipherId, channel.hashId,
+               setup.server);
+    require(handshake.SetSecret(setup.secret) && handshake.GenerateChallengeRequest() &&
+                handshake.GenerateChallengeResponse(),
+            "cannot prepare the handshake");
+}
+
+/** The parent: starts the workers, passes stop signals on, replaces a worker that died. */
+int superviseWorkers(const tunnelSetup& setup, int listener, sharedCounts& counts,
+                     const tunnelOptions& options)
+{
+    sigset_t set = stopSignals();
+    (void)sigaddset(&set, SIGCHLD);
+    const unsigned count = options.workers != 0
+                               ? options.workers
+                               : static_cast<unsigned>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
+    std::set<pid_t> workers;
+    for (unsigned i = 0; i < count; ++i) {
+        workers.insert(startWorker(setup, listener, counts, options.maxConnections));
+    }
+    const connectionLog log("", setup.logToStderr);
+    unsigned stops = 0;
+    while (!workers.empty()) {
+        int signo = 0;
+        (void)sigwait(&set, &signo);
+        if (signo == SIGTERM || signo == SIGINT) {
+            if (++stops == 1) {
+                (void)close(listener);
+                log.line("stopping: waiting for " + std::to_string(counts.open.load()) +
+                         " connection(s) to finish");
+            }
+            for (const pid_t pid : workers) {
+                (void)kill(pid, SIGTERM);
+            }
+            continue;
+        }
+        int status = 0;
+        pid_t pid = 0;
+        while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
+            workers.erase(pid);
+            if (stops == 0 && WIFSIGNALED(status)) {
+                // Its connections are gone; the others' are not, and new ones need a worker.
+                log.line("a worker was ended by signal " + std::to_string(WTERMSIG(status)) +
+                         "; starting another");
+                workers.insert(startWorker(setup, listener, counts, options.maxConnections));
+            } else if (stops == 0) {
+                log.line("a worker failed (status " + std::to_string(WEXITSTATUS(status)) + ")");
+            }
+        }
+    }
+    log.line("stopped");
+    return exitOk;
+}
 
 int runTunnel(cliFrame& frame, const tunnelOptions& options)
 {
     frame.loadPlugin();
-    const tunnelSetup setup{options, parseEndpoint(options.connect),
-                            readSecret(options.channel.pskFile), options.foreground};
+    tunnelSetup setup{frame,
+                      options.server,
+                      parseEndpoint(options.connect),
+                      {},
+                      0,
+                      readSecret(options.channel.pskFile),
+                      options.channel,
+                      options.foreground};
+    setup.addressLength = socketAddress(setup.target, setup.address);
+    warmUp(frame, setup);
     const endpoint acceptAt = parseEndpoint(options.accept);
     vxNetSocket listener;
     listenOn(frame, listener, acceptAt);
@@ -237,8 +336,20 @@ int runTunnel(cliFrame& frame, const tunnelOptions& options)
     if (!options.foreground && daemon(0, 0) != 0) {
         throw failure("cannot run in the background: " + errnoText());
     }
-    const int status = acceptLoop(frame, setup, listener.sockFd).run();
-    listener.sockFd = -1; // closed by the loop when it stopped accepting
+    void* shared = mmap(nullptr, sizeof(sharedCounts), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) {
+        throw failure("cannot share the connection counts: " + errnoText());
+    }
+    auto* counts = new (shared) sharedCounts;
+    // Stop signals wait for the parent's sigwait and the workers' signal descriptors.
+    sigset_t set = stopSignals();
+    (void)sigaddset(&set, SIGCHLD);
+    (void)sigprocmask(SIG_BLOCK, &set, nullptr);
+    const int status = superviseWorkers(setup, listener.sockFd, *counts, options);
+    counts->~sharedCounts();
+    (void)munmap(shared, sizeof(sharedCounts));
+    listener.sockFd = -1; // closed when the stop began
     (void)cliFrame::close(listener);
     return status;
 }
@@ -265,6 +376,11 @@ void addTunnelCommand(CLI::App& program, selection& chosen)
     command->add_option("--max-connections", options->maxConnections, "connections served at once")
         ->capture_default_str()
         ->check(CLI::Range(1U, 10000U));
+    command
+        ->add_option("--workers", options->workers,
+                     "processes that serve connections (0: one per processor)")
+        ->capture_default_str()
+        ->check(CLI::Range(0U, 64U));
     command->add_flag("--foreground", options->foreground,
                       "stay in the foreground and log to standard error as well as syslog");
     command->callback([options, &chosen] {

@@ -1,0 +1,130 @@
+// One connection of `veltrix tunnel`, from its accept to its close, driven by a worker's event
+// loop: the TCP connect that has to be made, the handshake one 16-byte message at a time, then
+// the stream relay.
+//
+// A worker serves many connections on one thread and never lets the library wait: a handshake
+// step runs only once its 16 bytes have arrived, a packet is received only once all of it has
+// arrived (relay.h), and every send goes into a local socket pair. The library's error latch is
+// process-wide, but calls on one thread never overlap: when a call on one connection fails, the
+// connection logs why, clears the latch and the trail, and closes before any other connection is
+// touched. So one hostile or failing peer ends its own connection and nothing else.
+#pragma once
+
+#include "relay.h"
+#include "vxNetAuth.h"
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace vxcli {
+
+/** What every connection of a tunnel shares. */
+struct tunnelSetup
+{
+    cliFrame& frame;
+    bool server;              ///< accepts encrypted connections
+    endpoint target;          ///< where each connection goes
+    sockaddr_storage address; ///< the target, resolved
+    socklen_t addressLength;
+    veltrix::vxBytes secret;
+    channelOptions channel;
+    bool logToStderr;
+};
+
+class tunnelConnection
+{
+public:
+    /** Takes `accepted`; `number` names the connection in the log. */
+    tunnelConnection(eventLoop& loop, const tunnelSetup& setup, int accepted,
+                     const std::string& name);
+    LVX_NOT_COPYABLE(tunnelConnection);
+    ~tunnelConnection();
+
+    /** Starts the connection's first step. */
+    void start();
+
+    [[nodiscard]] bool finished() const { return state == phase::finished; }
+
+    /** When a limit passes next; time_point::max() for none. */
+    [[nodiscard]] steadyClock::time_point deadline() const;
+    /** Ends the connection when a limit passed by `now`. */
+    void checkLimits(steadyClock::time_point now);
+    /** Ends the connection at once with `why` in the log. */
+    void end(const std::string& why);
+
+private:
+    enum class phase
+    {
+        connectingPeer,    ///< client end: the TCP connect to the server tunnel
+        handshake,         ///< 16-byte messages, one step at a time
+        connectingService, ///< server end: the TCP connect to the service
+        relaying,
+        finished
+    };
+
+    /** The handshake message this end waits for. */
+    enum class expect
+    {
+        version,
+        challengeRequest,
+        challengeResponse
+    };
+
+    /** Which descriptor a readiness report is about. */
+    enum class side
+    {
+        peer,
+        plain
+    };
+
+    class target : public pollTarget
+    {
+    public:
+        target(tunnelConnection& owner, side which) : connection(owner), role(which) {}
+
+        void ready(uint32_t events) override { connection.ready(role, events); }
+
+    private:
+        tunnelConnection& connection;
+        side role;
+    };
+
+    void ready(side which, uint32_t events);
+    void step(side which);
+    void beginHandshake();
+    void sendHandshake();
+    void readHandshake();
+    void handshakeMessage();
+    void finishHandshake();
+    void connectService();
+    void startRelay();
+    void fail(const std::string& why);
+    void release();
+
+    eventLoop& loop;
+    const tunnelSetup& setup;
+    connectionLog log;
+    phase state = phase::handshake;
+    expect awaiting = expect::challengeResponse;
+    int peer = -1;  ///< the encrypted side's TCP connection
+    int plain = -1; ///< the application's or the service's TCP connection
+    target peerTarget{*this, side::peer};
+    target plainTarget{*this, side::plain};
+    std::string peerName;
+    veltrix::vxNetSocket socket;
+    veltrix::vxNetEncryptedSocket channel;
+    std::unique_ptr<veltrix::vxNetPSKChallengeResponse> handshake;
+    std::optional<packetPipe> pipe;
+    byteQueue toPeer; ///< handshake messages the network has not taken yet
+    unsigned char message[16] = {};
+    size_t messageBytes = 0;
+    std::optional<streamRelay> relay;
+    steadyClock::time_point stepDeadline = steadyClock::time_point::max();
+    std::string stepLimit; ///< what passing stepDeadline means
+};
+
+} // namespace vxcli
