@@ -179,7 +179,8 @@ private:
         if (full && counters.open.load() < maxConnections) {
             full = false;
         }
-        loop.want(listener, *this, full ? 0U : EPOLLIN);
+        // One worker is woken for a new connection, not all of them.
+        loop.want(listener, *this, full ? 0U : EPOLLIN | EPOLLEXCLUSIVE);
         if (full) {
             nextSweep = std::min(nextSweep, steadyClock::now() + kFullRecheck);
         }
