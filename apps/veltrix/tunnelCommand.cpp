@@ -28,6 +28,8 @@
 #include <memory>
 #include <new>
 #include <set>
+#include <unordered_map>
+#include <vector>
 
 namespace vxcli {
 
@@ -71,7 +73,7 @@ sigset_t stopSignals()
 
 /** One worker: an event loop over the listening socket, a stop-signal descriptor and every
  *  connection it accepted. */
-class worker : public pollTarget
+class worker : public pollTarget, public connectionHost
 {
 public:
     worker(const tunnelSetup& shared, int listening, sharedCounts& counts, unsigned limit)
@@ -93,6 +95,7 @@ public:
 
     ~worker() override
     {
+        places.clear();
         connections.clear();
         loop.forget(signals);
         (void)close(signals);
@@ -115,19 +118,27 @@ public:
     void ready(uint32_t /*events*/) override
     {
         for (int round = 0; round < kAcceptsPerRound && takePlace(); ++round) {
-            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            sockaddr_storage peer{};
+            socklen_t length = sizeof peer;
+            const int fd =
+                accept4(listener, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
             if (fd < 0) {
                 counters.open.fetch_sub(1);
                 return; // gone before it was accepted, or out of descriptors for now
             }
             const uint32_t number = counters.accepted.fetch_add(1) + 1;
-            const std::string name =
-                "connection " + std::to_string(number) + " from " + peerText(fd);
-            connections.push_back(std::make_unique<tunnelConnection>(loop, setup, fd, name));
+            const std::string from = addressText(peer);
+            connections.push_back(std::make_unique<tunnelConnection>(
+                loop, *this, setup, fd, "connection " + std::to_string(number) + " from " + from,
+                from));
+            places[connections.back().get()] = std::prev(connections.end());
             connections.back()->start();
-            nextSweep = std::min(nextSweep, connections.back()->deadline());
         }
     }
+
+    void checkBy(steadyClock::time_point when) override { nextSweep = std::min(nextSweep, when); }
+
+    void finished(tunnelConnection& connection) override { ended.push_back(&connection); }
 
 private:
     /** The stop-signal descriptor is readable. */
@@ -197,19 +208,16 @@ private:
         }
     }
 
-    /** Frees the finished connections and their places. */
+    /** Frees the connections that ended and their places. */
     void reap()
     {
-        for (auto it = connections.begin(); it != connections.end();) {
-            if ((*it)->finished()) {
-                it = connections.erase(it);
-                counters.open.fetch_sub(1);
-            } else {
-                // A connection that armed a new limit while it ran is swept in time.
-                nextSweep = std::min(nextSweep, (*it)->deadline());
-                ++it;
-            }
+        for (tunnelConnection* connection : ended) {
+            const auto place = places.find(connection);
+            connections.erase(place->second);
+            places.erase(place);
+            counters.open.fetch_sub(1);
         }
+        ended.clear();
     }
 
     const tunnelSetup& setup;
@@ -220,6 +228,9 @@ private:
     int signals = -1;
     stopHandler stopTarget{*this};
     std::list<std::unique_ptr<tunnelConnection>> connections;
+    std::unordered_map<tunnelConnection*, std::list<std::unique_ptr<tunnelConnection>>::iterator>
+        places;
+    std::vector<tunnelConnection*> ended; ///< to be freed once the current round is over
     steadyClock::time_point nextSweep = steadyClock::time_point::max();
     unsigned stopRequests = 0;
     bool full = false;

@@ -42,13 +42,14 @@ void tuneSocket(int fd)
 
 } // namespace
 
-tunnelConnection::tunnelConnection(eventLoop& owner, const tunnelSetup& shared, int accepted,
-                                   const std::string& name)
-    : loop(owner), setup(shared), log(name + ": ", shared.logToStderr)
+tunnelConnection::tunnelConnection(eventLoop& owner, connectionHost& worker,
+                                   const tunnelSetup& shared, int accepted, const std::string& name,
+                                   const std::string& peerAddress)
+    : loop(owner), host(worker), setup(shared), log(name + ": ", shared.logToStderr)
 {
     if (setup.server) {
         peer = accepted;
-        peerName = peerText(accepted);
+        peerName = peerAddress;
     } else {
         plain = accepted;
         peerName = setup.target.text();
@@ -79,6 +80,7 @@ void tunnelConnection::start()
     } catch (const failure& error) {
         fail(error.what());
     }
+    host.checkBy(deadline());
 }
 
 void tunnelConnection::ready(side which, uint32_t events)
@@ -93,17 +95,17 @@ void tunnelConnection::ready(side which, uint32_t events)
                          events);
             if (relay->done()) {
                 log.line("closed");
-                state = phase::finished;
-                release();
+                close();
             }
-            return;
+        } else {
+            step(which);
         }
-        step(which);
     } catch (const failure& error) {
         fail(error.what());
     } catch (const std::exception& error) {
         fail(std::string("unexpected error: ") + error.what());
     }
+    host.checkBy(deadline());
 }
 
 void tunnelConnection::step(side which)
@@ -293,6 +295,7 @@ void tunnelConnection::checkLimits(steadyClock::time_point now)
     } catch (const failure& error) {
         fail(error.what());
     }
+    host.checkBy(deadline());
 }
 
 void tunnelConnection::end(const std::string& why)
@@ -315,8 +318,14 @@ void tunnelConnection::fail(const std::string& why)
     } else if (!setup.server && plain >= 0) {
         resetOnClose(plain); // the application must not take a cut stream for a whole one
     }
+    close();
+}
+
+void tunnelConnection::close()
+{
     state = phase::finished;
     release();
+    host.finished(*this);
 }
 
 void tunnelConnection::release()
@@ -325,7 +334,7 @@ void tunnelConnection::release()
     for (int* fd : {&peer, &plain}) {
         if (*fd >= 0) {
             loop.forget(*fd);
-            (void)close(*fd);
+            (void)::close(*fd);
             *fd = -1;
         }
     }

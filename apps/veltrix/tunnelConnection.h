@@ -35,12 +35,31 @@ struct tunnelSetup
     bool logToStderr;
 };
 
+class tunnelConnection;
+
+/** What a connection tells the worker that serves it. */
+class connectionHost
+{
+public:
+    connectionHost() = default;
+    connectionHost(const connectionHost&) = delete;
+    connectionHost& operator=(const connectionHost&) = delete;
+    connectionHost(connectionHost&&) = delete;
+    connectionHost& operator=(connectionHost&&) = delete;
+    virtual ~connectionHost() = default;
+
+    /** The connection's limits must be checked by `when` at the latest. */
+    virtual void checkBy(steadyClock::time_point when) = 0;
+    /** The connection ended; it may be destroyed once the current event is handled. */
+    virtual void finished(tunnelConnection& connection) = 0;
+};
+
 class tunnelConnection
 {
 public:
-    /** Takes `accepted`; `number` names the connection in the log. */
-    tunnelConnection(eventLoop& loop, const tunnelSetup& setup, int accepted,
-                     const std::string& name);
+    /** Takes `accepted`, from `peerAddress`; `name` names the connection in the log. */
+    tunnelConnection(eventLoop& loop, connectionHost& host, const tunnelSetup& setup, int accepted,
+                     const std::string& name, const std::string& peerAddress);
     LVX_NOT_COPYABLE(tunnelConnection);
     ~tunnelConnection();
 
@@ -103,9 +122,11 @@ private:
     void connectService();
     void startRelay();
     void fail(const std::string& why);
+    void close();
     void release();
 
     eventLoop& loop;
+    connectionHost& host;
     const tunnelSetup& setup;
     connectionLog log;
     phase state = phase::handshake;
