@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace vxcli {
@@ -124,9 +125,9 @@ void packetPipe::endFeed() const
 }
 
 streamRelay::streamRelay(eventLoop& owner, vxNetEncryptedSocket& keyed, const packetPipe& packets,
-                         int network, const plainSide& plainEnd, bool isInitiator,
+                         int network, plainSide plainEnd, bool isInitiator,
                          const relayLimits& chosen)
-    : loop(owner), channel(keyed), pipe(packets), net(network), plain(plainEnd),
+    : loop(owner), channel(keyed), pipe(packets), net(network), plain(std::move(plainEnd)),
       initiator(isInitiator), limits(chosen)
 {}
 

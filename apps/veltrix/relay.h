@@ -77,10 +77,11 @@ private:
 class streamRelay
 {
 public:
-    /** `net` is the TCP connection to the peer (non-blocking); `channel`'s socket is the pipe's
-     *  library end. `initiator` is the end that connected: it sends the disconnect command. */
-    streamRelay(eventLoop& loop, veltrix::vxNetEncryptedSocket& channel, const packetPipe& pipe,
-                int net, const plainSide& plain, bool initiator, const relayLimits& limits);
+    /** `network` is the TCP connection to the peer (non-blocking); `keyed`'s socket is the
+     *  pipe's library end. `isInitiator`: the end that connected, which sends the disconnect
+     *  command. */
+    streamRelay(eventLoop& owner, veltrix::vxNetEncryptedSocket& keyed, const packetPipe& packets,
+                int network, plainSide plainEnd, bool isInitiator, const relayLimits& chosen);
     LVX_NOT_COPYABLE(streamRelay);
     ~streamRelay();
 

@@ -23,9 +23,7 @@
 #include <string>
 #include <vector>
 
-namespace vxcli {
-
-namespace stream {
+namespace vxcli::stream {
 
 /** The cell's own bytes before the data. */
 constexpr size_t kCellHeader = 3;
@@ -98,6 +96,4 @@ private:
     bool sawEnd = false;
 };
 
-} // namespace stream
-
-} // namespace vxcli
+} // namespace vxcli::stream

@@ -58,8 +58,8 @@ class tunnelConnection
 {
 public:
     /** Takes `accepted`, from `peerAddress`; `name` names the connection in the log. */
-    tunnelConnection(eventLoop& loop, connectionHost& host, const tunnelSetup& setup, int accepted,
-                     const std::string& name, const std::string& peerAddress);
+    tunnelConnection(eventLoop& owner, connectionHost& worker, const tunnelSetup& shared,
+                     int accepted, const std::string& name, const std::string& peerAddress);
     LVX_NOT_COPYABLE(tunnelConnection);
     ~tunnelConnection();
 
