@@ -332,7 +332,11 @@ void connectionLog::line(const std::string& text) const
     if (toStderr) {
         (void)vxGlobal.traceLog.AddMessage(message);
     }
-    (void)vxGlobal.traceLog.SysLog(message);
+    // Without a syslog socket every line would cost a failed connect to it.
+    static const bool syslogThere = access("/dev/log", W_OK) == 0;
+    if (syslogThere) {
+        (void)vxGlobal.traceLog.SysLog(message);
+    }
 }
 
 } // namespace vxcli

@@ -116,14 +116,15 @@ void tunnelConnection::step(side which)
         beginHandshake();
         break;
     case phase::handshake:
-        if (which == side::peer) {
+        if (which == side::plain) {
+            serviceConnected();
+        } else {
             sendHandshake();
             readHandshake();
         }
         break;
     case phase::connectingService:
-        checkConnected(plain, setup.target);
-        log.line("connected to " + setup.target.text());
+        serviceConnected();
         startRelay();
         break;
     case phase::relaying:
@@ -217,6 +218,9 @@ void tunnelConnection::handshakeMessage()
         require(handshake->RecvChallengeResponse(socket) && handshake->ValidateChallengeResponse(),
                 failed);
         if (setup.server) {
+            // The peer has proved it holds the secret: the service connection is made while
+            // the handshake's last message travels.
+            connectService();
             awaiting = expect::challengeRequest;
             return;
         }
@@ -232,26 +236,33 @@ void tunnelConnection::finishHandshake()
     handshake.reset();
     stepDeadline = steadyClock::time_point::max();
     log.line(setup.server ? "handshake done" : "handshake done with " + peerName);
-    if (setup.server) {
-        // The server's last message may still be on its way out.
-        sendHandshake();
-        connectService();
-    } else {
-        pipe->drain(toPeer);
+    // The server's last message may still be on its way out.
+    sendHandshake();
+    if (!setup.server || serviceReady) {
         startRelay();
+        return;
     }
+    state = phase::connectingService;
+    stepDeadline = serviceDeadline;
+    stepLimit = "cannot connect to " + setup.target.text() + ": no answer within " +
+                std::to_string(setup.channel.connectTimeout) + " s";
+    loop.want(peer, peerTarget, toPeer.empty() ? 0U : EPOLLOUT);
 }
 
 void tunnelConnection::connectService()
 {
-    state = phase::connectingService;
     plain = startConnect(setup);
     tuneSocket(plain);
-    stepDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
-    stepLimit = "cannot connect to " + setup.target.text() + ": no answer within " +
-                std::to_string(setup.channel.connectTimeout) + " s";
+    serviceDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
     loop.want(plain, plainTarget, EPOLLOUT);
-    loop.want(peer, peerTarget, toPeer.empty() ? 0U : EPOLLOUT);
+}
+
+void tunnelConnection::serviceConnected()
+{
+    checkConnected(plain, setup.target);
+    log.line("connected to " + setup.target.text());
+    serviceReady = true;
+    loop.want(plain, plainTarget, 0);
 }
 
 void tunnelConnection::startRelay()
@@ -278,7 +289,10 @@ steadyClock::time_point tunnelConnection::deadline() const
     if (state == phase::relaying) {
         return relay->deadline();
     }
-    return state == phase::finished ? steadyClock::time_point::max() : stepDeadline;
+    if (state == phase::finished) {
+        return steadyClock::time_point::max();
+    }
+    return serviceReady ? stepDeadline : std::min(stepDeadline, serviceDeadline);
 }
 
 void tunnelConnection::checkLimits(steadyClock::time_point now)
@@ -291,6 +305,9 @@ void tunnelConnection::checkLimits(steadyClock::time_point now)
             relay->checkLimits(now);
         } else if (now >= stepDeadline) {
             throw failure(stepLimit);
+        } else if (!serviceReady && now >= serviceDeadline) {
+            throw failure("cannot connect to " + setup.target.text() + ": no answer within " +
+                          std::to_string(setup.channel.connectTimeout) + " s");
         }
     } catch (const failure& error) {
         fail(error.what());

@@ -120,6 +120,7 @@ private:
     void handshakeMessage();
     void finishHandshake();
     void connectService();
+    void serviceConnected();
     void startRelay();
     void fail(const std::string& why);
     void close();
@@ -145,6 +146,9 @@ private:
     size_t messageBytes = 0;
     std::optional<streamRelay> relay;
     steadyClock::time_point stepDeadline = steadyClock::time_point::max();
+    /** Server end: the service connection, made once the peer proved it holds the secret. */
+    steadyClock::time_point serviceDeadline = steadyClock::time_point::max();
+    bool serviceReady = false;
     std::string stepLimit; ///< what passing stepDeadline means
 };
 
