@@ -250,34 +250,24 @@ void streamRelay::readNet()
         // Whole packets are handed on straight from the read; only the start of one that is
         // still arriving is kept with the connection.
         size_t got = 0;
-        const ioResult result = readInto(net, netBuffer, sizeof netBuffer, got);
-        netReadable = result == ioResult::progress && got == sizeof netBuffer;
-        if (result == ioResult::blocked) {
+        if (!readFromNet(netBuffer, sizeof netBuffer, got)) {
             return;
         }
-        if (result != ioResult::progress) {
-            netEnded();
-            return;
-        }
-        lastTraffic = steadyClock::now();
         const unsigned char* next = netBuffer;
-        while (got > 0 && got >= in.cells.packetSize()) {
+        while (got > 0) {
             if (!expectsMore()) {
                 throw failure("the peer broke the stream protocol: it sent more after the end "
                               "of its stream");
             }
             const size_t size = in.cells.packetSize();
+            if (got < size) {
+                in.packet.assign(next, next + got);
+                partialSince = lastTraffic;
+                break;
+            }
             deliver(next, size);
             next += size;
             got -= size;
-        }
-        if (got > 0) {
-            if (!expectsMore()) {
-                throw failure("the peer broke the stream protocol: it sent more after the end "
-                              "of its stream");
-            }
-            in.packet.assign(next, next + got);
-            partialSince = lastTraffic;
         }
     }
 }
@@ -288,21 +278,27 @@ void streamRelay::completePacket()
     const size_t have = in.packet.size();
     in.packet.resize(size);
     size_t got = 0;
-    const ioResult result = readInto(net, in.packet.data() + have, size - have, got);
+    const bool arrived = readFromNet(in.packet.data() + have, size - have, got);
     in.packet.resize(have + got);
-    netReadable = result == ioResult::progress && have + got == size;
-    if (result == ioResult::blocked) {
-        return;
-    }
-    if (result != ioResult::progress) {
-        netEnded();
-        return;
-    }
-    lastTraffic = steadyClock::now();
-    if (in.packet.size() == size) {
+    if (arrived && in.packet.size() == size) {
         deliver(in.packet.data(), size);
         std::vector<unsigned char>().swap(in.packet); // an idle connection holds nothing
     }
+}
+
+bool streamRelay::readFromNet(unsigned char* at, size_t limit, size_t& got)
+{
+    const ioResult result = readInto(net, at, limit, got);
+    // A short read took everything there was: the loop reports the next bytes.
+    netReadable = result == ioResult::progress && got == limit;
+    if (result == ioResult::ended || result == ioResult::failed) {
+        netEnded();
+    }
+    if (result != ioResult::progress) {
+        return false;
+    }
+    lastTraffic = steadyClock::now();
+    return true;
 }
 
 void streamRelay::deliver(const unsigned char* packet, size_t size)

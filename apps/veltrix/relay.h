@@ -145,6 +145,8 @@ private:
     void flushNet();
     void readNet();
     void completePacket();
+    /** Reads at most `limit` bytes from the peer; false when none came. */
+    bool readFromNet(unsigned char* at, size_t limit, size_t& got);
     void deliver(const unsigned char* packet, size_t size);
     void receive();
     void netEnded();
