@@ -44,7 +44,11 @@ TEST(benchCommand, writesOneCsvRowPerFigure)
         }
         ++rows[row[0] + " " + row[1] + " " + row[4]];
     }
-    std::vector<std::string> expected = {"handshake 0 us/handshake", "handshake 0 handshakes/s"};
+    // The packet rows, the handshake, and a tunnel pair on loopback: bulk writes and round trips.
+    std::vector<std::string> expected = {"handshake 0 us/handshake",  "handshake 0 handshakes/s",
+                                         "tunnel 16384 us/write",     "tunnel 16384 writes/s",
+                                         "tunnel 16384 MB/s",         "tunnel-rtt 1 us/round-trip",
+                                         "tunnel-rtt 1 round-trips/s"};
     for (const char* side : {"send", "receive"}) {
         for (const char* size : {"0", "16", "1024", "16384"}) {
             const std::string key = std::string(side) + " " + size + " ";
