@@ -450,14 +450,24 @@ bool vxNetSocket::RecvPlaintext(uint32_t size, vxBytes& bytes)
         LVX_CHECK(waitFirstReadiness());
     }
     for (;;) {
-        pollfd fds[2] = {{sockFd, POLLIN, 0}, {wakeupFd, POLLIN, 0}};
-        (void)waitReadable(fds, wakeupFd != 0 ? 2 : 1, -1);
-        if (wakeupFd != 0 && fds[1].revents != 0) {
-            return takeWakeup();
+        // A wake-up wins over data, so with a wake-up pipe both are waited for first. Without
+        // one the wait would only precede the receive: the receive goes first, and the socket
+        // is waited for only when it had nothing (a non-blocking one), which saves a system
+        // call per block whenever the bytes are already there.
+        if (wakeupFd != 0) {
+            pollfd fds[2] = {{sockFd, POLLIN, 0}, {wakeupFd, POLLIN, 0}};
+            (void)waitReadable(fds, 2, -1);
+            if (fds[1].revents != 0) {
+                return takeWakeup();
+            }
         }
         errno = 0;
         const ssize_t got = recv(sockFd, packetBuffer.get(), size, MSG_WAITALL | MSG_NOSIGNAL);
         if (got == -1 && (errno == EAGAIN || errno == EINTR)) {
+            if (wakeupFd == 0 && errno == EAGAIN) {
+                pollfd fds[1] = {{sockFd, POLLIN, 0}};
+                (void)waitReadable(fds, 1, -1);
+            }
             continue;
         }
         if (got == -1 || got == 0) {
