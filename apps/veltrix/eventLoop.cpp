@@ -99,6 +99,15 @@ void eventLoop::forget(int fd)
     slot = entry{};
 }
 
+void eventLoop::closing(int fd)
+{
+    if (fd >= 0 && static_cast<size_t>(fd) < entries.size() && !entries[fd].alwaysReady) {
+        entries[fd] = entry{};
+        return;
+    }
+    forget(fd);
+}
+
 void eventLoop::runOnce(int millis)
 {
     const bool anyReady = std::any_of(alwaysReady.begin(), alwaysReady.end(),

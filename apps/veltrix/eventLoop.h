@@ -40,8 +40,11 @@ public:
     /** Waits for `events` on `fd` (0: for nothing, but stays registered); cheap when unchanged. */
     void want(int fd, pollTarget& target, uint32_t events);
 
-    /** Stops watching `fd`; before it is closed. */
+    /** Stops watching `fd`. */
     void forget(int fd);
+    /** Forgets `fd`, which is about to be closed: its close takes it out of the epoll set, as no
+     *  other descriptor refers to its socket. */
+    void closing(int fd);
 
     /** Waits at most `millis` (-1: no limit) and reports what is ready. */
     void runOnce(int millis);

@@ -131,13 +131,6 @@ streamRelay::streamRelay(eventLoop& owner, vxNetEncryptedSocket& keyed, const pa
       initiator(isInitiator), limits(chosen)
 {}
 
-streamRelay::~streamRelay()
-{
-    loop.forget(net);
-    loop.forget(plain.input);
-    loop.forget(plain.output);
-}
-
 void streamRelay::start(pollTarget& network, pollTarget& plainIn, pollTarget& plainOut)
 {
     targets[static_cast<int>(role::network)] = &network;
@@ -388,10 +381,7 @@ void streamRelay::finishIfDone()
 void streamRelay::updateInterest()
 {
     if (state == phase::finished) {
-        loop.forget(net);
-        loop.forget(plain.input);
-        loop.forget(plain.output);
-        return;
+        return; // the owner closes the descriptors, or stops waiting for them
     }
     const bool reading = wantsNet();
     const bool stillReading = reading || in.netEnded || in.disconnected;

@@ -83,7 +83,7 @@ public:
     streamRelay(eventLoop& owner, veltrix::vxNetEncryptedSocket& keyed, const packetPipe& packets,
                 int network, plainSide plainEnd, bool isInitiator, const relayLimits& chosen);
     LVX_NOT_COPYABLE(streamRelay);
-    ~streamRelay();
+    ~streamRelay() = default;
 
     /** Which descriptor a readiness report is about. */
     enum class role

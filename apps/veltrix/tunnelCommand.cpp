@@ -14,6 +14,8 @@
 #include "tunnelConnection.h"
 #include "vxGlobal.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/signalfd.h>
@@ -59,8 +61,6 @@ struct sharedCounts
 /** While the tunnel is at --max-connections, a worker looks again this often whether another
  *  worker freed a place. */
 constexpr auto kFullRecheck = std::chrono::milliseconds(100);
-/** Connections taken from the backlog in one round, so that the others get their turn. */
-constexpr int kAcceptsPerRound = 16;
 
 sigset_t stopSignals()
 {
@@ -117,11 +117,13 @@ public:
     /** The listening socket is readable. */
     void ready(uint32_t /*events*/) override
     {
-        for (int round = 0; round < kAcceptsPerRound && takePlace(); ++round) {
+        // One connection a round: the listener stays ready while more wait, and the
+        // connections already open get their turn in between.
+        if (takePlace()) {
             sockaddr_storage peer{};
             socklen_t length = sizeof peer;
-            const int fd =
-                accept4(listener, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+            const int fd = accept4(listener, reinterpret_cast<sockaddr*>(&peer), &length,
+                                   SOCK_CLOEXEC | SOCK_NONBLOCK);
             if (fd < 0) {
                 counters.open.fetch_sub(1);
                 return; // gone before it was accepted, or out of descriptors for now
@@ -341,6 +343,9 @@ int runTunnel(cliFrame& frame, const tunnelOptions& options)
     const endpoint acceptAt = parseEndpoint(options.accept);
     vxNetSocket listener;
     listenOn(frame, listener, acceptAt);
+    // Accepted sockets inherit this: small messages leave at once.
+    const int on = 1;
+    (void)setsockopt(listener.sockFd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     const connectionLog log("", options.foreground);
     log.line(std::string(options.server ? "server" : "client") + " tunnel listening on " +
              acceptAt.text() + ", forwarding to " + setup.target.text() + " (" +

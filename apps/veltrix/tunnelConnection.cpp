@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace vxcli {
 
@@ -64,8 +65,7 @@ tunnelConnection::~tunnelConnection()
 void tunnelConnection::start()
 {
     try {
-        setNonBlocking(setup.server ? peer : plain);
-        tuneSocket(setup.server ? peer : plain);
+        // The accepted socket is non-blocking and inherits its options from the listener.
         if (setup.server) {
             beginHandshake();
         } else {
@@ -150,8 +150,10 @@ void tunnelConnection::beginHandshake()
                     handshake->SendChallengeRequest(socket),
                 failed);
         awaiting = expect::challengeResponse;
+        handshakeLeft = 2 * kMessage; // the answer and the client's challenge
     } else {
         awaiting = expect::version;
+        handshakeLeft = 3 * kMessage; // the version, the server's challenge and its answer
     }
     stepDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.handshakeTimeout);
     stepLimit = "the handshake with " + peerName + " did not finish within " +
@@ -171,12 +173,12 @@ void tunnelConnection::sendHandshake()
 
 void tunnelConnection::readHandshake()
 {
-    // Exactly the bytes of the message awaited: what follows belongs to the next step, or to the
+    // Never more than the peer's part of the handshake still holds: what follows belongs to the
     // first packet.
-    while (state == phase::handshake) {
+    while (state == phase::handshake && handshakeLeft > messageBytes) {
         size_t got = 0;
-        const ioResult result =
-            readInto(peer, message + messageBytes, kMessage - messageBytes, got);
+        const size_t wanted = handshakeLeft - messageBytes;
+        const ioResult result = readInto(peer, message + messageBytes, wanted, got);
         if (result == ioResult::blocked) {
             return;
         }
@@ -185,10 +187,17 @@ void tunnelConnection::readHandshake()
                           " failed: the peer closed the connection");
         }
         messageBytes += got;
-        if (messageBytes == kMessage) {
-            messageBytes = 0;
-            pipe->feed(message, kMessage);
+        size_t used = 0;
+        while (messageBytes - used >= kMessage && state == phase::handshake) {
+            pipe->feed(message + used, kMessage);
+            used += kMessage;
+            handshakeLeft -= kMessage;
             handshakeMessage();
+        }
+        messageBytes -= used;
+        std::memmove(message, message + used, messageBytes);
+        if (got < wanted) {
+            return; // a short read took everything there was
         }
     }
 }
@@ -350,7 +359,7 @@ void tunnelConnection::release()
     relay.reset();
     for (int* fd : {&peer, &plain}) {
         if (*fd >= 0) {
-            loop.forget(*fd);
+            loop.closing(*fd);
             (void)::close(*fd);
             *fd = -1;
         }

@@ -141,9 +141,10 @@ private:
     veltrix::vxNetEncryptedSocket channel;
     std::unique_ptr<veltrix::vxNetPSKChallengeResponse> handshake;
     std::optional<packetPipe> pipe;
-    byteQueue toPeer; ///< handshake messages the network has not taken yet
-    unsigned char message[16] = {};
+    byteQueue toPeer;               ///< handshake messages the network has not taken yet
+    unsigned char message[48] = {}; ///< handshake messages from the peer, not yet taken
     size_t messageBytes = 0;
+    size_t handshakeLeft = 0; ///< bytes of the peer's part of the handshake still to come
     std::optional<streamRelay> relay;
     steadyClock::time_point stepDeadline = steadyClock::time_point::max();
     /** Server end: the service connection, made once the peer proved it holds the secret. */
