@@ -18,6 +18,7 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -243,9 +244,16 @@ pid_t startWorker(const tunnelSetup& setup, int listener, sharedCounts& counts, 
 {
     std::cout.flush();
     std::cerr.flush();
+    const pid_t parent = getpid();
     const pid_t child = fork();
     if (child != 0) {
         return child;
+    }
+    // The tunnel is one unit: a worker whose parent is gone (killed, say) ends at once rather
+    // than serve on without it.
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(exitFailure);
     }
     (void)signal(SIGINT, SIG_IGN);
     int status = exitOk;
