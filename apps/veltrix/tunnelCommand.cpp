@@ -214,6 +214,9 @@ private:
     /** Frees the connections that ended and their places. */
     void reap()
     {
+        if (ended.empty()) {
+            return;
+        }
         for (tunnelConnection* connection : ended) {
             const auto place = places.find(connection);
             connections.erase(place->second);
