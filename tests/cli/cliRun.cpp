@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -111,19 +112,19 @@ int waitUntil(pid_t pid, clock::time_point deadline)
     }
 }
 
-/** A traffic counter as the library keeps it: a sum of 0xFFFFC000 or more starts again at the
- *  amount added, and counts a restart. */
+/** A traffic counter as the library keeps it: a sum of kRestartPoint or more starts again at
+ *  the amount added. */
+constexpr uint32_t kRestartPoint = 0xFFFFC000U;
+
 struct counterModel
 {
     uint32_t value;
-    uint32_t restarts = 0;
 
     void add(uint32_t amount, uint64_t times = 1)
     {
         for (uint64_t i = 0; i < times; ++i) {
             const uint32_t sum = value + amount;
-            restarts += sum >= 0xFFFFC000U ? 1 : 0;
-            value = sum >= 0xFFFFC000U ? amount : sum;
+            value = sum >= kRestartPoint ? amount : sum;
         }
     }
 };
@@ -406,6 +407,63 @@ bool closedWithin(int fd, int seconds)
     return false;
 }
 
+bool listeningWithin(int port, int seconds)
+{
+    char wanted[8];
+    (void)std::snprintf(wanted, sizeof wanted, ":%04X", static_cast<unsigned>(port));
+    const auto deadline = clock::now() + std::chrono::seconds(seconds);
+    do {
+        // Each line: "sl local_address rem_address st ...", addresses as hex IP:PORT, 0A = listen.
+        std::istringstream table(readFile("/proc/net/tcp"));
+        std::string line;
+        std::getline(table, line); // the column names
+        while (std::getline(table, line)) {
+            std::istringstream fields(line);
+            std::string slot;
+            std::string local;
+            std::string remote;
+            std::string state;
+            fields >> slot >> local >> remote >> state;
+            if (local.size() > 5 && local.compare(local.size() - 5, 5, wanted) == 0 &&
+                state == "0A") {
+                return true;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    } while (clock::now() < deadline);
+    return false;
+}
+
+bool sendPattern(int fd, uint64_t size, unsigned seed)
+{
+    patternStream source(seed);
+    std::string chunk(size_t{1} << 16U, '\0');
+    for (uint64_t at = 0; at < size; at += chunk.size()) {
+        chunk.resize(static_cast<size_t>(std::min<uint64_t>(chunk.size(), size - at)));
+        source.fill(chunk.data(), chunk.size());
+        if (!sendAll(fd, chunk)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool receivePattern(int fd, unsigned seed, uint64_t& total)
+{
+    patternStream expected(seed);
+    std::vector<char> chunk(size_t{1} << 16U);
+    std::vector<char> wanted(chunk.size());
+    bool same = true;
+    ssize_t got = 0;
+    total = 0;
+    while ((got = recv(fd, chunk.data(), chunk.size(), 0)) > 0) {
+        expected.fill(wanted.data(), static_cast<size_t>(got));
+        same = same && std::equal(chunk.begin(), chunk.begin() + got, wanted.begin());
+        total += static_cast<uint64_t>(got);
+    }
+    return same && got == 0;
+}
+
 loopbackService::loopbackService(std::function<void(int)> serve)
     : port(freePort()), listener(listenLoopback(port)), handler(std::move(serve))
 {
@@ -477,9 +535,31 @@ processFigures figuresOf(pid_t pid)
         ++figures.descriptors;
     }
     const std::string status = readFile(proc + "/status");
-    const size_t at = status.find("VmRSS:");
-    figures.rssKiB = at == std::string::npos ? -1 : std::atol(status.c_str() + at + 6);
+    const size_t at = status.find("RssAnon:");
+    figures.anonKiB = at == std::string::npos ? -1 : std::atol(status.c_str() + at + 8);
     return figures;
+}
+
+std::vector<pid_t> childrenOf(pid_t pid)
+{
+    const std::string id = std::to_string(pid);
+    std::istringstream listed(readFile("/proc/" + id + "/task/" + id + "/children"));
+    std::vector<pid_t> children;
+    for (pid_t child = 0; listed >> child;) {
+        children.push_back(child);
+    }
+    return children;
+}
+
+processFigures figuresOfTree(pid_t pid)
+{
+    processFigures total = figuresOf(pid);
+    for (const pid_t child : childrenOf(pid)) {
+        const processFigures figures = figuresOf(child);
+        total.descriptors += figures.descriptors;
+        total.anonKiB += figures.anonKiB;
+    }
+    return total;
 }
 
 bool running(pid_t pid)
@@ -496,34 +576,49 @@ int64_t statsValue(const std::string& table, const std::string& row)
     return bar == std::string::npos ? -1 : std::atoll(table.c_str() + bar + 1);
 }
 
-uint32_t expectCounters(const std::string& table, uint32_t start, uint64_t sent, uint64_t received,
-                        bool initiator)
+trafficCounters trafficOf(const std::string& table)
 {
-    // Each packet sent counts two messages (header and body) and 48 + 4096 bytes, each packet
-    // received one message and 4096 bytes, the disconnect command one message of 64 bytes.
-    counterModel sentMsgs{start};
-    counterModel sentBytes{start};
-    counterModel recvMsgs{start};
-    counterModel recvBytes{start};
-    for (uint64_t i = 0; i < sent; ++i) {
-        sentMsgs.add(1, 2);
-        sentBytes.add(48);
-        sentBytes.add(4096);
+    return {statsValue(table, "SentMsgs"), statsValue(table, "SentBytes"),
+            statsValue(table, "RecvMsgs"), statsValue(table, "RecvBytes")};
+}
+
+int64_t messageCounter(uint64_t messages)
+{
+    counterModel counter{kCountersStart};
+    counter.add(1, messages);
+    return counter.value;
+}
+
+int64_t messagesCounted(int64_t value)
+{
+    if (value < 0) {
+        return -1;
     }
-    if (initiator) {
-        sentMsgs.add(1);
-        sentBytes.add(64);
-    }
-    recvMsgs.add(1, received);
-    recvBytes.add(4096, received);
-    EXPECT_EQ(statsValue(table, "SentMsgs"), sentMsgs.value) << table;
-    EXPECT_EQ(statsValue(table, "SentBytes"), sentBytes.value) << table;
-    EXPECT_EQ(statsValue(table, "RecvMsgs"), recvMsgs.value) << table;
-    EXPECT_EQ(statsValue(table, "RecvBytes"), recvBytes.value) << table;
-    std::cout << "restarts of SentMsgs, SentBytes, RecvMsgs, RecvBytes: " << sentMsgs.restarts
-              << ", " << sentBytes.restarts << ", " << recvMsgs.restarts << ", "
-              << recvBytes.restarts << "\n";
-    return sentBytes.restarts + recvBytes.restarts;
+    // Below the start, the counter restarted once: at 1, on the message that reached the limit.
+    const int64_t toLimit = int64_t{kRestartPoint} - kCountersStart;
+    const int64_t messages = value >= kCountersStart ? value - kCountersStart : value + toLimit - 1;
+    return messageCounter(static_cast<uint64_t>(messages)) == value ? messages : -1;
+}
+
+void expectSent(const trafficCounters& counted, int64_t packets, int64_t bodies, bool initiator)
+{
+    ASSERT_GE(packets, 0);
+    const auto messages = static_cast<uint64_t>(2 * packets + (initiator ? 1 : 0));
+    EXPECT_EQ(counted.sentMsgs, messageCounter(messages));
+    // The first header took the byte counter past the limit, so it restarted at 48 and holds
+    // every byte since: the restart keeps the amount added, not the sum's excess.
+    EXPECT_EQ(counted.sentBytes, 48 * packets + bodies + (initiator ? 64 : 0));
+}
+
+void expectStreamBodies(uint64_t data, int64_t packets, int64_t bodies)
+{
+    constexpr int64_t kCellData = 16381;
+    const auto bytes = static_cast<int64_t>(data);
+    EXPECT_EQ(bodies % 16, 0) << bodies;
+    EXPECT_GE(packets, (bytes + kCellData - 1) / kCellData + 1);
+    // Each cell adds its 3 bytes, and at most 15 of padding.
+    EXPECT_GE(bodies, bytes + 3 * packets);
+    EXPECT_LE(bodies, bytes + 18 * packets);
 }
 
 } // namespace vxclitest

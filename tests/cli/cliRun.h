@@ -15,7 +15,21 @@
 #include <thread>
 #include <vector>
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VX_CLI_ASAN 1
+#endif
+#endif
+
 namespace vxclitest {
+
+/** Whether the program and the tests run under AddressSanitizer, whose quarantine holds freed
+ *  memory back on purpose: a resident size then says nothing about a leak. */
+#if defined(__SANITIZE_ADDRESS__) || defined(VX_CLI_ASAN)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
 
 /** How a run ended. `status` is the exit status, or 128 + the signal that ended it, or -1 when it
  *  ran over its time limit (it is then killed). */
@@ -117,6 +131,14 @@ std::string receiveAll(int fd, bool* ended = nullptr);
 /** Whether the peer ended or reset the connection on `fd` within `seconds`; what arrives before
  *  is dropped. */
 bool closedWithin(int fd, int seconds);
+/** Whether a socket listens on 127.0.0.1:port (or any address) within `seconds`, seen from
+ *  /proc without connecting to it: a listener that takes one connection keeps it. */
+bool listeningWithin(int port, int seconds);
+/** Sends `size` bytes of patternStream(seed), piece by piece. */
+bool sendPattern(int fd, uint64_t size, unsigned seed);
+/** Receives until the end of the stream and compares with patternStream(seed); true when every
+ *  byte matched and the stream ended normally. `total` counts the bytes received. */
+bool receivePattern(int fd, unsigned seed, uint64_t& total);
 
 /** A plain TCP service on loopback: each connection goes to `serve`, on a thread of its own,
  *  which closes it. */
@@ -156,25 +178,58 @@ std::unique_ptr<backgroundRun> startTunnel(const std::string& mode, int acceptPo
                                            const std::string& secretFile,
                                            const std::vector<std::string>& extra = {});
 
-/** Open descriptors and resident memory of a process, from /proc. */
+/** Open descriptors and resident anonymous memory (heap, stacks, written data: what a leak
+ *  grows; shared code a worker touches for the first time does not count) of a process, from
+ *  /proc. */
 struct processFigures
 {
     size_t descriptors = 0;
-    long rssKiB = 0;
+    long anonKiB = 0;
 };
 
 processFigures figuresOf(pid_t pid);
+/** The children of `pid` (a tunnel's workers), in the order /proc lists them. */
+std::vector<pid_t> childrenOf(pid_t pid);
+/** The figures of `pid` and its children added up: a tunnel and its workers. */
+processFigures figuresOfTree(pid_t pid);
 /** Whether `pid` exists and has not ended (a zombie has). */
 bool running(pid_t pid);
 
 /** The number in row `row` of a statistics table printed by `cat --stats`; -1 without one. */
 int64_t statsValue(const std::string& table, const std::string& row);
 
-/** Expects the four traffic counters of a `cat --stats` table where the library puts them when
- *  they started at `start` and the end sent `sent` cells (and the disconnect command when it is
- *  the `initiator`) and received `received` cells. Returns how often the byte counters
- *  restarted. */
-uint32_t expectCounters(const std::string& table, uint32_t start, uint64_t sent, uint64_t received,
-                        bool initiator);
+/** The four traffic counters of a `cat --stats` table. */
+struct trafficCounters
+{
+    int64_t sentMsgs = -1;
+    int64_t sentBytes = -1;
+    int64_t recvMsgs = -1;
+    int64_t recvBytes = -1;
+};
+
+trafficCounters trafficOf(const std::string& table);
+
+/** Where `cat --stats-start` puts the counters for the checks below: 16 below the point where
+ *  the library restarts a counter. No message of the channel is smaller than 16 bytes, so each
+ *  byte counter restarts at its first update and from then on holds the exact total; the
+ *  message counters restart at their 16th message. */
+constexpr uint32_t kCountersStart = 0xFFFFC000U - 16;
+
+/** How many messages took a message counter from kCountersStart to `value` under the library's
+ *  restart rule; -1 when no count does. */
+int64_t messagesCounted(int64_t value);
+/** What a message counter started at kCountersStart shows after `messages` messages. */
+int64_t messageCounter(uint64_t messages);
+
+/** Expects what one end's counters (started at kCountersStart) show for `packets` packets sent
+ *  with bodies of `bodies` bytes in all, each behind a 48-byte header and counted as two
+ *  messages, and the disconnect command (one message of 64 bytes) when it is the `initiator`. */
+void expectSent(const trafficCounters& counted, int64_t packets, int64_t bodies, bool initiator);
+
+/** Expects `packets` packets with `bodies` bytes of bodies to be a stream that carried `data`
+ *  bytes and its end in cells of the stream protocol: each body is its cell (3 bytes and the
+ *  data) rounded up to 16 bytes, no cell carries more than 16381 bytes, and the end cell has a
+ *  body of its own. */
+void expectStreamBodies(uint64_t data, int64_t packets, int64_t bodies);
 
 } // namespace vxclitest

@@ -1,6 +1,6 @@
 // veltrix tunnel in front of a small echo service, with clients connecting through a client
 // tunnel: data exact both ways, half-close, large streams both ways at once, a wrong secret, a
-// connection that dies mid-stream, SIGTERM.
+// connection that dies mid-stream, SIGTERM; and cat at either end of a tunnel.
 #include "cliRun.h"
 
 #include <arpa/inet.h>
@@ -62,7 +62,9 @@ protected:
 
 TEST_F(tunnelTest, CarriesEveryByteAndHalfClose)
 {
-    for (const size_t size : {size_t{1}, size_t{4093}, size_t{4094}, size_t{100000}}) {
+    // Around the cells' bounds: the first packet's 13 bytes, a full cell's 16381, a read's 65537.
+    for (const size_t size : {size_t{1}, size_t{13}, size_t{14}, size_t{4093}, size_t{16381},
+                              size_t{16382}, size_t{65537}, size_t{100000}}) {
         const std::string request = pattern(size, static_cast<unsigned>(size));
         EXPECT_EQ(exchange(request, clientPort), request) << size << " bytes";
     }
@@ -89,6 +91,127 @@ TEST_F(tunnelTest, LargeStreamsBothWaysAtOnceComplete)
     EXPECT_TRUE(ended);
     EXPECT_EQ(echoed.size(), stream.size());
     EXPECT_TRUE(echoed == stream);
+}
+
+/** A service that starts sending `sent` bytes of patternStream(sendSeed) as soon as a connection
+ *  arrives, and at the same time receives and checks patternStream(receiveSeed) until the end of
+ *  the stream: neither direction waits for the other. */
+class duplexService
+{
+public:
+    duplexService(uint64_t sent, unsigned sendSeed, unsigned receiveSeed)
+        : service([this, sent, sendSeed, receiveSeed](int fd) {
+              const timeval limit{60, 0}; // a stuck tunnel fails the test, not the run
+              (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+              (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+              std::thread writer([&] {
+                  sentWhole = sendPattern(fd, sent, sendSeed);
+                  (void)shutdown(fd, SHUT_WR);
+              });
+              uint64_t total = 0;
+              exact = receivePattern(fd, receiveSeed, total);
+              received = total;
+              writer.join();
+              (void)close(fd);
+              done = true;
+          })
+    {}
+
+    /** Waits at most `seconds` for the connection to be served to its end. */
+    bool finishedWithin(int seconds) const
+    {
+        for (int wait = 0; wait < seconds * 100 && !done; ++wait) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return done;
+    }
+
+    std::atomic<bool> sentWhole{false};
+    std::atomic<bool> exact{false};
+    std::atomic<uint64_t> received{0};
+    std::atomic<bool> done{false};
+    loopbackService service;
+};
+
+TEST_F(tunnelTest, BothDirectionsSaturatedAtOnceComplete)
+{
+    // The service and the application both write 64 MiB before they read a byte (each reads on
+    // another thread), so every queue and buffer on the way fills in both directions at once.
+    constexpr uint64_t kSize = uint64_t{64} << 20U;
+    duplexService duplex(kSize, 21, 22);
+    const int backPort = freePort();
+    const int frontPort = freePort();
+    const auto back = start("--server", backPort, duplex.service.port, psk);
+    const auto front = start("--client", frontPort, backPort, psk);
+    const int fd = connectLoopback(frontPort);
+    ASSERT_GE(fd, 0);
+    std::atomic<bool> sent{false};
+    std::thread writer([&] {
+        sent = sendPattern(fd, kSize, 22);
+        (void)shutdown(fd, SHUT_WR);
+    });
+    uint64_t received = 0;
+    EXPECT_TRUE(receivePattern(fd, 21, received)) << received << " bytes received";
+    writer.join();
+    (void)close(fd);
+    EXPECT_EQ(received, kSize);
+    EXPECT_TRUE(sent);
+    ASSERT_TRUE(duplex.finishedWithin(60));
+    EXPECT_TRUE(duplex.sentWhole);
+    EXPECT_TRUE(duplex.exact);
+    EXPECT_EQ(duplex.received, kSize);
+    EXPECT_TRUE(back->waitForError("closed", 10)) << back->errorText();
+    EXPECT_TRUE(front->waitForError("closed", 10)) << front->errorText();
+}
+
+TEST_F(tunnelTest, CatAgainstAServerTunnelCarriesBothWays)
+{
+    // cat speaks the stream protocol to the server tunnel directly: its input reaches the
+    // service while the service's bytes reach its output.
+    const std::string input = pattern((5 << 20) + 3, 23);
+    duplexService duplex((3 << 20) + 7, 24, 23);
+    const int backPort = freePort();
+    const auto back = start("--server", backPort, duplex.service.port, psk);
+    const runResult cat = runVeltrix({"cat", address(backPort), "--psk-file", psk}, input, 120);
+    EXPECT_EQ(cat.status, 0) << cat.err;
+    EXPECT_EQ(cat.err, "");
+    EXPECT_TRUE(cat.out == pattern((3 << 20) + 7, 24)) << cat.out.size() << " bytes received";
+    ASSERT_TRUE(duplex.finishedWithin(60));
+    EXPECT_TRUE(duplex.exact);
+    EXPECT_EQ(duplex.received, input.size());
+    EXPECT_TRUE(back->waitForError("closed", 10)) << back->errorText();
+}
+
+TEST_F(tunnelTest, AClientTunnelAgainstAListeningCatCarriesBothWays)
+{
+    // The client tunnel connects to cat --listen: the application's bytes reach cat's output
+    // while cat's input reaches the application, and cat ends once the tunnel disconnects.
+    const std::string spoken = pattern((3 << 20) + 11, 25);
+    const std::string fromApplication = pattern((5 << 20) + 13, 26);
+    writeFile(dir.file("spoken"), spoken);
+    const int catPort = freePort();
+    backgroundRun listener({veltrixPath(), "cat", "--listen", address(catPort), "--psk-file", psk},
+                           dir.file("spoken"), dir.file("heard"));
+    ASSERT_TRUE(listeningWithin(catPort, 30)) << listener.errorText();
+    const int frontPort = freePort();
+    const auto front = start("--client", frontPort, catPort, psk);
+    const int fd = connectLoopback(frontPort);
+    ASSERT_GE(fd, 0);
+    std::atomic<bool> sent{false};
+    std::thread writer([&] {
+        sent = sendAll(fd, fromApplication);
+        (void)shutdown(fd, SHUT_WR);
+    });
+    bool ended = false;
+    const std::string answer = receiveAll(fd, &ended);
+    writer.join();
+    (void)close(fd);
+    EXPECT_TRUE(sent);
+    EXPECT_TRUE(ended);
+    EXPECT_TRUE(answer == spoken) << answer.size() << " bytes received";
+    EXPECT_EQ(listener.wait(30), 0) << listener.errorText();
+    EXPECT_TRUE(readFile(dir.file("heard")) == fromApplication);
+    EXPECT_TRUE(front->waitForError("closed", 10)) << front->errorText();
 }
 
 TEST_F(tunnelTest, WrongSecretEndsOnlyThatConnection)
