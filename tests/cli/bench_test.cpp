@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <map>
 #include <sstream>
 #include <string>
@@ -45,10 +46,14 @@ TEST(benchCommand, writesOneCsvRowPerFigure)
         ++rows[row[0] + " " + row[1] + " " + row[4]];
     }
     // The packet rows, the handshake, and a tunnel pair on loopback: bulk writes and round trips.
-    std::vector<std::string> expected = {"handshake 0 us/handshake",  "handshake 0 handshakes/s",
-                                         "tunnel 16384 us/write",     "tunnel 16384 writes/s",
-                                         "tunnel 16384 MB/s",         "tunnel-rtt 1 us/round-trip",
-                                         "tunnel-rtt 1 round-trips/s"};
+    // Only a program run under an emulator may leave the tunnel rows out, and says so.
+    std::vector<std::string> expected = {"handshake 0 us/handshake", "handshake 0 handshakes/s"};
+    if (std::getenv("VX_TEST_WRAPPER") == nullptr ||
+        run.err.find("the tunnel rows are left out") == std::string::npos) {
+        expected.insert(expected.end(),
+                        {"tunnel 16384 us/write", "tunnel 16384 writes/s", "tunnel 16384 MB/s",
+                         "tunnel-rtt 1 us/round-trip", "tunnel-rtt 1 round-trips/s"});
+    }
     for (const char* side : {"send", "receive"}) {
         for (const char* size : {"0", "16", "1024", "16384"}) {
             const std::string key = std::string(side) + " " + size + " ";
