@@ -871,7 +871,9 @@ constexpr char kCannotRestart[] = "cannot start this program again\n";
     }
     execv("/proc/self/exe", argv);
     // Under a user-mode emulator without binfmt_misc the program cannot start itself again.
-    (void)!write(STDERR_FILENO, kCannotRestart, sizeof kCannotRestart - 1);
+    // Nothing is left to do when even this write fails.
+    [[maybe_unused]] const ssize_t said =
+        write(STDERR_FILENO, kCannotRestart, sizeof kCannotRestart - 1);
     _exit(exitFailure);
 }
 
