@@ -240,13 +240,13 @@ void tunnelConnection::handshakeMessage()
 
 void tunnelConnection::finishHandshake()
 {
+    // The server's last message leaves first: the peer waits for it, not for the keys below.
+    sendHandshake();
     require(handshake->SeedInitialKeys(channel), "the handshake with " + peerName + " failed");
     require(cliFrame::close(*handshake), "cannot close the handshake");
     handshake.reset();
     stepDeadline = steadyClock::time_point::max();
     log.line(setup.server ? "handshake done" : "handshake done with " + peerName);
-    // The server's last message may still be on its way out.
-    sendHandshake();
     if (!setup.server || serviceReady) {
         startRelay();
         return;
