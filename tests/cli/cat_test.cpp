@@ -2,10 +2,15 @@
 // payloads, and the statistics and progress output.
 #include "cliRun.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <iostream>
 #include <string>
+#include <thread>
 
 using namespace vxclitest;
 
@@ -48,6 +53,35 @@ protected:
     std::string psk = dir.file("psk");
     std::string peer = "127.0.0.1:" + std::to_string(freePort());
 };
+
+TEST_F(catTest, ASlowStandardOutputIsNotChargedToThePeer)
+{
+    // The reader of the client's output starts 3 s late: the relay holds its reads from the
+    // peer meanwhile, and a receive limit of 1 s must not count that time against the peer.
+    const std::string fromListener = pattern(2 << 20, 3);
+    const auto listener = listen(fromListener);
+    ASSERT_TRUE(listeningWithin(std::stoi(peer.substr(peer.rfind(':') + 1)), 30));
+    const std::string slow = dir.file("slow");
+    ASSERT_EQ(mkfifo(slow.c_str(), 0600), 0);
+    writeFile(dir.file("nothing"), "");
+    std::string heard;
+    std::thread reader([&] {
+        const int fd = open(slow.c_str(), O_RDONLY);
+        std::this_thread::sleep_for(std::chrono::seconds(3));
+        char chunk[65536];
+        ssize_t got = 0;
+        while (fd >= 0 && (got = read(fd, chunk, sizeof chunk)) > 0) {
+            heard.append(chunk, static_cast<size_t>(got));
+        }
+        (void)close(fd);
+    });
+    backgroundRun client({veltrixPath(), "cat", peer, "--psk-file", psk, "--receive-timeout", "1"},
+                         dir.file("nothing"), slow);
+    EXPECT_EQ(client.wait(120), 0) << client.errorText();
+    reader.join();
+    EXPECT_EQ(listener->wait(60), 0) << listener->errorText();
+    EXPECT_TRUE(heard == fromListener) << heard.size() << " bytes received";
+}
 
 TEST_F(catTest, BothWaysByteForByte)
 {
