@@ -125,9 +125,9 @@ void eventLoop::runOnce(int millis)
             entries[fd].target->ready(events[i].events);
         }
     }
-    const std::vector<int> always = alwaysReady;
-    for (const int fd : always) {
-        const entry& slot = entries[fd];
+    // By index: a target may forget a descriptor meanwhile, and the next round sees the rest.
+    for (size_t i = 0; i < alwaysReady.size(); ++i) { // NOLINT(modernize-loop-convert): may shrink
+        const entry& slot = entries[alwaysReady[i]];
         if (slot.target != nullptr && slot.events != 0) {
             slot.target->ready(slot.events);
         }
