@@ -79,6 +79,8 @@ void tunnelConnection::start()
         }
     } catch (const failure& error) {
         fail(error.what());
+    } catch (const std::exception& error) {
+        fail(std::string("unexpected error: ") + error.what());
     }
     host.checkBy(deadline());
 }
