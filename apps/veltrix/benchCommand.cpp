@@ -516,7 +516,7 @@ figure measureHandshake(cliFrame& frame, const benchOptions& options,
     vxdirect::handshakeDigest digest = vxdirect::handshakeDigest::md5;
     (void)vxdirect::findHandshakeDigest(options.hash, digest); // checked with the options
     const vxBytes secret = secretBytes();
-    channelOptions channel;
+    channelOptions channel = defaultChannel();
     channel.cipher = options.cipher;
     channel.hash = options.hash;
     handshakeServer server(frame, options);

@@ -184,7 +184,9 @@ void addCatCommand(CLI::App& program, selection& chosen)
     CLI::Option* peer = command->add_option("peer", options->peer, "ADDR:PORT to connect to")
                             ->check(endpointValidator());
     listen->excludes(peer);
-    addChannelOptions(*command, options->channel);
+    auto given = std::make_shared<givenOptions>();
+    addOptions(*command, channelRows(), *given);
+    command->get_option("--psk-file")->required();
     command->add_flag("--raw", options->raw,
                       "bare payloads, for any application built on the library");
     command->add_flag("--progress", options->progress,
@@ -196,7 +198,9 @@ void addCatCommand(CLI::App& program, selection& chosen)
     // An empty group keeps it out of --help: it exists for tests of the counters' restart.
     command->add_option("--stats-start", options->statsStartText, "the counters' start value")
         ->group("");
-    command->callback([options, &chosen] {
+    command->callback([options, given, &chosen] {
+        options->channel = defaultChannel();
+        applyGiven(channelRows(), *given, options->channel);
         if (!options->statsStartText.empty()) {
             options->statsStart = parseStatsStart(options->statsStartText);
         }

@@ -5,7 +5,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,6 +28,9 @@ const std::set<std::string> kCiphers = {"none", "aes128", "aes192", "aes256"};
 /** The handshake needs a 16-byte digest; the other hash modes fail its validation. */
 const std::set<std::string> kHandshakeHashes = {"md5", "sha256-128"};
 const std::set<std::string> kOtherHashes = {"sha1", "sha256", "sha384", "sha512"};
+
+/** The library's reason when the peer's answer to this end's challenge is wrong. */
+const char* const kWrongAnswer = "( decrypted == correctResponse )";
 
 /** The descriptor the handshake deadline shuts down, and whether it fired. */
 volatile sig_atomic_t deadlineFd = -1;
@@ -80,7 +85,10 @@ public:
         }
         // The library reports a message cut short by the peer's close with no text of its own.
         if (!ok && peerEnded(fd)) {
-            throw failure("the handshake with " + peer + " failed: the peer closed the connection");
+            throw failure("the handshake with " + peer + " failed: " + kPeerClosed);
+        }
+        if (!ok && trailReason() == kWrongAnswer) {
+            throw failure("the handshake with " + peer + " failed: " + kNotShared);
         }
         require(ok, "the handshake with " + peer + " failed");
     }
@@ -89,17 +97,55 @@ private:
     struct sigaction previous = {};
 };
 
+/** Connects `socket` to the first address of `where` that takes the connection: a name such as
+ *  localhost may stand for an IPv6 and an IPv4 address where a service listens on one. Each
+ *  Connect makes a new descriptor, so the socket can try the next address. */
 void connectSocket(vxNetSocket& socket, const endpoint& where, unsigned seconds)
 {
+    const std::vector<socketAddress> addresses = resolve(where);
     const std::string what = "cannot connect to " + where.text();
-    require(socket.setConnectTimeout(seconds) && socket.setPort(where.port) &&
-                socket.setAddress(where.address),
-            what);
-    if (!socket.Connect()) {
-        require(!vxBase::HaveStackTrace(), what);
-        throw failure(what + ": no answer within " + std::to_string(seconds) + " s");
+    for (size_t i = 0; i < addresses.size(); ++i) {
+        const endpoint at = parseEndpoint(addressText(addresses[i].address));
+        require(socket.setConnectTimeout(seconds) && socket.setPort(at.port) &&
+                    socket.setAddress(at.address),
+                what);
+        const bool last = i + 1 == addresses.size();
+        if (!socket.Connect()) {
+            if (!vxBase::HaveStackTrace()) {
+                throw failure(what + ": no answer within " + std::to_string(seconds) + " s");
+            }
+            require(!last, what);
+            vxBase::lvxClearLastError();
+            continue;
+        }
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (last ||
+            (getsockopt(socket.sockFd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0)) {
+            checkConnected(socket.sockFd, where);
+            return;
+        }
     }
-    checkConnected(socket.sockFd, where);
+}
+
+/** A server tunnel speaks first: waits for its first bytes and refuses them, unread, when they
+ *  are another protocol's (a banner, say), or when none come in time. */
+void refuseForeignServer(int fd, const std::string& peer, unsigned seconds)
+{
+    pollfd first{fd, POLLIN, 0};
+    const int ready = poll(&first, 1, static_cast<int>(seconds) * 1000);
+    if (ready == 0) {
+        throw failure("the handshake with " + peer + " did not finish within " +
+                      std::to_string(seconds) +
+                      " s: the peer sent nothing (is it a server tunnel?)");
+    }
+    unsigned char bytes[16];
+    const ssize_t got = recv(fd, bytes, sizeof bytes, MSG_PEEK | MSG_DONTWAIT);
+    const std::string foreign = foreignProtocol(bytes, got > 0 ? static_cast<size_t>(got) : 0);
+    if (!foreign.empty()) {
+        throw failure("the handshake with " + peer +
+                      " failed: the peer is not a veltrix tunnel: " + foreign);
+    }
 }
 
 } // namespace
@@ -114,24 +160,30 @@ void checkConnected(int fd, const endpoint& where)
     }
 }
 
-socklen_t socketAddress(const endpoint& where, sockaddr_storage& address)
+std::vector<socketAddress> resolve(const endpoint& where, bool listening)
 {
-    address = {};
-    const auto port = static_cast<uint16_t>(std::stoul(where.port));
-    auto& six = reinterpret_cast<sockaddr_in6&>(address);
-    if (inet_pton(AF_INET6, where.address.c_str(), &six.sin6_addr) == 1) {
-        six.sin6_family = AF_INET6;
-        six.sin6_port = htons(port);
-        return sizeof six;
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV | (listening ? AI_PASSIVE : 0);
+    addrinfo* found = nullptr;
+    const int status = getaddrinfo(where.address.c_str(), where.port.c_str(), &hints, &found);
+    if (status != 0) {
+        throw failure("cannot resolve " + where.address + ": " +
+                      (status == EAI_SYSTEM ? errnoText() : gai_strerror(status)));
     }
-    auto& four = reinterpret_cast<sockaddr_in&>(address);
-    if (inet_pton(AF_INET, where.address.c_str(), &four.sin_addr) != 1) {
-        throw failure("\"" + where.text() +
-                      "\": the address must be a numeric IPv4 or IPv6 address");
+    std::vector<socketAddress> addresses;
+    for (const addrinfo* one = found; one != nullptr; one = one->ai_next) {
+        socketAddress address{};
+        std::memcpy(&address.address, one->ai_addr, one->ai_addrlen);
+        address.length = one->ai_addrlen;
+        addresses.push_back(address);
     }
-    four.sin_family = AF_INET;
-    four.sin_port = htons(port);
-    return sizeof four;
+    freeaddrinfo(found);
+    if (addresses.empty()) {
+        throw failure("cannot resolve " + where.address + ": no address");
+    }
+    return addresses;
 }
 
 std::string endpoint::text() const
@@ -155,9 +207,21 @@ endpoint parseEndpoint(const std::string& text)
         throw failure("\"" + text + "\": the port must be a number from 0 to 65535");
     }
     in6_addr numeric{};
-    if (inet_pton(AF_INET, where.address.c_str(), &numeric) != 1 &&
-        inet_pton(AF_INET6, where.address.c_str(), &numeric) != 1) {
-        throw failure("\"" + text + "\": the address must be a numeric IPv4 or IPv6 address");
+    if (inet_pton(AF_INET, where.address.c_str(), &numeric) == 1 ||
+        inet_pton(AF_INET6, where.address.c_str(), &numeric) == 1) {
+        return where;
+    }
+    // A host name: letters, digits, '-', '_' and dots between labels.
+    const std::string& name = where.address;
+    const bool wellFormed =
+        name.size() <= 253 &&
+        name.find_first_not_of(
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.") ==
+            std::string::npos &&
+        name.front() != '.' && name.front() != '-' && name.find("..") == std::string::npos;
+    if (!wellFormed) {
+        throw failure("\"" + text +
+                      "\": the address must be a host name or a numeric IPv4 or IPv6 address");
     }
     return where;
 }
@@ -175,46 +239,63 @@ CLI::Validator endpointValidator()
             "ADDR:PORT"};
 }
 
-void addChannelOptions(CLI::App& command, channelOptions& options)
+const optionRows<channelOptions>& channelRows()
 {
-    command.add_option("--psk-file", options.pskFile, "file holding the pre-shared secret")
-        ->required();
-    command.add_option("--cipher", options.cipher, "none, aes128, aes192 or aes256")
-        ->capture_default_str()
-        ->check(CLI::IsMember(kCiphers));
-    command
-        .add_option("--hash", options.hash,
-                    "md5 or sha256-128 (the handshake needs a 16-byte digest)")
-        ->capture_default_str()
-        ->check(CLI::Validator(
-            [](const std::string& mode) {
-                if (kHandshakeHashes.count(mode) != 0) {
+    using row = optionRow<channelOptions>;
+    const auto seconds = [](unsigned low, unsigned high, unsigned channelOptions::*field) {
+        return [low, high, field](const std::string& text, channelOptions& into) {
+            return parseNumber(text, low, high, into.*field);
+        };
+    };
+    const auto limit = [](unsigned high, unsigned relayLimits::*field) {
+        return [high, field](const std::string& text, channelOptions& into) {
+            return parseNumber(text, 0, high, into.limits.*field);
+        };
+    };
+    static const optionRows<channelOptions> rows = {
+        row{"psk-file", "FILE", "file holding the pre-shared secret", "",
+            [](const std::string& text, channelOptions& into) {
+                into.pskFile = text;
+                return text.empty() ? std::string("the secret file's name is empty")
+                                    : std::string();
+            }},
+        row{"cipher", "CIPHER", "none, aes128, aes192 or aes256", "aes256",
+            [](const std::string& text, channelOptions& into) {
+                into.cipher = text;
+                return kCiphers.count(text) != 0
+                           ? std::string()
+                           : "unknown cipher \"" + text + "\": use none, aes128, aes192 or aes256";
+            }},
+        row{"hash", "HASH", "md5 or sha256-128 (the handshake needs a 16-byte digest)", "md5",
+            [](const std::string& text, channelOptions& into) {
+                into.hash = text;
+                if (kHandshakeHashes.count(text) != 0) {
                     return std::string();
                 }
-                if (kOtherHashes.count(mode) != 0) {
-                    return "hash mode \"" + mode +
+                if (kOtherHashes.count(text) != 0) {
+                    return "hash mode \"" + text +
                            "\" cannot key the handshake, which needs a 16-byte digest: use md5 "
                            "or sha256-128";
                 }
-                return "unknown hash mode \"" + mode + "\": use md5 or sha256-128";
-            },
-            "HASH"));
-    command.add_option("--connect-timeout", options.connectTimeout, "seconds")
-        ->capture_default_str()
-        ->check(CLI::Range(1U, 3600U));
-    command.add_option("--handshake-timeout", options.handshakeTimeout, "seconds")
-        ->capture_default_str()
-        ->check(CLI::Range(1U, 3600U));
-    command
-        .add_option("--receive-timeout", options.limits.receive,
-                    "seconds for the rest of a packet once its first byte arrived (0: no limit)")
-        ->capture_default_str()
-        ->check(CLI::Range(0U, 3600U));
-    command
-        .add_option("--idle-timeout", options.limits.idle,
-                    "seconds with nothing received or sent that end a connection (0: never)")
-        ->capture_default_str()
-        ->check(CLI::Range(0U, 86400U));
+                return "unknown hash mode \"" + text + "\": use md5 or sha256-128";
+            }},
+        row{"connect-timeout", "SECONDS", "seconds a TCP connect may take", "10",
+            seconds(1, 3600, &channelOptions::connectTimeout)},
+        row{"handshake-timeout", "SECONDS", "seconds the whole handshake may take", "10",
+            seconds(1, 3600, &channelOptions::handshakeTimeout)},
+        row{"receive-timeout", "SECONDS",
+            "seconds for the rest of a packet once its first byte arrived (0: no limit)", "10",
+            limit(3600, &relayLimits::receive)},
+        row{"idle-timeout", "SECONDS",
+            "seconds with nothing received or sent that end a connection (0: never)", "0",
+            limit(86400, &relayLimits::idle)},
+    };
+    return rows;
+}
+
+channelOptions defaultChannel()
+{
+    return defaultsOf(channelRows());
 }
 
 vxBytes readSecret(const std::string& path)
@@ -261,7 +342,8 @@ vxBytes readSecret(const std::string& path)
 void listenOn(cliFrame& frame, vxNetSocket& listener, const endpoint& where)
 {
     frame.open(listener, "cannot open a socket", true);
-    require(listener.setPort(where.port) && listener.setAddress(where.address) &&
+    const endpoint at = parseEndpoint(addressText(resolve(where, true).front().address));
+    require(listener.setPort(at.port) && listener.setAddress(at.address) &&
                 listener.BindAndListen(),
             "cannot listen on " + where.text());
 }
@@ -302,6 +384,7 @@ void connectEncrypted(cliFrame& frame, vxNetClient& client, const endpoint& wher
     connectSocket(client.socket, where, options.connectTimeout);
     frame.open(client.encryptedSocket, "cannot open the encrypted socket", options.cipher,
                options.hash, &client.socket);
+    refuseForeignServer(client.socket.sockFd, where.text(), options.handshakeTimeout);
     const handshakeDeadline deadline(client.socket.sockFd, options.handshakeTimeout);
     handshakeDeadline::check(client.PerformKeyExchange(secret), client.socket.sockFd, where.text(),
                              options.handshakeTimeout);
@@ -322,21 +405,39 @@ void acceptEncrypted(cliFrame& frame, vxNetServer& server, vxNetConnectedClient&
                              options.handshakeTimeout);
 }
 
-connectionLog::connectionLog(std::string linePrefix, bool alsoStderr)
-    : prefix(std::move(linePrefix)), toStderr(alsoStderr)
-{}
+const char* const kNotShared =
+    "the peer does not share this end's secret, cipher and hash (compare --psk-file, --cipher "
+    "and --hash on both ends)";
+const char* const kRefusedAnswer =
+    "the server tunnel refused this end's answer: the two ends do not share the same secret, "
+    "cipher and hash (compare --psk-file, --cipher and --hash on both ends)";
+const char* const kPeerClosed =
+    "the peer closed the connection (a veltrix tunnel does so when the client does not share its "
+    "secret, cipher and hash: compare --psk-file, --cipher and --hash on both ends)";
 
-void connectionLog::line(const std::string& text) const
+std::string foreignProtocol(const unsigned char* bytes, size_t count)
 {
-    const std::string message = prefix + text;
-    if (toStderr) {
-        (void)vxGlobal.traceLog.AddMessage(message);
+    if (count >= 2 && bytes[0] == 0x16 && bytes[1] == 0x03) {
+        return "it speaks TLS";
     }
-    // Without a syslog socket every line would cost a failed connect to it.
-    static const bool syslogThere = access("/dev/log", W_OK) == 0;
-    if (syslogThere) {
-        (void)vxGlobal.traceLog.SysLog(message);
+    // 16 random bytes are all printable once in about ten million handshakes.
+    constexpr size_t kShown = 24;
+    std::string shown;
+    for (size_t i = 0; i < count; ++i) {
+        const unsigned char byte = bytes[i];
+        if (byte == '\r' || byte == '\n' || byte == '\t') {
+            shown += byte == '\r' ? "\\r" : byte == '\n' ? "\\n" : "\\t";
+        } else if (byte >= 0x20 && byte < 0x7f) {
+            shown += static_cast<char>(byte);
+        } else {
+            return {};
+        }
     }
+    if (count < 4) {
+        return {};
+    }
+    const bool cut = shown.size() > kShown;
+    return "it sent plain text \"" + shown.substr(0, kShown) + (cut ? "\"..." : "\"");
 }
 
 } // namespace vxcli

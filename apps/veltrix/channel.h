@@ -1,9 +1,10 @@
-// The pieces of an encrypted connection that the tunnel and cat share: addresses, the secret
-// file, cipher and hash modes, listening, connecting with a time-out, the handshake under a
-// deadline, and the log of one connection.
+// The pieces of an encrypted connection that the tunnel and cat share: addresses and their
+// resolution, the secret file, the channel's options, listening, connecting with a time-out, the
+// handshake under a deadline, and what a failed handshake means.
 #pragma once
 
 #include "cliFrame.h"
+#include "optionTable.h"
 #include "vxBytes.h"
 #include "vxNetClient.h"
 #include "vxNetServer.h"
@@ -14,11 +15,12 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace vxcli {
 
-/** A numeric address and a port, as given on the command line: "127.0.0.1:5000",
- *  "[::1]:5000". */
+/** A host (a name, or a numeric IPv4 or IPv6 address) and a port, as given: "127.0.0.1:5000",
+ *  "[::1]:5000", "gateway.example:5000". */
 struct endpoint
 {
     std::string address;
@@ -32,28 +34,41 @@ endpoint parseEndpoint(const std::string& text);
 /** Checks "ADDR:PORT" while the command line is parsed, so that a bad one is a usage error. */
 CLI::Validator endpointValidator();
 
+/** One socket address that a host name or a numeric address stands for. */
+struct socketAddress
+{
+    sockaddr_storage address;
+    socklen_t length;
+};
+
+/** The addresses `where` stands for, in the order the resolver prefers (numeric ones without a
+ *  lookup); throws failure "cannot resolve NAME: why". `listening`: addresses to bind. */
+std::vector<socketAddress> resolve(const endpoint& where, bool listening = false);
+
 /** How long a relay waits on its peer, in seconds; 0 = no limit. */
 struct relayLimits
 {
-    unsigned receive = 10; ///< for the rest of a packet once its first byte arrived
-    unsigned idle = 0;     ///< with nothing arriving from the peer and nothing sent to it
+    unsigned receive{}; ///< for the rest of a packet once its first byte arrived
+    unsigned idle{};    ///< with nothing arriving from the peer and nothing sent to it
 };
 
 /** What the encrypted connections of a command are made with. */
 struct channelOptions
 {
     std::string pskFile;
-    std::string cipher = "aes256";
-    std::string hash = "md5";
-    unsigned connectTimeout = 10;   ///< seconds
-    unsigned handshakeTimeout = 10; ///< seconds
-    relayLimits limits;
+    std::string cipher;
+    std::string hash;
+    unsigned connectTimeout{};   ///< seconds
+    unsigned handshakeTimeout{}; ///< seconds
+    relayLimits limits{};
 };
 
-/** Adds --psk-file, --cipher, --hash, --connect-timeout, --handshake-timeout, --receive-timeout
- *  and --idle-timeout; an unknown cipher, or a hash the handshake cannot use, is a usage
- *  error. */
-void addChannelOptions(CLI::App& command, channelOptions& options);
+/** --psk-file, --cipher, --hash, --connect-timeout, --handshake-timeout, --receive-timeout and
+ *  --idle-timeout: an unknown cipher, or a hash the handshake cannot use, is refused. */
+const optionRows<channelOptions>& channelRows();
+
+/** The channel options with their defaults. */
+channelOptions defaultChannel();
 
 /** The secret in `path`: its content without one trailing line feed. Refused when the file is
  *  open to group or others, or empty. */
@@ -72,9 +87,6 @@ std::string peerText(int fd);
  *  only in the socket's pending error). */
 void checkConnected(int fd, const endpoint& where);
 
-/** `where` as a socket address; its length. */
-socklen_t socketAddress(const endpoint& where, sockaddr_storage& address);
-
 /** A plain TCP connection to `where`, waiting at most `seconds`; throws failure naming it. */
 void connectPlain(cliFrame& frame, veltrix::vxNetSocket& socket, const endpoint& where,
                   unsigned seconds);
@@ -88,17 +100,15 @@ void acceptEncrypted(cliFrame& frame, veltrix::vxNetServer& server,
                      veltrix::vxNetConnectedClient& record, int fd, const channelOptions& options,
                      const veltrix::vxBytes& secret);
 
-/** Log lines of one connection (or of the program), prefixed; to the trace log on standard
- *  error when `toStderr`, and always to syslog. */
-class connectionLog
-{
-public:
-    connectionLog(std::string linePrefix, bool alsoStderr);
-    void line(const std::string& text) const;
+/** Why a handshake failed when the peer's answer to this end's challenge was wrong, when the
+ *  server tunnel closed the connection on this end's answer, and when the peer closed the
+ *  connection before the handshake finished: each tells what to compare on both ends. */
+extern const char* const kNotShared;
+extern const char* const kRefusedAnswer;
+extern const char* const kPeerClosed;
 
-private:
-    std::string prefix;
-    bool toStderr;
-};
+/** What the first bytes of a peer show when they are not the handshake of a tunnel: "it sent
+ *  plain text \"GET / HTTP/1.1\"", "it speaks TLS"; empty when they could be. */
+std::string foreignProtocol(const unsigned char* bytes, size_t count);
 
 } // namespace vxcli

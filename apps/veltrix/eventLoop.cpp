@@ -204,6 +204,13 @@ ioResult drainInto(int fd, byteQueue& queue)
     }
 }
 
+void writeQuietly(int fd, const void* bytes, size_t count)
+{
+    if (write(fd, bytes, count) < 0) {
+        return; // the log or the wake-up is lost, and there is nowhere to report that
+    }
+}
+
 int millisUntil(steadyClock::time_point when)
 {
     if (when == steadyClock::time_point::max()) {

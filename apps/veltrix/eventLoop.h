@@ -109,6 +109,9 @@ ioResult writeFrom(int fd, bool isSocket, byteQueue& queue);
 /** Reads what `fd` holds now into `queue`. */
 ioResult drainInto(int fd, byteQueue& queue);
 
+/** Writes `count` bytes where no one could be told of a failure (a log line, a wake-up). */
+void writeQuietly(int fd, const void* bytes, size_t count);
+
 /** Milliseconds from now until `when`, rounded up; -1 for time_point::max(). */
 int millisUntil(steadyClock::time_point when);
 

@@ -73,10 +73,6 @@ int parseAndRun(int argc, char** argv)
                        "directories to search for the crypto plug-in, separated by ':'");
     program.add_flag("--version", showVersion,
                      "print the version table (program, library, plug-in)");
-    // A file of options, such as the service unit's /etc/veltrix/NAME.conf: a [command] section
-    // of `name = value` lines with the long option names. The command line takes precedence.
-    program.set_config("--config", "",
-                       "read options from FILE: [command] sections of name = value");
 
     selection chosen;
     std::string helpTopic;

@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <iostream>
 
 namespace vxcli {
 
@@ -17,18 +19,19 @@ namespace {
 
 constexpr size_t kMessage = 16;
 
-/** A non-blocking TCP connection to `setup`'s target, under way. */
-int startConnect(const tunnelSetup& setup)
+/** A non-blocking TCP connection to `address`, under way; -1 with errno when it failed at once. */
+int startConnect(const socketAddress& address)
 {
-    const int fd = socket(setup.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int fd = socket(address.address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        throw failure("cannot open a socket: " + errnoText());
+        return -1;
     }
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&setup.address), setup.addressLength) != 0 &&
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address.address), address.length) != 0 &&
         errno != EINPROGRESS) {
-        const std::string why = errnoText();
+        const int error = errno;
         (void)close(fd);
-        throw failure("cannot connect to " + setup.target.text() + ": " + why);
+        errno = error;
+        return -1;
     }
     return fd;
 }
@@ -41,12 +44,22 @@ void tuneSocket(int fd)
     (void)setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
 }
 
+std::string secondsText(steadyClock::duration elapsed)
+{
+    char text[32];
+    (void)std::snprintf(text, sizeof text, "%.3f s",
+                        std::chrono::duration<double>(elapsed).count());
+    return text;
+}
+
 } // namespace
 
 tunnelConnection::tunnelConnection(eventLoop& owner, connectionHost& worker,
-                                   const tunnelSetup& shared, int accepted, const std::string& name,
+                                   const serviceSetup& shared, int accepted, uint32_t number,
                                    const std::string& peerAddress)
-    : loop(owner), host(worker), setup(shared), log(name + ": ", shared.logToStderr)
+    : loop(owner), host(worker), setup(shared),
+      prefix(shared.prefix() + "connection " + std::to_string(number) + " from " + peerAddress +
+             ": ")
 {
     if (setup.server) {
         peer = accepted;
@@ -64,25 +77,15 @@ tunnelConnection::~tunnelConnection()
 
 void tunnelConnection::start()
 {
-    try {
+    guarded([this] {
         // The accepted socket is non-blocking and inherits its options from the listener.
         if (setup.server) {
             beginHandshake();
         } else {
             state = phase::connectingPeer;
-            peer = startConnect(setup);
-            tuneSocket(peer);
-            stepDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
-            stepLimit = "cannot connect to " + setup.target.text() + ": no answer within " +
-                        std::to_string(setup.channel.connectTimeout) + " s";
-            loop.want(peer, peerTarget, EPOLLOUT);
+            connectTarget();
         }
-    } catch (const failure& error) {
-        fail(error.what());
-    } catch (const std::exception& error) {
-        fail(std::string("unexpected error: ") + error.what());
-    }
-    host.checkBy(deadline());
+    });
 }
 
 void tunnelConnection::ready(side which, uint32_t events)
@@ -90,18 +93,24 @@ void tunnelConnection::ready(side which, uint32_t events)
     if (state == phase::finished) {
         return;
     }
-    try {
-        if (state == phase::relaying) {
-            relay->ready(which == side::peer ? streamRelay::role::network
-                                             : streamRelay::role::plainIn,
-                         events);
-            if (relay->done()) {
-                log.line("closed");
-                close();
-            }
-        } else {
+    guarded([&] {
+        if (state != phase::relaying) {
             step(which);
+            return;
         }
+        relay->ready(which == side::peer ? streamRelay::role::network : streamRelay::role::plainIn,
+                     events);
+        if (relay->done()) {
+            tunnelLog::line(severity::info, prefix + "closed after " + tally());
+            close();
+        }
+    });
+}
+
+void tunnelConnection::guarded(const std::function<void()>& action)
+{
+    try {
+        action();
     } catch (const failure& error) {
         fail(error.what());
     } catch (const std::exception& error) {
@@ -114,24 +123,93 @@ void tunnelConnection::step(side which)
 {
     switch (state) {
     case phase::connectingPeer:
-        checkConnected(peer, setup.target);
-        beginHandshake();
+    case phase::connectingService:
+        targetWritable();
         break;
     case phase::handshake:
         if (which == side::plain) {
-            serviceConnected();
+            targetWritable();
         } else {
             sendHandshake();
             readHandshake();
         }
         break;
-    case phase::connectingService:
-        serviceConnected();
-        startRelay();
-        break;
     case phase::relaying:
     case phase::finished:
         break;
+    }
+}
+
+void tunnelConnection::connectTarget()
+{
+    targetDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
+    if (!setup.targetAddresses.empty()) {
+        targetAddresses = setup.targetAddresses;
+        tryAddress(0);
+        return;
+    }
+    // Looked up for each connection, so that the tunnel follows a change of the name's address.
+    lookupTicket = host.names().lookup(
+        setup.target, [this](const std::vector<socketAddress>& found, const std::string& problem) {
+            lookupTicket = 0;
+            guarded([&] {
+                if (!problem.empty()) {
+                    throw failure(problem);
+                }
+                targetAddresses = found;
+                tryAddress(0);
+            });
+        });
+}
+
+void tunnelConnection::tryAddress(size_t index)
+{
+    int& fd = setup.server ? plain : peer;
+    for (targetIndex = index; targetIndex < targetAddresses.size(); ++targetIndex) {
+        fd = startConnect(targetAddresses[targetIndex]);
+        if (fd >= 0) {
+            tuneSocket(fd);
+            loop.want(fd, setup.server ? plainTarget : peerTarget, EPOLLOUT);
+            return;
+        }
+    }
+    throw failure("cannot connect to " + setup.target.text() + ": " + errnoText());
+}
+
+void tunnelConnection::targetWritable()
+{
+    int& fd = setup.server ? plain : peer;
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        error = errno;
+    }
+    if (error != 0 && targetIndex + 1 < targetAddresses.size()) {
+        // A name may stand for several addresses: the next one may take the connection.
+        loop.closing(fd);
+        (void)::close(fd);
+        fd = -1;
+        tryAddress(targetIndex + 1);
+        return;
+    }
+    if (error != 0) {
+        errno = error;
+        throw failure("cannot connect to " + setup.target.text() + ": " + errnoText());
+    }
+    targetConnected();
+}
+
+void tunnelConnection::targetConnected()
+{
+    targetReady = true;
+    if (!setup.server) {
+        beginHandshake();
+        return;
+    }
+    tunnelLog::line(severity::info, prefix + "connected to " + setup.target.text());
+    loop.want(plain, plainTarget, 0);
+    if (state == phase::connectingService) {
+        startRelay();
     }
 }
 
@@ -147,6 +225,8 @@ void tunnelConnection::beginHandshake()
                      setup.server);
     const std::string failed = "the handshake with " + peerName + " failed";
     require(handshake->SetSecret(setup.secret), failed);
+    // A peer that has not proved it holds the secret gets the shorter time.
+    const unsigned seconds = setup.server ? setup.authTimeout : setup.channel.handshakeTimeout;
     if (setup.server) {
         require(handshake->SendProtocolVersion(socket) && handshake->GenerateChallengeRequest() &&
                     handshake->SendChallengeRequest(socket),
@@ -157,9 +237,9 @@ void tunnelConnection::beginHandshake()
         awaiting = expect::version;
         handshakeLeft = 3 * kMessage; // the version, the server's challenge and its answer
     }
-    stepDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.handshakeTimeout);
+    stepDeadline = steadyClock::now() + std::chrono::seconds(seconds);
     stepLimit = "the handshake with " + peerName + " did not finish within " +
-                std::to_string(setup.channel.handshakeTimeout) + " s";
+                std::to_string(seconds) + " s";
     sendHandshake();
     readHandshake();
 }
@@ -168,7 +248,7 @@ void tunnelConnection::sendHandshake()
 {
     pipe->drain(toPeer);
     if (writeFrom(peer, true, toPeer) == ioResult::failed) {
-        throw failure("the handshake with " + peerName + " failed: " + errnoText());
+        throw failure(handshakeFailure(errnoText()));
     }
     loop.want(peer, peerTarget, EPOLLIN | (toPeer.empty() ? 0U : EPOLLOUT));
 }
@@ -185,9 +265,16 @@ void tunnelConnection::readHandshake()
             return;
         }
         if (result != ioResult::progress) {
-            throw failure("the handshake with " + peerName +
-                          " failed: the peer closed the connection");
+            const bool refused =
+                !setup.server && answerSent && awaiting == expect::challengeResponse;
+            throw failure(handshakeFailure(
+                refused           ? std::string(kRefusedAnswer)
+                : firstCount == 0 ? "the peer closed the connection before the handshake began"
+                                  : "the peer closed the connection during the handshake"));
         }
+        const size_t kept = std::min(got, sizeof firstBytes - firstCount);
+        std::memcpy(firstBytes + firstCount, message + messageBytes, kept);
+        firstCount += kept;
         messageBytes += got;
         size_t used = 0;
         while (messageBytes - used >= kMessage && state == phase::handshake) {
@@ -209,6 +296,10 @@ void tunnelConnection::handshakeMessage()
     const std::string failed = "the handshake with " + peerName + " failed";
     switch (awaiting) {
     case expect::version:
+        // The version is hidden in random bytes, so text or a TLS record is another protocol.
+        if (!foreignProtocol(firstBytes, firstCount).empty()) {
+            throw failure(handshakeFailure(""));
+        }
         require(handshake->RecvProtocolVersion(socket), failed);
         awaiting = expect::challengeRequest;
         return;
@@ -223,15 +314,19 @@ void tunnelConnection::handshakeMessage()
         require(handshake->GenerateChallengeRequest() && handshake->SendChallengeRequest(socket),
                 failed);
         awaiting = expect::challengeResponse;
+        answerSent = true;
         sendHandshake();
         return;
     case expect::challengeResponse:
-        require(handshake->RecvChallengeResponse(socket) && handshake->ValidateChallengeResponse(),
-                failed);
+        require(handshake->RecvChallengeResponse(socket), failed);
+        if (!handshake->ValidateChallengeResponse()) {
+            throw failure(handshakeFailure(kNotShared));
+        }
         if (setup.server) {
             // The peer has proved it holds the secret: the service connection is made while
             // the handshake's last message travels.
-            connectService();
+            host.authenticated(*this);
+            connectTarget();
             awaiting = expect::challengeRequest;
             return;
         }
@@ -248,32 +343,14 @@ void tunnelConnection::finishHandshake()
     require(cliFrame::close(*handshake), "cannot close the handshake");
     handshake.reset();
     stepDeadline = steadyClock::time_point::max();
-    log.line(setup.server ? "handshake done" : "handshake done with " + peerName);
-    if (!setup.server || serviceReady) {
+    tunnelLog::line(severity::info,
+                    prefix + (setup.server ? "handshake done" : "handshake done with " + peerName));
+    if (!setup.server || targetReady) {
         startRelay();
         return;
     }
     state = phase::connectingService;
-    stepDeadline = serviceDeadline;
-    stepLimit = "cannot connect to " + setup.target.text() + ": no answer within " +
-                std::to_string(setup.channel.connectTimeout) + " s";
     loop.want(peer, peerTarget, toPeer.empty() ? 0U : EPOLLOUT);
-}
-
-void tunnelConnection::connectService()
-{
-    plain = startConnect(setup);
-    tuneSocket(plain);
-    serviceDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
-    loop.want(plain, plainTarget, EPOLLOUT);
-}
-
-void tunnelConnection::serviceConnected()
-{
-    checkConnected(plain, setup.target);
-    log.line("connected to " + setup.target.text());
-    serviceReady = true;
-    loop.want(plain, plainTarget, 0);
 }
 
 void tunnelConnection::startRelay()
@@ -295,6 +372,30 @@ void tunnelConnection::startRelay()
     relay->start(peerTarget, plainTarget, plainTarget);
 }
 
+std::string tunnelConnection::handshakeFailure(const std::string& why) const
+{
+    const std::string foreign = foreignProtocol(firstBytes, firstCount);
+    return "the handshake with " + peerName +
+           " failed: " + (foreign.empty() ? why : "the peer is not a veltrix tunnel: " + foreign);
+}
+
+std::string tunnelConnection::tally() const
+{
+    const relayCounters counted = relay ? relay->counters() : relayCounters{};
+    const uint64_t toService = setup.server ? counted.fromPeer : counted.toPeer;
+    const uint64_t fromService = setup.server ? counted.toPeer : counted.fromPeer;
+    return secondsText(steadyClock::now() - began) + ": " + std::to_string(toService) +
+           " bytes to the service, " + std::to_string(fromService) + " bytes from it";
+}
+
+void tunnelConnection::report() const
+{
+    static const char* const kPhases[] = {"connecting to the server tunnel", "in the handshake",
+                                          "connecting to the service", "relaying", "finished"};
+    tunnelLog::line(severity::notice,
+                    prefix + kPhases[static_cast<int>(state)] + " for " + tally());
+}
+
 steadyClock::time_point tunnelConnection::deadline() const
 {
     if (state == phase::relaying) {
@@ -303,7 +404,7 @@ steadyClock::time_point tunnelConnection::deadline() const
     if (state == phase::finished) {
         return steadyClock::time_point::max();
     }
-    return serviceReady ? stepDeadline : std::min(stepDeadline, serviceDeadline);
+    return targetReady ? stepDeadline : std::min(stepDeadline, targetDeadline);
 }
 
 void tunnelConnection::checkLimits(steadyClock::time_point now)
@@ -311,19 +412,23 @@ void tunnelConnection::checkLimits(steadyClock::time_point now)
     if (state == phase::finished) {
         return;
     }
-    try {
+    guarded([&] {
         if (state == phase::relaying) {
             relay->checkLimits(now);
         } else if (now >= stepDeadline) {
-            throw failure(stepLimit);
-        } else if (!serviceReady && now >= serviceDeadline) {
-            throw failure("cannot connect to " + setup.target.text() + ": no answer within " +
-                          std::to_string(setup.channel.connectTimeout) + " s");
+            const std::string foreign = foreignProtocol(firstBytes, firstCount);
+            throw failure(stepLimit + (!foreign.empty()
+                                           ? ": the peer is not a veltrix tunnel: " + foreign
+                                       : firstCount == 0 && !setup.server
+                                           ? ": the peer sent nothing (is it a server tunnel?)"
+                                           : std::string()));
+        } else if (!targetReady && now >= targetDeadline) {
+            throw failure((lookupTicket != 0 ? "cannot resolve " + setup.target.address
+                                             : "cannot connect to " + setup.target.text()) +
+                          ": no answer within " + std::to_string(setup.channel.connectTimeout) +
+                          " s");
         }
-    } catch (const failure& error) {
-        fail(error.what());
-    }
-    host.checkBy(deadline());
+    });
 }
 
 void tunnelConnection::end(const std::string& why)
@@ -335,8 +440,8 @@ void tunnelConnection::end(const std::string& why)
 
 void tunnelConnection::fail(const std::string& why)
 {
-    log.line(why);
-    if (setup.logToStderr && setup.frame.options().verbose && vxBase::HaveStackTrace()) {
+    tunnelLog::line(severity::warning, prefix + why + " (after " + tally() + ")");
+    if (setup.frame.options().verbose && vxBase::HaveStackTrace()) {
         vxBase::DumpStackTrace(std::cerr);
     }
     // The latch is the whole process's: cleared before any other connection is touched.
@@ -358,6 +463,10 @@ void tunnelConnection::close()
 
 void tunnelConnection::release()
 {
+    if (lookupTicket != 0) {
+        host.names().cancel(lookupTicket);
+        lookupTicket = 0;
+    }
     relay.reset();
     for (int* fd : {&peer, &plain}) {
         if (*fd >= 0) {

@@ -11,6 +11,8 @@
 #pragma once
 
 #include "relay.h"
+#include "resolver.h"
+#include "tunnelLog.h"
 #include "vxNetAuth.h"
 
 #include <sys/socket.h>
@@ -19,25 +21,31 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace vxcli {
 
-/** What every connection of a tunnel shares. */
-struct tunnelSetup
+/** What every connection of one service shares. */
+struct serviceSetup
 {
     cliFrame& frame;
-    bool server;              ///< accepts encrypted connections
-    endpoint target;          ///< where each connection goes
-    sockaddr_storage address; ///< the target, resolved
-    socklen_t addressLength;
+    std::string name; ///< the service's name; empty for the command line's one service
+    bool server;      ///< accepts encrypted connections
+    endpoint target;  ///< where each connection goes
+    std::vector<socketAddress> targetAddresses; ///< the target, when numeric; else looked up
     veltrix::vxBytes secret;
     channelOptions channel;
-    bool logToStderr;
+    unsigned maxConnections;
+    unsigned authTimeout;
+    unsigned maxHandshakesPerSource;
+
+    /** "web: " before the lines of a named service. */
+    [[nodiscard]] std::string prefix() const { return name.empty() ? name : name + ": "; }
 };
 
 class tunnelConnection;
 
-/** What a connection tells the worker that serves it. */
+/** What a connection tells the worker that serves it, and asks of it. */
 class connectionHost
 {
 public:
@@ -50,16 +58,20 @@ public:
 
     /** The connection's limits must be checked by `when` at the latest. */
     virtual void checkBy(steadyClock::time_point when) = 0;
+    /** The peer proved that it holds the secret. */
+    virtual void authenticated(tunnelConnection& connection) = 0;
     /** The connection ended; it may be destroyed once the current event is handled. */
     virtual void finished(tunnelConnection& connection) = 0;
+    /** Where host names are looked up. */
+    virtual resolver& names() = 0;
 };
 
 class tunnelConnection
 {
 public:
-    /** Takes `accepted`, from `peerAddress`; `name` names the connection in the log. */
-    tunnelConnection(eventLoop& owner, connectionHost& worker, const tunnelSetup& shared,
-                     int accepted, const std::string& name, const std::string& peerAddress);
+    /** Takes `accepted`, from `peerAddress`; `number` names the connection in the log. */
+    tunnelConnection(eventLoop& owner, connectionHost& worker, const serviceSetup& shared,
+                     int accepted, uint32_t number, const std::string& peerAddress);
     LVX_NOT_COPYABLE(tunnelConnection);
     ~tunnelConnection();
 
@@ -74,6 +86,13 @@ public:
     void checkLimits(steadyClock::time_point now);
     /** Ends the connection at once with `why` in the log. */
     void end(const std::string& why);
+    /** Logs where the connection stands: its age, its step, the bytes each way. */
+    void report() const;
+
+    [[nodiscard]] const serviceSetup& service() const { return setup; }
+
+    /** The worker's mark for the handshakes counted against the peer's address; -1 for none. */
+    int sourceMark = -1;
 
 private:
     enum class phase
@@ -113,23 +132,29 @@ private:
     };
 
     void ready(side which, uint32_t events);
+    void guarded(const std::function<void()>& action);
     void step(side which);
+    void connectTarget();
+    void tryAddress(size_t index);
+    void targetWritable();
+    void targetConnected();
     void beginHandshake();
     void sendHandshake();
     void readHandshake();
     void handshakeMessage();
     void finishHandshake();
-    void connectService();
-    void serviceConnected();
     void startRelay();
+    [[nodiscard]] std::string handshakeFailure(const std::string& why) const;
+    [[nodiscard]] std::string tally() const;
     void fail(const std::string& why);
     void close();
     void release();
 
     eventLoop& loop;
     connectionHost& host;
-    const tunnelSetup& setup;
-    connectionLog log;
+    const serviceSetup& setup;
+    std::string prefix; ///< "web: connection 3 from 10.0.0.2:40000: "
+    steadyClock::time_point began = steadyClock::now();
     phase state = phase::handshake;
     expect awaiting = expect::challengeResponse;
     int peer = -1;  ///< the encrypted side's TCP connection
@@ -144,12 +169,19 @@ private:
     byteQueue toPeer;               ///< handshake messages the network has not taken yet
     unsigned char message[48] = {}; ///< handshake messages from the peer, not yet taken
     size_t messageBytes = 0;
-    size_t handshakeLeft = 0; ///< bytes of the peer's part of the handshake still to come
+    size_t handshakeLeft = 0;          ///< bytes of the peer's part of the handshake still to come
+    unsigned char firstBytes[16] = {}; ///< the peer's first bytes, to tell a foreign protocol
+    size_t firstCount = 0;
+    bool answerSent = false; ///< client end: this end's answer to the server's challenge left
     std::optional<streamRelay> relay;
     steadyClock::time_point stepDeadline = steadyClock::time_point::max();
-    /** Server end: the service connection, made once the peer proved it holds the secret. */
-    steadyClock::time_point serviceDeadline = steadyClock::time_point::max();
-    bool serviceReady = false;
+    /** The connection to the target: the server tunnel (client end) or the service (server end,
+     *  made once the peer proved it holds the secret). */
+    std::vector<socketAddress> targetAddresses;
+    size_t targetIndex = 0;
+    uint64_t lookupTicket = 0;
+    steadyClock::time_point targetDeadline = steadyClock::time_point::max();
+    bool targetReady = false;
     std::string stepLimit; ///< what passing stepDeadline means
 };
 

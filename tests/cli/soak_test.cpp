@@ -46,7 +46,7 @@ size_t awaitClosed(const backgroundRun& tunnel, size_t count)
     for (int wait = 0; wait < 12000 && closed < count; ++wait) {
         const std::string log = tunnel.errorText();
         closed = 0;
-        for (size_t at = 0; (at = log.find(": closed\n", at)) != std::string::npos; ++at) {
+        for (size_t at = 0; (at = log.find(": closed after ", at)) != std::string::npos; ++at) {
             ++closed;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(closed < count ? 10 : 0));

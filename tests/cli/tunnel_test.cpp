@@ -278,7 +278,7 @@ TEST_F(tunnelTest, UnreachableServiceEndsTheConnectionWithALogLine)
 TEST_F(tunnelTest, AStalledHandshakeEndsAtItsDeadline)
 {
     const int port = freePort();
-    const auto tunnel = start("--server", port, service.port, psk, {"--handshake-timeout", "1"});
+    const auto tunnel = start("--server", port, service.port, psk, {"--auth-timeout", "1"});
     const int silent = connectLoopback(port); // connects and never says a word
     ASSERT_GE(silent, 0);
     EXPECT_TRUE(tunnel->waitForError("did not finish within 1 s", 10)) << tunnel->errorText();
@@ -375,29 +375,40 @@ TEST_F(tunnelTest, SigtermStopsItAfterItsConnectionsFinish)
     EXPECT_NE(serverTunnel->errorText().find("stopped"), std::string::npos);
 }
 
-TEST_F(tunnelTest, AServerTunnelTakesItsOptionsFromAFileAndTheCommandLineFirst)
+TEST_F(tunnelTest, AFileOfOneServiceTakesTheSecretFromTheCommandLine)
 {
-    // The service unit's form: every option from the file, the secret's path on the command line.
+    // The service unit's form: the service from the file, the secret's path on the command line
+    // as the default of every service.
     const int port = freePort();
     const std::string config = dir.file("web.conf");
-    writeFile(config, "# a server tunnel\n[tunnel]\nserver = true\naccept = \"" +
-                          address(freePort()) + "\"\nconnect = \"" + address(service.port) +
-                          "\"\npsk-file = \"" + dir.file("absent") + "\"\n");
+    writeFile(config, "# a server tunnel\n[tunnel]\nserver = true\naccept = \"" + address(port) +
+                          "\"\nconnect = \"" + address(service.port) + "\"\n");
     backgroundRun fromFile({veltrixPath(), "tunnel", "--config", config, "--foreground", "--accept",
-                            address(port), "--psk-file", psk});
-    ASSERT_TRUE(fromFile.waitForError("server tunnel listening on " + address(port), 30))
+                            address(freePort()), "--psk-file", psk});
+    ASSERT_TRUE(fromFile.waitForError("tunnel: server tunnel listening on " + address(port), 30))
         << fromFile.errorText();
     const runResult run = runVeltrix({"cat", address(port), "--psk-file", psk}, "configured", 60);
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "configured");
 }
 
-TEST(tunnelStart, RefusesAMissingConfigFile)
+TEST(tunnelStart, AConfigThatCannotBeReadSaysWhy)
 {
-    const runResult run = runVeltrix({"tunnel", "--config", "/nonexistent/web.conf"});
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(lineCount(run.err), 1U) << run.err;
-    EXPECT_NE(run.err.find("/nonexistent/web.conf"), std::string::npos) << run.err;
+    const runResult missing = runVeltrix({"tunnel", "--config", "/nonexistent/web.conf"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "veltrix tunnel: cannot read the configuration /nonexistent/web.conf: "
+                           "No such file or directory\n");
+    const scratchDir dir;
+    const runResult directory = runVeltrix({"tunnel", "--config", dir.path});
+    EXPECT_EQ(directory.status, 1);
+    EXPECT_EQ(directory.err,
+              "veltrix tunnel: cannot read the configuration " + dir.path + ": Is a directory\n");
+    if (geteuid() != 0) { // root reads a file of mode 0000
+        writeFile(dir.file("web.conf"), "[web]\n", 0000);
+        const runResult closed = runVeltrix({"tunnel", "--config", dir.file("web.conf")});
+        EXPECT_EQ(closed.status, 1);
+        EXPECT_NE(closed.err.find("Permission denied"), std::string::npos) << closed.err;
+    }
 }
 
 TEST(tunnelStart, RefusesASecretFileOpenToOthers)
