@@ -51,7 +51,9 @@ Headers, the CMake package (find_package(veltrix)) and the pkg-config file (libv
 
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME veltrix)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "libveltrix ${vx_exact}, libveltrix-openssl ${vx_exact}")
+# procps: the service unit reloads a tunnel with /bin/kill.
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS
+    "libveltrix ${vx_exact}, libveltrix-openssl ${vx_exact}, procps")
 set(CPACK_DEBIAN_PROGRAM_DESCRIPTION
     "encrypted tunnels, cat over the channel, key files and digests\n\
 The command-line program of libveltrix: wraps an unmodified TCP service in the encrypted\n\

@@ -71,7 +71,7 @@ done
 expect_depends libveltrix 'libc6 ' 'libstdc\+\+6 '
 expect_depends libveltrix-openssl "libveltrix $exact" 'libssl3 \(>= 3'
 expect_depends libveltrix-dev "libveltrix $exact"
-expect_depends veltrix "libveltrix $exact" "libveltrix-openssl $exact"
+expect_depends veltrix "libveltrix $exact" "libveltrix-openssl $exact" "procps"
 
 expect_files libveltrix "usr/lib/$triplet/libveltrix.so"
 expect_files libveltrix-openssl usr/lib/secure/libveltrix_openssl.so
@@ -121,8 +121,10 @@ versions=$(LD_LIBRARY_PATH="$root/usr/lib/$triplet" "$root/usr/bin/veltrix" \
 grep -q '| openssl .*| Plug-in' <<<"$versions" || fail "the installed program lacks its plug-in: $versions"
 
 # The service unit: valid for systemd, and as confined as a security tool's should be.
-mkdir -p "$scratch/unit"
+mkdir -p "$scratch/unit" "$root/bin"
 cp "$root/usr/lib/systemd/system/veltrix-tunnel@.service" "$scratch/unit/veltrix-tunnel@web.service"
+# The root holds these packages alone; the unit's reload runs /bin/kill of procps, a dependency.
+cp /bin/kill "$root/bin/kill"
 systemd-analyze verify --root="$root" --man=no --recursive-errors=no \
     "$scratch/unit/veltrix-tunnel@web.service" || fail "systemd rejects the service unit"
 exposure=$(systemd-analyze security --offline=yes --root="$root" \

@@ -326,7 +326,12 @@ void tunnelConnection::handshakeMessage()
             // The peer has proved it holds the secret: the service connection is made while
             // the handshake's last message travels.
             host.authenticated(*this);
-            connectTarget();
+            try {
+                connectTarget();
+            } catch (const failure& error) {
+                // Told once the peer has its answer: closing now would look like a refusal.
+                serviceProblem = error.what();
+            }
             awaiting = expect::challengeRequest;
             return;
         }
@@ -345,6 +350,9 @@ void tunnelConnection::finishHandshake()
     stepDeadline = steadyClock::time_point::max();
     tunnelLog::line(severity::info,
                     prefix + (setup.server ? "handshake done" : "handshake done with " + peerName));
+    if (!serviceProblem.empty()) {
+        throw failure(serviceProblem);
+    }
     if (!setup.server || targetReady) {
         startRelay();
         return;

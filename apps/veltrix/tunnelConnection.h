@@ -182,7 +182,8 @@ private:
     uint64_t lookupTicket = 0;
     steadyClock::time_point targetDeadline = steadyClock::time_point::max();
     bool targetReady = false;
-    std::string stepLimit; ///< what passing stepDeadline means
+    std::string serviceProblem; ///< server end: why the service could not be reached at once
+    std::string stepLimit;      ///< what passing stepDeadline means
 };
 
 } // namespace vxcli

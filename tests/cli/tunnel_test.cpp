@@ -272,6 +272,9 @@ TEST_F(tunnelTest, UnreachableServiceEndsTheConnectionWithALogLine)
     EXPECT_TRUE(back->waitForError(
         "cannot connect to 127.0.0.1:" + std::to_string(nowhere) + ": Connection refused", 10))
         << back->errorText();
+    // The client end finished its handshake: it blames no secret for the server's problem.
+    EXPECT_TRUE(front->waitForError("handshake done with", 10)) << front->errorText();
+    EXPECT_EQ(front->errorText().find("do not share"), std::string::npos) << front->errorText();
     EXPECT_EQ(exchange("the others still work", clientPort), "the others still work");
 }
 
