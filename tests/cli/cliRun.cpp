@@ -143,6 +143,12 @@ std::string veltrixPath()
     return VX_VELTRIX_PROGRAM;
 }
 
+std::string veltrixCommand()
+{
+    const std::string emulator = VX_EMULATOR;
+    return emulator.empty() ? veltrixPath() : emulator + " " + veltrixPath();
+}
+
 runResult runProgram(const std::vector<std::string>& argv, const std::string& input, int seconds)
 {
     const std::string inputFile = tempPath("vxcli-input");

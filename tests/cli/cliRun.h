@@ -42,6 +42,9 @@ struct runResult
 
 /** The program under test, built beside this test. */
 std::string veltrixPath();
+/** The same as a shell runs it: under the emulator that runs the tests, if any (a shell started
+ *  by a test is the build machine's own). */
+std::string veltrixCommand();
 
 /** Runs veltrix with `args`, `input` on standard input, and waits at most `seconds`. */
 runResult runVeltrix(const std::vector<std::string>& args, const std::string& input = "",

@@ -145,10 +145,10 @@ protected:
         writeFile(dir.file("bin/veltrix"),
                   "#!/bin/sh\n"
                   "if [ \"$1\" = tunnel ]; then\n"
-                  "  exec \"$VELTRIX\" \"$@\" --pid-file \"$(mktemp -p \"$PIDS\")\"\n"
+                  "  exec $VELTRIX \"$@\" --pid-file \"$(mktemp -p \"$PIDS\")\"\n"
                   "fi\n"
                   "if [ \"$1\" = cat ] && [ \"$2\" = --listen ]; then\n"
-                  "  \"$VELTRIX\" \"$@\" &\n"
+                  "  $VELTRIX \"$@\" &\n"
                   "  hex=$(printf '%04X' \"${3##*:}\")\n"
                   "  for i in $(seq 100); do\n"
                   "    grep -q \":$hex 00000000:0000 0A\" /proc/net/tcp && exit 0\n"
@@ -156,7 +156,7 @@ protected:
                   "  done\n"
                   "  exit 1\n"
                   "fi\n"
-                  "exec \"$VELTRIX\" \"$@\"\n",
+                  "exec $VELTRIX \"$@\"\n",
                   0755);
         writeFile(dir.file("bin/curl"),
                   "#!/bin/bash\n"
@@ -220,10 +220,10 @@ protected:
         std::filesystem::copy(dir.file("firmware.bin"), work + "/firmware.bin");
         const std::string script = work + "/example.sh";
         writeFile(script, "set -e\n" + localised(one.text, one.clientMachine) + "wait\n", 0755);
-        const runResult run = runProgram({"/bin/sh", "-c",
-                                          "cd " + work + " && PATH=" + dir.file("bin") +
-                                              ":$PATH VELTRIX=" + veltrixPath() + " PIDS=" + pids +
-                                              " /bin/sh " + script});
+        const runResult run =
+            runProgram({"/bin/sh", "-c",
+                        "cd " + work + " && PATH=" + dir.file("bin") + ":$PATH VELTRIX='" +
+                            veltrixCommand() + "'" + " PIDS=" + pids + " /bin/sh " + script});
         EXPECT_EQ(run.status, 0) << one.where << "\n" << one.text << run.out << run.err;
         if (one.text.find("curl ") != std::string::npos) {
             EXPECT_NE(run.out.find("hello through the tunnel"), std::string::npos)
@@ -238,7 +238,9 @@ protected:
             for (int wait = 0; wait < 100 && readFile(received) != tar.out; ++wait) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
             }
-            EXPECT_EQ(readFile(received), tar.out) << one.where;
+            EXPECT_TRUE(readFile(received) == tar.out)
+                << one.where << ": " << readFile(received).size() << " bytes received of "
+                << tar.out.size();
         }
     }
 
