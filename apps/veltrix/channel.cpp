@@ -192,6 +192,13 @@ std::string endpoint::text() const
                                                   : address + ":" + port;
 }
 
+bool endpoint::numeric() const
+{
+    in6_addr bytes{};
+    return inet_pton(AF_INET, address.c_str(), &bytes) == 1 ||
+           inet_pton(AF_INET6, address.c_str(), &bytes) == 1;
+}
+
 endpoint parseEndpoint(const std::string& text)
 {
     const std::string::size_type colon = text.rfind(':');
@@ -206,9 +213,7 @@ endpoint parseEndpoint(const std::string& text)
         std::stoul(where.port) > 65535) {
         throw failure("\"" + text + "\": the port must be a number from 0 to 65535");
     }
-    in6_addr numeric{};
-    if (inet_pton(AF_INET, where.address.c_str(), &numeric) == 1 ||
-        inet_pton(AF_INET6, where.address.c_str(), &numeric) == 1) {
+    if (where.numeric()) {
         return where;
     }
     // A host name: letters, digits, '-', '_' and dots between labels.

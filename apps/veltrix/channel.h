@@ -26,6 +26,8 @@ struct endpoint
     std::string address;
     std::string port;
     [[nodiscard]] std::string text() const;
+    /** Whether the host is a numeric IPv4 or IPv6 address, which needs no lookup. */
+    [[nodiscard]] bool numeric() const;
 };
 
 /** Splits "ADDR:PORT"; throws failure for a malformed text. */

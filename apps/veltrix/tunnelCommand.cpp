@@ -23,7 +23,6 @@
 #include "tunnelWorker.h"
 #include "vxGlobal.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -295,7 +294,7 @@ private:
                                                             service.authTimeout,
                                                             service.maxHandshakesPerSource});
             const endpoint& target = live.setup->target;
-            if (isNumeric(target)) {
+            if (target.numeric()) {
                 live.setup->targetAddresses = resolve(target);
             }
             warmUp(frame, *live.setup);
@@ -310,7 +309,7 @@ private:
                     (void)listen(fd, static_cast<int>(backlogFor(service)));
                 } else {
                     fd = listenSocket(at, addresses.size() > 1, backlogFor(service),
-                                      isNumeric(acceptAt)
+                                      acceptAt.numeric()
                                           ? acceptAt.text()
                                           : acceptAt.text() + " (" + addressText(at.address) + ")");
                 }
@@ -321,13 +320,6 @@ private:
             throw failure(prefix + error.what());
         }
         return live;
-    }
-
-    static bool isNumeric(const endpoint& where)
-    {
-        in6_addr numeric{};
-        return inet_pton(AF_INET, where.address.c_str(), &numeric) == 1 ||
-               inet_pton(AF_INET6, where.address.c_str(), &numeric) == 1;
     }
 
     /** Makes `services` the configuration in force: the listening sockets it does not use are

@@ -6,7 +6,6 @@
 // call nothing for an empty section, and each mistake here must name its line.
 #include "tunnelConfig.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,14 +39,9 @@ std::string endpointProblem(const std::string& text)
 std::string canonical(const std::string& text)
 {
     endpoint where = parseEndpoint(text);
-    sockaddr_storage numeric{};
-    auto& six = reinterpret_cast<sockaddr_in6&>(numeric);
-    auto& four = reinterpret_cast<sockaddr_in&>(numeric);
-    char back[INET6_ADDRSTRLEN] = {};
-    if (inet_pton(AF_INET6, where.address.c_str(), &six.sin6_addr) == 1) {
-        where.address = inet_ntop(AF_INET6, &six.sin6_addr, back, sizeof back);
-    } else if (inet_pton(AF_INET, where.address.c_str(), &four.sin_addr) == 1) {
-        where.address = inet_ntop(AF_INET, &four.sin_addr, back, sizeof back);
+    if (where.numeric()) {
+        // Written back from its bytes: "::0001" and "::1" are one address. No lookup is made.
+        where = parseEndpoint(addressText(resolve(where).front().address));
     } else {
         std::transform(where.address.begin(), where.address.end(), where.address.begin(),
                        [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
