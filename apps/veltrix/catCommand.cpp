@@ -11,6 +11,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -20,12 +21,17 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <streambuf>
+#include <string>
 
 namespace vxcli {
 
 using namespace veltrix;
 
 namespace {
+
+/** Seconds the raw client waits, after the end of its input, for the peer to go quiet. */
+constexpr unsigned kDefaultLinger = 2;
 
 struct catOptions
 {
@@ -36,6 +42,8 @@ struct catOptions
     bool progress = false;
     bool forceProgress = false;
     bool stats = false;
+    bool once = false;
+    unsigned linger = kDefaultLinger;
     std::string statsStartText; ///< as given; empty without the option
     uint32_t statsStart = 0;    ///< where the traffic counters start, for tests of their restart
 };
@@ -71,32 +79,77 @@ std::string sizeText(double bytes)
     return text;
 }
 
-/** The progress line on standard error: bytes each way, the rate, the time so far. */
-relayTick progressLine()
+/** "01:05" */
+std::string clockText(double seconds)
 {
-    const auto start = std::chrono::steady_clock::now();
-    return [start](const relayCounters& counters, bool last) {
-        const double seconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        const auto total = static_cast<double>(counters.toPeer + counters.fromPeer);
-        const auto whole = static_cast<unsigned long>(seconds);
-        char line[160];
-        (void)std::snprintf(line, sizeof line, "\r%s sent, %s received, %s/s, %02lu:%02lu ",
-                            sizeText(static_cast<double>(counters.toPeer)).c_str(),
-                            sizeText(static_cast<double>(counters.fromPeer)).c_str(),
-                            sizeText(seconds > 0 ? total / seconds : 0).c_str(), whole / 60,
-                            whole % 60);
-        std::cerr << line << (last ? "\n" : "") << std::flush;
+    const auto whole = static_cast<unsigned long>(seconds);
+    char text[24];
+    (void)std::snprintf(text, sizeof text, "%02lu:%02lu", whole / 60, whole % 60);
+    return text;
+}
+
+/** The bytes left to read from standard input when it is a regular file; 0 when unknown. */
+uint64_t inputSize()
+{
+    struct stat status = {};
+    const off_t at = lseek(STDIN_FILENO, 0, SEEK_CUR);
+    if (fstat(STDIN_FILENO, &status) != 0 || !S_ISREG(status.st_mode) || at < 0 ||
+        status.st_size <= at) {
+        return 0;
+    }
+    return static_cast<uint64_t>(status.st_size - at);
+}
+
+/** The progress line on standard error: bytes each way, the rate, the time so far; with an input
+ *  of known size, the total and the time left. */
+relayTick progressLine(steadyClock::time_point start, uint64_t total)
+{
+    return [start, total](const relayCounters& counters, bool last) {
+        const double seconds = std::chrono::duration<double>(steadyClock::now() - start).count();
+        const auto both = static_cast<double>(counters.toPeer + counters.fromPeer);
+        const auto sent = static_cast<double>(counters.toPeer);
+        std::string line = "\r" + sizeText(sent);
+        if (total > 0) {
+            line += " of " + sizeText(static_cast<double>(total));
+        }
+        line += " sent, " + sizeText(static_cast<double>(counters.fromPeer)) + " received, " +
+                sizeText(seconds > 0 ? both / seconds : 0) + "/s, " + clockText(seconds);
+        if (total > 0 && counters.toPeer < total && sent > 0) {
+            line +=
+                ", " + clockText(seconds * (static_cast<double>(total) - sent) / sent) + " left";
+        }
+        std::cerr << line << (last ? " \n" : " ") << std::flush;
     };
 }
 
-/** The statistics table of the encrypted socket, on standard error: standard output is the
- *  peer's data. */
-void printStats(vxNetEncryptedSocket& channel)
+/** "1234 bytes", then what the wire carried on top of the payload. */
+std::string overheadText(uint64_t payload, uint64_t wire)
 {
-    std::streambuf* data = std::cout.rdbuf(std::cerr.rdbuf());
+    char text[64];
+    if (payload == 0) {
+        (void)std::snprintf(text, sizeof text, "%llu bytes", static_cast<unsigned long long>(wire));
+    } else {
+        (void)std::snprintf(text, sizeof text, "%llu bytes (%+.1f%%)",
+                            static_cast<unsigned long long>(wire),
+                            100.0 * (static_cast<double>(wire) - static_cast<double>(payload)) /
+                                static_cast<double>(payload));
+    }
+    return text;
+}
+
+/** At the end, on standard error (standard output is the peer's data): the encrypted socket's
+ *  statistics, then what the user moved each way, what the connection carried for it once it
+ *  was keyed, and how long it all took from the connection's start. */
+void printStats(vxNetEncryptedSocket& channel, const relayCounters& moved, double seconds)
+{
     (void)channel.stats.Display();
-    std::cout.rdbuf(data);
+    char duration[32];
+    (void)std::snprintf(duration, sizeof duration, "%.3f s", seconds);
+    std::cerr << "payload sent:     " << moved.toPeer << " bytes\n"
+              << "payload received: " << moved.fromPeer << " bytes\n"
+              << "wire sent:        " << overheadText(moved.toPeer, moved.wireOut) << "\n"
+              << "wire received:    " << overheadText(moved.fromPeer, moved.wireIn) << "\n"
+              << "duration:         " << duration << std::endl;
 }
 
 /** Starts the traffic counters at `value` instead of where the handshake left them, so that a
@@ -109,7 +162,10 @@ void startCounters(vxNetProtocolStats& stats, uint32_t value)
     }
 }
 
-void relay(vxNetEncryptedSocket& channel, const catOptions& options, bool initiator)
+/** Relays the keyed connection between standard input and output and the peer. `start`: when
+ *  the connection began, for the progress line and the statistics. */
+void relay(vxNetEncryptedSocket& channel, const catOptions& options, bool initiator,
+           steadyClock::time_point start)
 {
     if (!options.statsStartText.empty()) {
         startCounters(channel.stats, options.statsStart);
@@ -118,53 +174,104 @@ void relay(vxNetEncryptedSocket& channel, const catOptions& options, bool initia
                              "standard output"};
     const bool showProgress =
         options.forceProgress || (options.progress && isatty(STDERR_FILENO) == 1);
-    const relayTick tick = showProgress ? progressLine() : relayTick();
+    const relayTick tick = showProgress ? progressLine(start, inputSize()) : relayTick();
+    relayCounters moved;
     if (options.raw) {
-        relayRaw(channel, standard, initiator, options.channel.limits, tick);
+        relayRaw(channel, standard, initiator, options.channel.limits, options.linger, tick,
+                 &moved);
     } else {
-        relayStream(channel, standard, initiator, options.channel.limits, tick);
+        relayStream(channel, standard, initiator, options.channel.limits, tick, &moved);
     }
     if (options.stats) {
-        printStats(channel);
+        printStats(channel, moved,
+                   std::chrono::duration<double>(steadyClock::now() - start).count());
     }
 }
 
-void listenAndRelay(cliFrame& frame, const catOptions& options, const vxBytes& secret)
+/** The next connection to the listener, as a descriptor. */
+int acceptOne(const vxNetSocket& listener)
 {
-    vxNetSocket listener;
-    const closeOnExit listenerGuard(listener);
-    listenOn(frame, listener, parseEndpoint(options.listen));
     pollfd pending{listener.sockFd, POLLIN, 0};
-    int fd = -1;
-    while (fd < 0) {
+    for (;;) {
         if (poll(&pending, 1, -1) < 0 && errno != EINTR) {
             throw failure("waiting for a connection failed: " + errnoText());
         }
-        fd = accept4(listener.sockFd, nullptr, nullptr, SOCK_CLOEXEC);
+        const int fd = accept4(listener.sockFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) {
+            return fd;
+        }
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            throw failure("cannot accept a connection: " + errnoText());
+        }
     }
-    vxNetServer server;
-    const closeOnExit serverGuard(server);
-    vxNetConnectedClient record;
-    const closeOnExit recordGuard(record);
-    acceptEncrypted(frame, server, record, fd, options.channel, secret);
-    relay(record.encryptedSocket, options, false);
+}
+
+/** Waits for a peer that completes the handshake and relays its connection. A peer that does
+ *  not (a port probe, a wrong secret) is reported on standard error and the wait goes on,
+ *  unless `options.once`: the first connection is then the only one, whatever it brings. */
+void listenAndRelay(cliFrame& frame, const catOptions& options, const vxBytes& secret,
+                    const warningSink& warn)
+{
+    vxNetSocket listener;
+    const closeOnExit listenerGuard(listener);
+    listenOn(frame, listener, parseEndpoint(options.listen), warn);
+    for (;;) {
+        const int fd = acceptOne(listener);
+        const auto start = steadyClock::now();
+        vxNetServer server;
+        const closeOnExit serverGuard(server);
+        vxNetConnectedClient record;
+        const closeOnExit recordGuard(record);
+        try {
+            acceptEncrypted(frame, server, record, fd, options.channel, secret);
+        } catch (const failure& refused) {
+            if (options.once) {
+                throw;
+            }
+            std::cerr << "veltrix cat: refused a connection: " << refused.what() << std::endl;
+            vxBase::lvxClearLastError();
+            continue;
+        }
+        relay(record.encryptedSocket, options, false, start);
+        return;
+    }
 }
 
 void connectAndRelay(cliFrame& frame, const catOptions& options, const vxBytes& secret)
 {
+    const auto start = steadyClock::now();
     vxNetClient client;
     const closeOnExit clientGuard(client);
     const closeOnExit channelGuard(client.encryptedSocket);
     connectEncrypted(frame, client, parseEndpoint(options.peer), options.channel, secret);
-    relay(client.encryptedSocket, options, true);
+    relay(client.encryptedSocket, options, true, start);
 }
+
+/** Standard output carries the peer's data: whatever the library writes there goes to standard
+ *  error instead, for as long as the command runs. */
+class libraryOutputAside
+{
+public:
+    libraryOutputAside() : data(std::cout.rdbuf(std::cerr.rdbuf())) {}
+
+    LVX_NOT_COPYABLE(libraryOutputAside);
+
+    ~libraryOutputAside() { std::cout.rdbuf(data); }
+
+private:
+    std::streambuf* data;
+};
 
 int runCat(cliFrame& frame, const catOptions& options)
 {
+    const libraryOutputAside aside;
+    const warningSink warn = [](const std::string& text) {
+        std::cerr << "veltrix cat: warning: " << text << std::endl;
+    };
     frame.loadPlugin();
-    const vxBytes secret = readSecret(options.channel.pskFile);
+    const vxBytes secret = readSecret(options.channel.pskFile, warn);
     if (!options.listen.empty()) {
-        listenAndRelay(frame, options, secret);
+        listenAndRelay(frame, options, secret, warn);
     } else {
         connectAndRelay(frame, options, secret);
     }
@@ -189,12 +296,24 @@ void addCatCommand(CLI::App& program, selection& chosen)
     command->get_option("--psk-file")->required();
     command->add_flag("--raw", options->raw,
                       "bare payloads, for any application built on the library");
+    command
+        ->add_option("--linger", options->linger,
+                     "with --raw: seconds the client waits, after the end of its input, for "
+                     "the peer to go quiet before it disconnects")
+        ->default_val(kDefaultLinger)
+        ->check(CLI::Range(0U, 3600U));
+    command
+        ->add_flag("--once", options->once,
+                   "with --listen: end with the first connection, even one that fails the "
+                   "handshake")
+        ->needs(listen);
     command->add_flag("--progress", options->progress,
                       "a progress line on standard error when it is a terminal");
     command->add_flag("--force-progress", options->forceProgress,
                       "the progress line even when standard error is not a terminal");
     command->add_flag("--stats", options->stats,
-                      "the encrypted socket's statistics on standard error at the end");
+                      "the encrypted socket's statistics, the bytes moved and the time taken, on "
+                      "standard error at the end");
     // An empty group keeps it out of --help: it exists for tests of the counters' restart.
     command->add_option("--stats-start", options->statsStartText, "the counters' start value")
         ->group("");

@@ -14,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -72,12 +73,19 @@ const optionRows<channelOptions>& channelRows();
 /** The channel options with their defaults. */
 channelOptions defaultChannel();
 
-/** The secret in `path`: its content without one trailing line feed. Refused when the file is
- *  open to group or others, or empty. */
-veltrix::vxBytes readSecret(const std::string& path);
+/** Where a command says what it goes on despite: standard error, or the tunnel's log. */
+using warningSink = std::function<void(const std::string&)>;
 
-/** A TCP socket bound to `where` and listening (non-blocking). */
-void listenOn(cliFrame& frame, veltrix::vxNetSocket& listener, const endpoint& where);
+/** The secret in `path`: its content without one trailing LF or CRLF. Refused when the file is
+ *  not a regular file of this user or root, is larger than 4096 bytes, is open to group or
+ *  others, or is empty; a secret shorter than 16 bytes, or one that still ends with a line end,
+ *  is used with a warning through `warn`. */
+veltrix::vxBytes readSecret(const std::string& path, const warningSink& warn);
+
+/** A TCP socket bound to `where` and listening (non-blocking); a bind log the library must
+ *  leave alone is reported through `warn`. */
+void listenOn(cliFrame& frame, veltrix::vxNetSocket& listener, const endpoint& where,
+              const warningSink& warn);
 
 /** A socket address as "ADDR:PORT". */
 std::string addressText(const sockaddr_storage& peer);

@@ -211,7 +211,9 @@ void streamRelay::sendCell()
 
 void streamRelay::flushNet()
 {
+    const size_t queued = out.toNet.size();
     const ioResult result = writeFrom(net, true, out.toNet);
+    moved.wireOut += queued - out.toNet.size();
     if (result == ioResult::failed) {
         throw failure("the peer closed the connection before the end of the stream (" +
                       errnoText() + ")");
@@ -290,6 +292,7 @@ bool streamRelay::readFromNet(unsigned char* at, size_t limit, size_t& got)
     if (result != ioResult::progress) {
         return false;
     }
+    moved.wireIn += got;
     lastTraffic = steadyClock::now();
     return true;
 }
@@ -683,56 +686,257 @@ void receiveRaw(vxNetEncryptedSocket& channel, vxBytes& payload, unsigned second
     require(received, "receiving from the peer failed");
 }
 
+/** Bytes on the wire of a packet carrying `payload` bytes: the header and the padded body. */
+uint64_t rawWireSize(size_t payload)
+{
+    return VX_HEADER_WIRE_SIZE + (payload + stream::kBlock - 1) / stream::kBlock * stream::kBlock;
+}
+
+uint32_t announcement(const std::vector<unsigned char>& cell)
+{
+    return (static_cast<uint32_t>(cell[1]) << 8U) | cell[2];
+}
+
+/** Whether `payload` is what an end of the stream protocol sends first: the end cell, or a data
+ *  cell of 1 to 13 bytes that announces 1 to 1024 blocks, in a packet of one block. */
+bool looksLikeFirstCell(const std::vector<unsigned char>& payload)
+{
+    if (payload.size() < stream::kCellHeader || payload.size() > stream::kBlock) {
+        return false;
+    }
+    const uint32_t next = announcement(payload);
+    if (payload[0] == stream::kindEnd) {
+        return payload.size() == stream::kCellHeader && next == 0;
+    }
+    return payload[0] == stream::kindData && payload.size() > stream::kCellHeader && next >= 1 &&
+           next <= stream::kMaxBlocks;
+}
+
+/** Whether `payload` is the cell that the data cell `first` announced. */
+bool followsCell(const std::vector<unsigned char>& first, const std::vector<unsigned char>& payload)
+{
+    return first[0] == stream::kindData && payload.size() >= stream::kCellHeader &&
+           payload[0] <= stream::kindEnd &&
+           stream::blocksFor(payload.size() - stream::kCellHeader) == announcement(first);
+}
+
+const char* const kStreamPeer =
+    "the peer's packets are cells of the stream protocol: it runs without --raw (run both ends "
+    "with --raw, or neither)";
+
+/** The relay of bare payloads, on blocking reads of whole packets. */
+class rawRelay
+{
+public:
+    rawRelay(vxNetEncryptedSocket& keyed, const plainSide& plainEnd, bool isInitiator,
+             const relayLimits& chosen, unsigned lingerSeconds)
+        : channel(keyed), plain(plainEnd), initiator(isInitiator), limits(chosen),
+          linger(std::chrono::seconds(lingerSeconds)), idle(chosen.idle)
+    {}
+
+    /** Relays until the conversation ended; throws failure when it broke off. */
+    void run(ticker& clock)
+    {
+        limitRawReceive(channel, limits.receive);
+        while (!ended) {
+            pollSet set;
+            if (inputOpen) {
+                set.want(plain.input, POLLIN);
+            }
+            set.want(net, POLLIN);
+            idle.check();
+            set.wait(sooner(sooner(clock.budget(), idle.budget()), millisUntil(nextDeadline())));
+            clock.maybe(moved);
+            if (inputOpen && set.ready(plain.input, POLLIN)) {
+                readInput();
+            }
+            if (set.ready(net, POLLIN)) {
+                receive();
+            }
+            checkDeadline();
+        }
+        clock.maybe(moved, true);
+    }
+
+    [[nodiscard]] const relayCounters& counters() const { return moved; }
+
+private:
+    void readInput()
+    {
+        std::vector<unsigned char>& chunk = payload.bytes;
+        chunk.resize(VX_MAX_PACKET_SIZE);
+        const ssize_t got = read(plain.input, chunk.data(), chunk.size());
+        if (got < 0) {
+            if (errno != EINTR && errno != EAGAIN) {
+                throw failure("reading from " + plain.inputName + " failed: " + errnoText());
+            }
+            return;
+        }
+        if (got == 0) {
+            inputOpen = false;
+            traffic();
+            return;
+        }
+        chunk.resize(static_cast<size_t>(got));
+        require(channel.SendEncrypted(payload), "sending to the peer failed");
+        moved.toPeer += chunk.size();
+        moved.wireOut += rawWireSize(chunk.size());
+        traffic();
+    }
+
+    void receive()
+    {
+        unsigned char first = 0;
+        const ssize_t peeked = recv(net, &first, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (peeked < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return;
+        }
+        if (peeked < 0) {
+            if (errno == ECONNRESET) {
+                throw failure(held.empty() ? "the peer reset the connection (an end without "
+                                             "--raw does so on bare payloads: run both ends "
+                                             "with --raw, or neither)"
+                                           : kStreamPeer);
+            }
+            throw failure("receiving from the peer failed: " + errnoText());
+        }
+        if (peeked == 0) {
+            peerClosed();
+            return;
+        }
+        receiveRaw(channel, payload, limits.receive);
+        traffic();
+        const uint32_t body = channel.header.sizeWithPadding;
+        moved.wireIn += VX_HEADER_WIRE_SIZE + ((body >> 16U) == 0xC0DEU ? 0 : body);
+        if (channel.socket->doDisconnect) {
+            // An end of the stream protocol sends the command only after cells of this end's:
+            // what was held was bare data.
+            write(held);
+            ended = true;
+            return;
+        }
+        deliver();
+    }
+
+    /** Writes the payload just received, unless it may be the first cell of the stream
+     *  protocol: that one waits for the next packet, which tells. */
+    void deliver()
+    {
+        if (!held.empty()) {
+            if (followsCell(held, payload.bytes)) {
+                throw failure(kStreamPeer);
+            }
+            write(held);
+            held.clear();
+        } else if (!anyReceived && looksLikeFirstCell(payload.bytes)) {
+            held = payload.bytes;
+            heldSince = steadyClock::now();
+        }
+        anyReceived = true;
+        if (held.empty()) {
+            write(payload.bytes);
+        }
+    }
+
+    void write(const std::vector<unsigned char>& bytes)
+    {
+        writeAll(plain, bytes.data(), bytes.size());
+        moved.fromPeer += bytes.size();
+    }
+
+    /** The peer closed its end between two packets. */
+    void peerClosed()
+    {
+        if (!held.empty()) {
+            throw failure(kStreamPeer);
+        }
+        if (!initiator) {
+            throw failure("the peer closed the connection without the disconnect command");
+        }
+        if (inputOpen) {
+            throw failure("the peer closed the connection before the end of " + plain.inputName);
+        }
+        ended = true;
+    }
+
+    /** When waiting must stop for a limit of this relay: the linger, the wait for the peer to
+     *  close after the disconnect command, the time a cell may be held. */
+    [[nodiscard]] steadyClock::time_point nextDeadline() const
+    {
+        auto next = steadyClock::time_point::max();
+        if (!held.empty()) {
+            next = heldSince + heldLimit();
+        }
+        if (initiator && !inputOpen) {
+            next = std::min(next, lastTraffic + (disconnectSent ? kClosing : linger));
+        }
+        return next;
+    }
+
+    void checkDeadline()
+    {
+        if (ended || steadyClock::now() < nextDeadline()) {
+            return;
+        }
+        if (!held.empty() && steadyClock::now() >= heldSince + heldLimit()) {
+            throw failure(kStreamPeer);
+        }
+        if (disconnectSent) {
+            ended = true; // the peer did not close: nothing more is coming from it either way
+            return;
+        }
+        // Quiet for the linger: the peer has answered. What it sends after the command still
+        // arrives before it closes.
+        require(channel.SendClientDisconnect(), "sending the disconnect command failed");
+        moved.wireOut += VX_HEADER_WIRE_SIZE;
+        // The peer reads 16 bytes after a command header: the end of this direction answers
+        // that read at once.
+        (void)shutdown(net, SHUT_WR);
+        disconnectSent = true;
+        traffic();
+    }
+
+    [[nodiscard]] std::chrono::seconds heldLimit() const
+    {
+        return limits.receive > 0 ? std::chrono::seconds(limits.receive) : kClosing;
+    }
+
+    void traffic()
+    {
+        lastTraffic = steadyClock::now();
+        idle.traffic();
+    }
+
+    vxNetEncryptedSocket& channel;
+    const plainSide& plain;
+    bool initiator;
+    const relayLimits& limits;
+    std::chrono::seconds linger;
+    idleTimer idle;
+    const int net = channel.socket->sockFd;
+    relayCounters moved;
+    vxBytes payload;
+    std::vector<unsigned char> held; ///< a payload that may be the first cell of the stream
+    steadyClock::time_point heldSince;
+    steadyClock::time_point lastTraffic = steadyClock::now();
+    bool inputOpen = true;
+    bool anyReceived = false;
+    bool disconnectSent = false;
+    bool ended = false;
+};
+
 } // namespace
 
 void relayRaw(vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-              const relayLimits& limits, const relayTick& tick)
+              const relayLimits& limits, unsigned linger, const relayTick& tick,
+              relayCounters* counters)
 {
     ticker clock(tick);
-    idleTimer timer(limits.idle);
-    relayCounters counters;
-    const int net = channel.socket->sockFd;
-    limitRawReceive(channel, limits.receive);
-    bool inputOpen = true;
-    vxBytes payload;
-    std::vector<unsigned char> chunk(VX_MAX_PACKET_SIZE);
-    for (;;) {
-        pollSet set;
-        if (inputOpen) {
-            set.want(plain.input, POLLIN);
-        }
-        set.want(net, POLLIN);
-        timer.check();
-        set.wait(sooner(clock.budget(), timer.budget()));
-        clock.maybe(counters);
-        if (inputOpen && set.ready(plain.input, POLLIN)) {
-            const ssize_t got = read(plain.input, chunk.data(), chunk.size());
-            if (got < 0 && errno != EINTR && errno != EAGAIN) {
-                throw failure("reading from " + plain.inputName + " failed: " + errnoText());
-            }
-            if (got == 0 && initiator) {
-                require(channel.SendClientDisconnect(), "sending the disconnect command failed");
-                break;
-            }
-            inputOpen = got != 0;
-            if (got > 0) {
-                payload.bytes.assign(chunk.begin(), chunk.begin() + got);
-                require(channel.SendEncrypted(payload), "sending to the peer failed");
-                counters.toPeer += static_cast<uint64_t>(got);
-                timer.traffic();
-            }
-        }
-        if (set.ready(net, POLLIN)) {
-            receiveRaw(channel, payload, limits.receive);
-            timer.traffic();
-            if (channel.socket->doDisconnect) {
-                break;
-            }
-            writeAll(plain, payload.bytes.data(), payload.bytes.size());
-            counters.fromPeer += payload.bytes.size();
-        }
+    rawRelay relay(channel, plain, initiator, limits, linger);
+    relay.run(clock);
+    if (counters != nullptr) {
+        *counters = relay.counters();
     }
-    clock.maybe(counters, true);
 }
 
 } // namespace vxcli

@@ -41,6 +41,8 @@ struct relayCounters
 {
     uint64_t toPeer = 0;
     uint64_t fromPeer = 0;
+    uint64_t wireOut = 0; ///< bytes sent on the connection once it was keyed
+    uint64_t wireIn = 0;  ///< bytes received on it once it was keyed
 };
 
 /** Called a few times a second while a relay runs, and once at its end. */
@@ -186,11 +188,16 @@ void relayStream(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain,
                  relayCounters* counters = nullptr);
 
 /** Relays bare payloads: each read of the input becomes one payload, each payload received is
- *  written out. The initiator sends the disconnect command at the end of its input; the other
- *  end runs until it receives the disconnect command. The library receives a payload whole, so
- *  the receive limit is its own time-out and the socket's. */
+ *  written out. After the end of its input the initiator goes on receiving until the peer has
+ *  been quiet for `linger` seconds or closed the connection; only then does it send the
+ *  disconnect command, and it reads what the peer sent meanwhile until the peer closes. The
+ *  other end runs until it receives the disconnect command. The library receives a payload
+ *  whole, so the receive limit is its own time-out and the socket's. A peer that speaks the
+ *  stream protocol is recognised by its first cells and ends the relay within the receive
+ *  limit. */
 void relayRaw(veltrix::vxNetEncryptedSocket& channel, const plainSide& plain, bool initiator,
-              const relayLimits& limits, const relayTick& tick = {});
+              const relayLimits& limits, unsigned linger, const relayTick& tick = {},
+              relayCounters* counters = nullptr);
 
 /** Makes the close of a socket reset it instead of ending it in order. */
 void resetOnClose(int fd);

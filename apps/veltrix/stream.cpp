@@ -15,9 +15,12 @@ void writeHeader(std::vector<unsigned char>& cell, kind type, uint32_t next)
                  static_cast<unsigned char>(next & 0xFFU)});
 }
 
-[[noreturn]] void broken(const std::string& why)
+/** `first`: the peer's first packet broke it, which is what an end sending bare payloads
+ *  does. */
+[[noreturn]] void broken(const std::string& why, bool first)
 {
-    throw failure("the peer broke the stream protocol: " + why);
+    throw failure("the peer broke the stream protocol: " + why +
+                  (first ? " (if it runs with --raw: run both ends with --raw, or neither)" : ""));
 }
 
 } // namespace
@@ -48,30 +51,33 @@ void receiver::checkSize(uint32_t sizeWithPadding) const
 {
     if (sizeWithPadding != kBlock * expected) {
         broken("a packet declares a body of " + std::to_string(sizeWithPadding) + " bytes where " +
-               std::to_string(kBlock * expected) + " were announced");
+                   std::to_string(kBlock * expected) + " were announced",
+               !started);
     }
 }
 
 size_t receiver::take(const std::vector<unsigned char>& cell)
 {
     if (sawEnd) {
-        broken("a cell after the end of the stream");
+        broken("a cell after the end of the stream", false);
     }
     if (cell.size() < kCellHeader || cell[0] > kindEnd) {
-        broken("a cell of an unknown kind");
+        broken("a cell of an unknown kind", !started);
     }
     const uint32_t next = (static_cast<uint32_t>(cell[1]) << 8U) | cell[2];
     const size_t count = cell.size() - kCellHeader;
     if (cell[0] == kindEnd) {
         if (count != 0 || next != 0) {
-            broken("an end cell that carries data or announces a packet");
+            broken("an end cell that carries data or announces a packet", !started);
         }
         sawEnd = true;
     } else if (count == 0 || next == 0 || next > kMaxBlocks) {
         broken("a data cell without data or with an announcement of " + std::to_string(next) +
-               " blocks");
+                   " blocks",
+               !started);
     }
     expected = next;
+    started = true;
     return count;
 }
 

@@ -94,6 +94,7 @@ public:
 private:
     uint32_t expected = kFirstBlocks;
     bool sawEnd = false;
+    bool started = false; ///< a cell arrived
 };
 
 } // namespace vxcli::stream

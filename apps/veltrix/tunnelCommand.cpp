@@ -197,6 +197,7 @@ public:
         }
         process = settings.process;
         configureLog(isatty(STDERR_FILENO) == 1 || process.foreground);
+        tunnelLog::takeStandardOutput();
         frame.loadPlugin();
         shareCounts();
         std::vector<liveService> services = build(settings);
@@ -282,17 +283,20 @@ private:
         const std::string prefix = service.name.empty() ? "" : service.name + ": ";
         liveService live;
         try {
-            live.setup =
-                std::make_unique<serviceSetup>(serviceSetup{frame,
-                                                            service.name,
-                                                            service.server,
-                                                            parseEndpoint(service.connect),
-                                                            {},
-                                                            readSecret(service.channel.pskFile),
-                                                            service.channel,
-                                                            service.maxConnections,
-                                                            service.authTimeout,
-                                                            service.maxHandshakesPerSource});
+            live.setup = std::make_unique<serviceSetup>(
+                serviceSetup{frame,
+                             service.name,
+                             service.server,
+                             parseEndpoint(service.connect),
+                             {},
+                             readSecret(service.channel.pskFile,
+                                        [&prefix](const std::string& text) {
+                                            tunnelLog::line(severity::warning, prefix + text);
+                                        }),
+                             service.channel,
+                             service.maxConnections,
+                             service.authTimeout,
+                             service.maxHandshakesPerSource});
             const endpoint& target = live.setup->target;
             if (target.numeric()) {
                 live.setup->targetAddresses = resolve(target);

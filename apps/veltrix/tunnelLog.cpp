@@ -11,6 +11,9 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <iostream>
+#include <streambuf>
+#include <string>
 
 namespace vxcli {
 
@@ -59,6 +62,47 @@ std::string fileLine(severity level, const std::string& text)
     return std::string(stamp, length) + state().settings.ident + "[" + std::to_string(getpid()) +
            "] " + severityName(level) + ": " + text + "\n";
 }
+
+/** A stream buffer that turns what is written to it into log lines. Unbuffered, so that each
+ *  thread's text collects in a line of its own. */
+class logLines : public std::streambuf
+{
+protected:
+    int_type overflow(int_type next) override
+    {
+        if (!traits_type::eq_int_type(next, traits_type::eof())) {
+            put(traits_type::to_char_type(next));
+        }
+        return traits_type::not_eof(next);
+    }
+
+    std::streamsize xsputn(const char* text, std::streamsize count) override
+    {
+        for (std::streamsize at = 0; at < count; ++at) {
+            put(text[at]);
+        }
+        return count;
+    }
+
+private:
+    /** The longest line kept; the rest of a longer one is left out. */
+    static constexpr size_t kLongest = 1024;
+
+    static void put(char next)
+    {
+        thread_local std::string pending;
+        if (next != '\n') {
+            if (pending.size() < kLongest) {
+                pending += next;
+            }
+            return;
+        }
+        if (!pending.empty()) {
+            tunnelLog::line(severity::info, "the library reports: " + pending);
+            pending.clear();
+        }
+    }
+};
 
 } // namespace
 
@@ -157,6 +201,21 @@ void line(severity level, const std::string& text)
 void detached()
 {
     state().settings.toStderr = false;
+}
+
+void takeStandardOutput()
+{
+    // The standard stream is flushed at exit, after this object is gone: it gets its own
+    // buffer back first.
+    static struct taken
+    {
+        logLines lines;
+        std::streambuf* original = std::cout.rdbuf(&lines);
+        taken() = default;
+        LVX_NOT_COPYABLE(taken);
+
+        ~taken() { std::cout.rdbuf(original); }
+    } redirect;
 }
 
 } // namespace tunnelLog

@@ -45,6 +45,10 @@ bool reachesAnyone();
 void line(severity level, const std::string& text);
 /** Standard error is no longer the operator's: the process detached. */
 void detached();
+/** What the library writes to standard output comes into the log from now on, a line at a
+ *  time at `info`: the tunnel's standard output is nobody's data stream, and in the foreground
+ *  a report there would stand outside the log's format. */
+void takeStandardOutput();
 
 } // namespace tunnelLog
 

@@ -176,7 +176,6 @@ std::string lvxErrnoText(int error);
 #define LVX_MSG_BIND           "bind() failed: "
 #define LVX_MSG_LISTEN         "listen() failed: "
 #define LVX_MSG_IPV6_NAME      "Unimplmeneted ipv6 name"
-#define LVX_SOCKET_LOG         "/tmp/fw/log/vxNetSocket.log"
 // Encrypted socket.
 #define LVX_MSG_REKEY_REQUEST "Process a key re-exchange request."
 #define LVX_MSG_UNKNOWN_CMD   "fail"

@@ -12,6 +12,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,15 +75,24 @@ void sendSegmentsAtOnce(int fd)
 
 /** The bind log: each line appended and written at once. When the file cannot be opened (its
  *  directory is missing) the lines are lost and binding goes on. The log sits in a directory
- *  anyone may write to, so a symbolic link planted in its place is refused (O_NOFOLLOW) rather
- *  than followed to a file of the caller's. A line never disturbs errno, which the failure that
+ *  anyone may write to, so whatever another user planted there is left alone: a symbolic link
+ *  (O_NOFOLLOW), a FIFO or device (opened without waiting for a reader, then refused for its
+ *  type) and a file of another user's. A line never disturbs errno, which the failure that
  *  follows it reports. */
 class socketLog
 {
 public:
     socketLog()
-        : fd(open(LVX_SOCKET_LOG, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLogMode))
-    {}
+        : fd(open(VX_SOCKET_LOG_PATH,
+                  O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                  kLogMode))
+    {
+        struct stat status = {};
+        if (fd >= 0 && (fstat(fd, &status) != 0 || !isOwnFile(status))) {
+            (void)close(fd);
+            fd = -1;
+        }
+    }
 
     socketLog(const socketLog&) = delete;
     socketLog& operator=(const socketLog&) = delete;
@@ -105,6 +115,12 @@ public:
             (void)written; // a lost line is not an error
         }
         errno = saved;
+    }
+
+    /** Whether a file with `status` may take the lines: a regular file of this user or root. */
+    static bool isOwnFile(const struct stat& status)
+    {
+        return S_ISREG(status.st_mode) && (status.st_uid == geteuid() || status.st_uid == 0);
     }
 
 private:

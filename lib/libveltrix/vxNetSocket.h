@@ -22,6 +22,9 @@ struct sockaddr_in6;
 
 namespace veltrix {
 
+/** The file BindAndListen appends its progress to, when its directory exists. */
+constexpr const char* VX_SOCKET_LOG_PATH = "/tmp/fw/log/vxNetSocket.log";
+
 /** One TCP endpoint. Set the port, then the (numeric) address, then Connect, or BindAndListen
  *  and Accept. A socket is used by one thread at a time; the wake-up pipe is the one cross-thread
  *  device. Connected and accepted descriptors send small segments at once (TCP_NODELAY): an
@@ -96,8 +99,9 @@ public:
     bool Connect();
     /** Binds the resolved address and listens (SO_LINGER 1 s, SO_REUSEADDR, SO_KEEPALIVE), and
      *  leaves the listening descriptor non-blocking: wait until it is readable before Accept.
-     *  Appends its progress to "/tmp/fw/log/vxNetSocket.log" when that directory exists (the
-     *  lines are lost otherwise, and when the log's name is a symbolic link; binding goes on). Fails with "Port is not set.", "Address is
+     *  Appends its progress to VX_SOCKET_LOG_PATH when that directory exists (the lines are lost
+     *  otherwise, and when the log's name is anything but a regular file of this user or root,
+     *  which is then left alone; binding goes on). Fails with "Port is not set.", "Address is
      *  not set.", or "Unable to create socket: ", "setsockopt() failed: ", "bind() failed: ",
      *  "listen() failed: " and the errno text. */
     bool BindAndListen();

@@ -1,10 +1,12 @@
 // veltrix cat both ways with files compared byte for byte, in the stream protocol and with bare
 // payloads, and the statistics and progress output.
 #include "cliRun.h"
+#include "streamPeer.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -154,9 +156,9 @@ TEST_F(catTest, CountersStartedNearTheirLimitRestartWhereTheLibrarySays)
     std::cout << client.err << listener->errorText();
 }
 
-TEST_F(catTest, WrongSecretFailsBothEndsWithOneLine)
+TEST_F(catTest, WrongSecretWithOnceFailsBothEndsWithOneLine)
 {
-    const auto listener = listen("never sent");
+    const auto listener = listen("never sent", {"--once"});
     const std::string otherPsk = dir.file("other");
     writeFile(otherPsk, "not the same secret");
     std::vector<std::string> args{"cat", peer, "--psk-file", otherPsk};
@@ -182,6 +184,148 @@ TEST_F(catTest, NoListenerIsOneLine)
     const runResult client = runVeltrix({"cat", peer, "--psk-file", psk});
     EXPECT_EQ(client.status, 1);
     EXPECT_EQ(client.err, "veltrix cat: cannot connect to " + peer + ": Connection refused\n");
+}
+
+TEST_F(catTest, StrangersAreRefusedAndTheListenerWaitsForItsPeer)
+{
+    const auto listener = listen("for the real peer");
+    const int port = std::stoi(peer.substr(peer.rfind(':') + 1));
+    ASSERT_TRUE(listeningWithin(port, 30));
+    const int probe = connectLoopback(port); // a port scan: connects and goes
+    ASSERT_GE(probe, 0);
+    (void)close(probe);
+    writeFile(dir.file("other"), "not the same secret");
+    const runResult stranger = runVeltrix({"cat", peer, "--psk-file", dir.file("other")}, "x");
+    EXPECT_EQ(stranger.status, 1) << stranger.err;
+    const runResult client = connect("from the real peer");
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_EQ(client.out, "for the real peer");
+    EXPECT_EQ(listener->wait(30), 0) << listener->errorText();
+    EXPECT_EQ(readFile(dir.file("heard")), "from the real peer");
+    const std::string refused = listener->errorText();
+    EXPECT_EQ(lineCount(refused), 2U) << refused;
+    EXPECT_EQ(refused.rfind("veltrix cat: refused a connection: ", 0), 0U) << refused;
+}
+
+TEST_F(catTest, TheRawClientTakesThePeersAnswerBeforeItDisconnects)
+{
+    // The listener writes what it receives back into its own input: an echo. The client's
+    // input ends long before the echo has come back.
+    const std::string sent = pattern(20033, 6);
+    writeFile(dir.file("sent"), sent);
+    const std::string loop = dir.file("loop");
+    ASSERT_EQ(mkfifo(loop.c_str(), 0600), 0);
+    backgroundRun echo({"sh", "-c",
+                        "exec " + veltrixCommand() + " cat --raw --listen " + peer +
+                            " --psk-file " + psk + " <>" + loop + " >" + loop});
+    const runResult client = connect(sent, {"--raw", "--linger", "1"});
+    EXPECT_EQ(client.status, 0) << client.err;
+    EXPECT_TRUE(client.out == sent) << client.out.size() << " of " << sent.size() << " bytes";
+    EXPECT_EQ(echo.wait(30), 0) << echo.errorText();
+}
+
+TEST_F(catTest, ARawEndFacingAStreamEndSaysSoWithinTheReceiveLimit)
+{
+    const std::vector<std::string> quick{"--receive-timeout", "2"};
+    {
+        SCOPED_TRACE("the listener runs with --raw");
+        std::vector<std::string> raw = quick;
+        raw.emplace_back("--raw");
+        const auto listener = listen("", raw);
+        const runResult client = connect("data\n", quick);
+        EXPECT_EQ(client.status, 1) << client.err;
+        EXPECT_EQ(listener->wait(30), 1);
+        EXPECT_NE(listener->errorText().find("the peer's packets are cells of the stream "
+                                             "protocol: it runs without --raw"),
+                  std::string::npos)
+            << listener->errorText();
+        EXPECT_EQ(readFile(dir.file("heard")), "") << "a cell written out as data";
+    }
+    {
+        SCOPED_TRACE("the client runs with --raw");
+        const auto listener = listen("", quick);
+        std::vector<std::string> raw = quick;
+        raw.emplace_back("--raw");
+        const runResult client = connect("data\n", raw);
+        EXPECT_EQ(client.status, 1) << client.err;
+        EXPECT_NE(client.err.find("--raw"), std::string::npos) << client.err;
+        EXPECT_EQ(listener->wait(30), 1);
+        EXPECT_NE(listener->errorText().find("(if it runs with --raw: run both ends with --raw, "
+                                             "or neither)"),
+                  std::string::npos)
+            << listener->errorText();
+    }
+}
+
+/** The number after `label` in the summary of `cat --stats`; -1 without one. */
+int64_t summaryValue(const std::string& text, const std::string& label)
+{
+    const size_t at = text.find(label);
+    return at == std::string::npos ? -1 : std::stoll(text.substr(at + label.size()));
+}
+
+TEST_F(catTest, TheStatisticsSummaryAgreesOnBothEnds)
+{
+    for (const bool raw : {false, true}) {
+        SCOPED_TRACE(raw ? "bare payloads" : "the stream protocol");
+        std::vector<std::string> extra{"--stats"};
+        if (raw) {
+            extra.emplace_back("--raw");
+        }
+        const std::string fromClient = pattern(100000, 4);
+        const auto listener = listen(raw ? "" : "answer", extra);
+        const runResult client = connect(fromClient, extra);
+        ASSERT_EQ(client.status, 0) << client.err;
+        ASSERT_EQ(listener->wait(30), 0) << listener->errorText();
+        const std::string heard = listener->errorText();
+        EXPECT_EQ(summaryValue(client.err, "payload sent:"), 100000);
+        EXPECT_EQ(summaryValue(heard, "payload received:"), 100000);
+        EXPECT_EQ(summaryValue(client.err, "payload received:"), raw ? 0 : 6);
+        const int64_t wire = summaryValue(client.err, "wire sent:");
+        EXPECT_EQ(wire, summaryValue(heard, "wire received:"));
+        EXPECT_EQ(summaryValue(heard, "wire sent:"), summaryValue(client.err, "wire received:"));
+        EXPECT_GT(wire, 100000); // headers and padding
+        EXPECT_LT(wire, 100000 * 102 / 100);
+        EXPECT_NE(client.err.find("duration:"), std::string::npos) << client.err;
+    }
+}
+
+TEST_F(catTest, ProgressShowsTheTotalOfAFileInput)
+{
+    const auto listener = listen("");
+    writeFile(dir.file("input"), pattern(1 << 20, 5));
+    ASSERT_TRUE(listeningWithin(std::stoi(peer.substr(peer.rfind(':') + 1)), 30));
+    backgroundRun client({veltrixPath(), "cat", peer, "--psk-file", psk, "--force-progress"},
+                         dir.file("input"));
+    EXPECT_EQ(client.wait(60), 0) << client.errorText();
+    EXPECT_NE(client.errorText().find("1.0 MiB of 1.0 MiB sent"), std::string::npos)
+        << client.errorText();
+    EXPECT_EQ(listener->wait(30), 0);
+}
+
+TEST_F(catTest, LibraryReportsNeverReachTheDataStream)
+{
+    // A server that accepts and closes: the library reports the short protocol version.
+    loopbackService closer([](int fd) { (void)close(fd); });
+    const runResult client = runVeltrix({"cat", address(closer.port), "--psk-file", psk}, "data");
+    EXPECT_EQ(client.status, 1);
+    EXPECT_EQ(client.out, "");
+    EXPECT_NE(client.err.find("RecvProtocolVersion"), std::string::npos) << client.err;
+
+    // An authenticated peer sends a command the library does not know.
+    const auto listener = listen("");
+    vxtest::ensurePlugin();
+    vxtest::testFrame frame;
+    streamPeer intruder(frame);
+    const int port = std::stoi(peer.substr(peer.rfind(':') + 1));
+    ASSERT_TRUE(listeningWithin(port, 30));
+    ASSERT_TRUE(intruder.connect(port, "a secret for cat")) << intruder.problem();
+    // The receiver reads 16 bytes after a command header: they fill the first packet's size.
+    ASSERT_TRUE(intruder.sendRaw(intruder.sealCommand(17) + std::string(16, '\0')))
+        << intruder.problem();
+    EXPECT_EQ(listener->wait(30), 1);
+    EXPECT_EQ(readFile(dir.file("heard")), "");
+    EXPECT_NE(listener->errorText().find("fail\n"), std::string::npos) << listener->errorText();
 }
 
 } // namespace

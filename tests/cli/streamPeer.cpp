@@ -99,34 +99,44 @@ std::string streamPeer::captured()
     return bytes;
 }
 
-std::string streamPeer::seal(const std::vector<unsigned char>& payload)
+std::string streamPeer::sealWith(const std::function<bool(veltrix::vxNetEncryptedSocket&)>& send,
+                                 const std::string& what)
 {
-    veltrix::vxBytes bytes;
-    bytes.bytes = payload;
     veltrix::vxNetEncryptedSocket& channel = client.encryptedSocket;
     veltrix::vxNetSocket* network = channel.socket;
     channel.socket = &capture;
-    const bool sealed = channel.SendEncrypted(bytes);
+    const bool sealed = send(channel);
     channel.socket = network;
     if (!sealed) {
-        (void)fail("sealing a packet failed: " + vxtest::firstMessage());
+        (void)fail("sealing " + what + " failed: " + vxtest::firstMessage());
         return "";
     }
     return captured();
 }
 
+std::string streamPeer::seal(const std::vector<unsigned char>& payload)
+{
+    veltrix::vxBytes bytes;
+    bytes.bytes = payload;
+    return sealWith(
+        [&bytes](veltrix::vxNetEncryptedSocket& channel) { return channel.SendEncrypted(bytes); },
+        "a packet");
+}
+
 std::string streamPeer::sealDisconnect()
 {
-    veltrix::vxNetEncryptedSocket& channel = client.encryptedSocket;
-    veltrix::vxNetSocket* network = channel.socket;
-    channel.socket = &capture;
-    const bool sealed = channel.SendClientDisconnect();
-    channel.socket = network;
-    if (!sealed) {
-        (void)fail("sealing the disconnect command failed: " + vxtest::firstMessage());
-        return "";
-    }
-    return captured();
+    return sealWith(
+        [](veltrix::vxNetEncryptedSocket& channel) { return channel.SendClientDisconnect(); },
+        "the disconnect command");
+}
+
+std::string streamPeer::sealCommand(uint32_t code)
+{
+    return sealWith(
+        [code](veltrix::vxNetEncryptedSocket& channel) {
+            return channel.header.CreateCmdMessage(code, channel.keys, channel.socket);
+        },
+        "command " + std::to_string(code));
 }
 
 std::vector<std::string> streamPeer::sealData(const std::string& bytes)

@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,8 @@ public:
     std::string seal(const std::vector<unsigned char>& payload);
     /** The disconnect command (a header alone), as bytes. */
     std::string sealDisconnect();
+    /** The command packet of `code` (a header alone), as bytes. */
+    std::string sealCommand(uint32_t code);
     /** The packets that carry `bytes` as the protocol's sender cuts data it holds whole: each
      *  cell fills what the previous one announced, and announces the next; the last announces
      *  one block. */
@@ -114,6 +117,9 @@ public:
 
 private:
     bool fail(const std::string& text);
+    /** What `send` writes on the channel, as bytes, sent to a capture instead of the peer. */
+    std::string sealWith(const std::function<bool(veltrix::vxNetEncryptedSocket&)>& send,
+                         const std::string& what);
     bool openCapture();
     std::string captured();
 

@@ -465,4 +465,21 @@ TEST_F(vxNetBindLogTest, ASymbolicLinkInPlaceOfTheLogIsNotFollowed)
     (void)remove(target.c_str());
 }
 
+TEST_F(vxNetBindLogTest, AFifoOrAnotherUsersFileInPlaceOfTheLogIsLeftAlone)
+{
+    ASSERT_EQ(system("mkdir -p /tmp/fw/log"), 0);
+    // A FIFO without a reader would hold a blocking open for ever.
+    ASSERT_EQ(mkfifo(kFile, 0666), 0);
+    EXPECT_TRUE(bindOnce(server)) << "binding goes on without the log";
+    vxtest::closeIfOpen(server);
+    ASSERT_EQ(remove(kFile), 0);
+    if (geteuid() == 0) {
+        vxtest::writeFile(kFile, "another user's\n");
+        ASSERT_EQ(chown(kFile, 65534, 65534), 0);
+        EXPECT_TRUE(bindOnce(server));
+        EXPECT_EQ(vxtest::readFile(kFile), "another user's\n");
+        vxtest::closeIfOpen(server);
+    }
+}
+
 } // namespace
