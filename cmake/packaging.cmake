@@ -3,8 +3,10 @@
 #   libveltrix          the library
 #   libveltrix-openssl  the crypto plug-in, in the library's default plug-in search path
 #   libveltrix-dev      headers, CMake package and pkg-config file
-#   veltrix             the command-line program, its manual page and the tunnel's service unit
-# The demonstration programs (component Demo) are not packaged.
+#   veltrix             the command-line program, its manual page, the tunnel's service unit, an
+#                       example configuration (a conffile) and its maintainer scripts
+# Each carries /usr/share/doc/PACKAGE/copyright and changelog.Debian.gz. The demonstration
+# programs (component Demo) are not packaged.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME veltrix)
 set(CPACK_PACKAGE_VENDOR "libveltrix developers")
@@ -54,11 +56,43 @@ set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION net)
 # procps: the service unit reloads a tunnel with /bin/kill.
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS
     "libveltrix ${vx_exact}, libveltrix-openssl ${vx_exact}, procps")
+# /etc/veltrix/example.conf is a conffile: an administrator's changes to it survive upgrades.
+# The maintainer scripts reload systemd's units, restart the running tunnels after an upgrade and
+# stop them on removal. Each file must bear its name in the control area, hence the copies.
+set(vx_program_control)
+foreach(vx_control IN ITEMS conffiles postinst prerm postrm)
+    configure_file(${PROJECT_SOURCE_DIR}/packaging/veltrix.${vx_control}
+        ${CMAKE_BINARY_DIR}/packaging/veltrix/${vx_control} COPYONLY)
+    list(APPEND vx_program_control ${CMAKE_BINARY_DIR}/packaging/veltrix/${vx_control})
+endforeach()
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA ${vx_program_control})
 set(CPACK_DEBIAN_PROGRAM_DESCRIPTION
     "encrypted tunnels, cat over the channel, key files and digests\n\
 The command-line program of libveltrix: wraps an unmodified TCP service in the encrypted\n\
 channel (veltrix tunnel, with a systemd unit per configuration), pipes data over it (veltrix\n\
 cat), generates and uses RSA key files, prints and checks file digests, measures the library.")
+
+# Each package's copyright (machine-readable) and Debian changelog. These files only belong in the
+# packages: a plain `cmake --install` leaves them out (EXCLUDE_FROM_ALL), and cpack, which installs
+# each component by name, takes them. cpack refuses to package a version that the changelog's
+# latest entry is not.
+set(CPACK_VX_CHANGELOG ${PROJECT_SOURCE_DIR}/packaging/changelog)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/packaging/changelog-version.cmake)
+find_program(VX_GZIP gzip REQUIRED)
+add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz
+    COMMAND ${VX_GZIP} -9n -c ${CPACK_VX_CHANGELOG}
+        > ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz
+    DEPENDS ${CPACK_VX_CHANGELOG} VERBATIM)
+add_custom_target(veltrix_package_changelog ALL
+    DEPENDS ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz)
+foreach(vx_component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${vx_component} vx_upper)
+    install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright
+            ${CMAKE_BINARY_DIR}/packaging/changelog.Debian.gz
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${vx_upper}_PACKAGE_NAME}
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+        COMPONENT ${vx_component} EXCLUDE_FROM_ALL)
+endforeach()
 
 # A cross build packages for its target, not for the build machine.
 if(CMAKE_CROSSCOMPILING)
