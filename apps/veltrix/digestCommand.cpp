@@ -1,13 +1,15 @@
-// veltrix digest: file digests printed line for line as the coreutils sum programs print them, and
-// the check of a sum file (-c) with the same report lines, warnings and exit status, so that sum
-// files and scripts move freely between the two.
+// veltrix digest: file digests printed line for line as the coreutils sum programs print them
+// (their BSD-style --tag lines too), and the check of a sum file (-c) with the same report lines,
+// warnings and exit status, so that sum files and scripts move freely between the two.
 #include "commands.h"
 #include "cryptoapi.h"
 #include "digestKeyFiles.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <iterator>
@@ -28,7 +30,8 @@ struct algorithm
 {
     const char* word;  ///< value of --algorithm
     uint32_t id;       ///< the library's digest identifier
-    const char* label; ///< its name in the --warn line, as the sum programs spell it
+    const char* label; ///< its name in the --warn line and the tag of its BSD-style lines, as
+                       ///< the sum programs spell it
     size_t hexLength;  ///< hex digits of one digest
 };
 
@@ -54,9 +57,12 @@ enum class verbosity
 struct digestOptions
 {
     const algorithm* chosen = &algorithms[0]; ///< md5
+    bool pinned = false; ///< -a was given: a check then takes no other algorithm's tagged lines
     std::vector<std::string> files;
     bool check = false;
+    bool tag = false;
     bool strict = false;
+    bool ignoreMissing = false;
     verbosity level = verbosity::normal;
 };
 
@@ -111,7 +117,7 @@ std::string oneLineName(const std::string& name)
 class fileDigest
 {
 public:
-    fileDigest(cliFrame& frame, const algorithm& chosen)
+    fileDigest(cliFrame& frame, const algorithm& chosen) : algo(chosen)
     {
         const std::string word = chosen.word;
         frame.open(id, "cannot select the " + word + " digest", chosen.id);
@@ -137,6 +143,8 @@ public:
         return 0;
     }
 
+    const algorithm& algo;
+
 private:
     vxHashId id;
     vxMd md;
@@ -144,9 +152,41 @@ private:
     closeOnExit mdClosed{md};
 };
 
-/** Prints "<digest>  <name>" per file; a name that needs escaping gets a backslash in front of
- *  the whole line. An unreadable file is reported and skipped; the status then says failure. */
-int printSums(fileDigest& digest, const std::vector<std::string>& files)
+/** One fileDigest per algorithm, each opened the first time it is needed: besides the chosen
+ *  one, a check meets others only in tagged lines. */
+class digestSet
+{
+public:
+    explicit digestSet(cliFrame& owner) : frame(owner) {}
+
+    fileDigest& of(const algorithm& algo)
+    {
+        std::unique_ptr<fileDigest>& slot = opened.at(static_cast<size_t>(&algo - algorithms));
+        if (!slot) {
+            slot = std::make_unique<fileDigest>(frame, algo);
+        }
+        return *slot;
+    }
+
+private:
+    cliFrame& frame;
+    std::array<std::unique_ptr<fileDigest>, std::size(algorithms)> opened;
+};
+
+/** "<digest>  <name>", or with `tag` the BSD-style "<TAG> (<name>) = <digest>"; a name that
+ *  needs escaping gets a backslash in front of the whole line. */
+std::string sumLine(const algorithm& algo, const std::string& hex, const std::string& file,
+                    bool tag)
+{
+    const bool escape = file.find_first_of("\\\n\r") != std::string::npos;
+    const std::string name = escape ? escaped(file) : file;
+    return (escape ? "\\" : "") +
+           (tag ? std::string(algo.label) + " (" + name + ") = " + hex : hex + "  " + name);
+}
+
+/** Prints a sum line per file. An unreadable file is reported and skipped; the status then says
+ *  failure. */
+int printSums(fileDigest& digest, const std::vector<std::string>& files, bool tag)
 {
     int status = exitOk;
     for (const std::string& file : files) {
@@ -156,15 +196,15 @@ int printSums(fileDigest& digest, const std::vector<std::string>& files)
             status = exitFailure;
             continue;
         }
-        const bool escape = file.find_first_of("\\\n\r") != std::string::npos;
-        std::cout << (escape ? "\\" : "") << hex << "  " << (escape ? escaped(file) : file) << '\n';
+        std::cout << sumLine(digest.algo, hex, file, tag) << '\n';
     }
     return status;
 }
 
-/** A well-formed sum line: the expected digest and the file's name. */
+/** A well-formed sum line: the algorithm it is for, the expected digest and the file's name. */
 struct sumEntry
 {
+    const algorithm* algo = nullptr;
     std::string hex;
     std::string name;
 };
@@ -175,9 +215,63 @@ bool allHex(const std::string& text)
                        [](unsigned char c) { return std::isxdigit(c) != 0; });
 }
 
-/** Reads "<hex> <mode><name>": leading blanks, an optional backslash for an escaped name, the
- *  digest, one blank, ' ' (text) or '*' (binary), then the name, every character of which counts. */
-bool parseSumLine(const std::string& line, size_t hexLength, sumEntry& entry)
+/** Reads "<hex> <mode><name>" from `at`: the digest, one blank, ' ' (text) or '*' (binary), then
+ *  the name, every character of which counts. */
+bool parseUntagged(const std::string& line, size_t at, const algorithm& algo, sumEntry& entry)
+{
+    if (line.size() < at + algo.hexLength + 3) {
+        return false;
+    }
+    const char blank = line[at + algo.hexLength];
+    const char mode = line[at + algo.hexLength + 1];
+    entry = {&algo, line.substr(at, algo.hexLength), line.substr(at + algo.hexLength + 2)};
+    return allHex(entry.hex) && (blank == ' ' || blank == '\t') && (mode == ' ' || mode == '*');
+}
+
+/** The algorithm whose tag is `tag`; nullptr when the table has none. */
+const algorithm* taggedAlgorithm(const std::string& tag)
+{
+    const auto* found = std::find_if(std::begin(algorithms), std::end(algorithms),
+                                     [&tag](const algorithm& each) { return tag == each.label; });
+    return found == std::end(algorithms) ? nullptr : found;
+}
+
+/** Reads the "<TAG> (" that starts a BSD-style line at `at`: a tag the table knows, which decides
+ *  the algorithm, and an optional blank. Returns where the '(' is, or npos. */
+size_t parseTag(const std::string& line, size_t at, sumEntry& entry)
+{
+    size_t open = line.find_first_of(" (", at);
+    if (open == std::string::npos) {
+        return open;
+    }
+    entry.algo = taggedAlgorithm(line.substr(at, open - at));
+    open += line[open] == ' ' ? 1 : 0;
+    return entry.algo != nullptr && line.compare(open, 1, "(") == 0 ? open : std::string::npos;
+}
+
+/** Reads "<TAG> (<name>) = <hex>" from `at`: the tag, the name in parentheses, then '=' between
+ *  optional blanks and the digest, of the tag's length, up to the end of the line. Escaping
+ *  leaves parentheses as they are, so the name ends at the last ')': a digest holds none. */
+bool parseTagged(const std::string& line, size_t at, sumEntry& entry)
+{
+    const size_t open = parseTag(line, at, entry);
+    const size_t close = line.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open) {
+        return false;
+    }
+    const size_t equals = line.find_first_not_of(" \t", close + 1);
+    if (equals == std::string::npos || line[equals] != '=') {
+        return false;
+    }
+    const size_t digest = std::min(line.find_first_not_of(" \t", equals + 1), line.size());
+    entry.name = line.substr(open + 1, close - open - 1);
+    entry.hex = line.substr(digest);
+    return entry.hex.size() == entry.algo->hexLength && allHex(entry.hex);
+}
+
+/** Reads a sum line: leading blanks, an optional backslash for an escaped name, then a tagged
+ *  line of any algorithm of the table, or an untagged line of `untagged`. */
+bool parseSumLine(const std::string& line, const algorithm& untagged, sumEntry& entry)
 {
     size_t at = line.find_first_not_of(" \t");
     if (at == std::string::npos) {
@@ -185,14 +279,7 @@ bool parseSumLine(const std::string& line, size_t hexLength, sumEntry& entry)
     }
     const bool isEscaped = line[at] == '\\';
     at += isEscaped ? 1 : 0;
-    if (line.size() < at + hexLength + 3) {
-        return false;
-    }
-    const char blank = line[at + hexLength];
-    const char mode = line[at + hexLength + 1];
-    entry.hex = line.substr(at, hexLength);
-    entry.name = line.substr(at + hexLength + 2);
-    return allHex(entry.hex) && (blank == ' ' || blank == '\t') && (mode == ' ' || mode == '*') &&
+    return (parseTagged(line, at, entry) || parseUntagged(line, at, untagged, entry)) &&
            (!isEscaped || unescape(entry.name));
 }
 
@@ -206,9 +293,8 @@ bool sameDigest(const std::string& computed, const std::string& listed)
 class sumFileCheck
 {
 public:
-    sumFileCheck(fileDigest& engine, const algorithm& algo, const digestOptions& given,
-                 std::string file)
-        : digest(engine), chosen(algo), options(given), sumFile(std::move(file))
+    sumFileCheck(digestSet& engines, const digestOptions& given, std::string file)
+        : digests(engines), chosen(*given.chosen), options(given), sumFile(std::move(file))
     {}
 
     /** True when every listed file was read and matched. */
@@ -240,6 +326,13 @@ private:
         return sumFile == "-" ? "standard input" : sumFile;
     }
 
+    /** parseSumLine(), less a line naming "-" (standard input) in sums read from standard
+     *  input, which is taken already. */
+    bool parse(const std::string& line, const algorithm& untagged, sumEntry& entry) const
+    {
+        return parseSumLine(line, untagged, entry) && (sumFile != "-" || entry.name != "-");
+    }
+
     void checkLine(std::string line)
     {
         ++lineNumber;
@@ -250,9 +343,11 @@ private:
             return;
         }
         sumEntry entry;
-        // "-" names standard input, which cannot be listed in sums read from standard input.
-        if (!parseSumLine(line, chosen.hexLength, entry) || (sumFile == "-" && entry.name == "-")) {
+        // With -a, as with each sum program, a line tagged for another algorithm is not a line of
+        // the check; without it, a tagged line names its own algorithm.
+        if (!parse(line, chosen, entry) || (options.pinned && entry.algo != &chosen)) {
             ++misformatted;
+            noteLookalike(line);
             if (options.level == verbosity::warn) {
                 notice(oneLineName(shownSumFile()) + ": " + std::to_string(lineNumber) +
                        ": improperly formatted " + chosen.label + " checksum line");
@@ -263,23 +358,58 @@ private:
         checkEntry(entry);
     }
 
+    /** Counts, for each algorithm, whether an improperly formatted line would be one of its
+     *  lines: the hint when the sum file holds none of the chosen algorithm's. */
+    void noteLookalike(const std::string& line)
+    {
+        sumEntry entry;
+        for (size_t at = 0; at < lookalikes.size(); ++at) {
+            const algorithm& each = algorithms[at];
+            lookalikes.at(at) += parse(line, each, entry) && entry.algo == &each ? 1 : 0;
+        }
+    }
+
     void checkEntry(const sumEntry& entry)
     {
         std::string hex;
         const char* verdict = nullptr;
-        if (const int error = digest.compute(entry.name, hex); error != 0) {
+        const int error = digests.of(*entry.algo).compute(entry.name, hex);
+        if (error == ENOENT && options.ignoreMissing) {
+            return; // neither reported nor counted
+        }
+        if (error != 0) {
             ++unreadable;
             notice(oneLineName(entry.name) + ": " + std::strerror(error));
             verdict = "FAILED open or read";
         } else if (!sameDigest(hex, entry.hex)) {
             ++mismatched;
             verdict = "FAILED";
-        } else if (options.level != verbosity::quiet) {
-            verdict = "OK";
+        } else {
+            ++matched;
+            verdict = options.level == verbosity::quiet ? nullptr : "OK";
         }
         if (verdict != nullptr && options.level != verbosity::status) {
             std::cout << oneLineName(entry.name) << ": " << verdict << '\n';
         }
+    }
+
+    /** "; the lines look like SHA256 checksums, not MD5: try -a sha256" when improperly
+     *  formatted lines are those of other algorithms (the most frequent, all of them on a tie,
+     *  as 32 hex digits are both MD5 and SHA256-128), else nothing. */
+    [[nodiscard]] std::string lookalikeHint() const
+    {
+        const size_t most = *std::max_element(lookalikes.begin(), lookalikes.end());
+        std::string labels;
+        std::string words;
+        for (size_t at = 0; most != 0 && at < lookalikes.size(); ++at) {
+            if (lookalikes.at(at) == most) {
+                labels += (labels.empty() ? "" : " or ") + std::string(algorithms[at].label);
+                words += (words.empty() ? "-a " : " or -a ") + std::string(algorithms[at].word);
+            }
+        }
+        return labels.empty() ? ""
+                              : "; the lines look like " + labels + " checksums, not " +
+                                    chosen.label + ": try " + words;
     }
 
     static void warnAbout(size_t count, const char* one, const char* many)
@@ -289,24 +419,36 @@ private:
         }
     }
 
+    void printWarnings() const
+    {
+        warnAbout(misformatted, "line is improperly formatted", "lines are improperly formatted");
+        warnAbout(unreadable, "listed file could not be read", "listed files could not be read");
+        warnAbout(mismatched, "computed checksum did NOT match",
+                  "computed checksums did NOT match");
+        if (!verified()) {
+            notice(oneLineName(shownSumFile()) + ": no file was verified");
+        }
+    }
+
+    /** False when missing files were ignored and no other file matched: such a check proves
+     *  nothing, so it fails. */
+    [[nodiscard]] bool verified() const { return !options.ignoreMissing || matched != 0; }
+
     [[nodiscard]] bool finish() const
     {
         if (!wellFormed) {
-            notice(oneLineName(shownSumFile()) + ": no properly formatted checksum lines found");
+            notice(oneLineName(shownSumFile()) + ": no properly formatted checksum lines found" +
+                   lookalikeHint());
             return false;
         }
         if (options.level != verbosity::status) {
-            warnAbout(misformatted, "line is improperly formatted",
-                      "lines are improperly formatted");
-            warnAbout(unreadable, "listed file could not be read",
-                      "listed files could not be read");
-            warnAbout(mismatched, "computed checksum did NOT match",
-                      "computed checksums did NOT match");
+            printWarnings();
         }
-        return mismatched == 0 && unreadable == 0 && (!options.strict || misformatted == 0);
+        return verified() && mismatched == 0 && unreadable == 0 &&
+               (!options.strict || misformatted == 0);
     }
 
-    fileDigest& digest;
+    digestSet& digests;
     const algorithm& chosen;
     const digestOptions& options;
     const std::string sumFile;
@@ -314,22 +456,25 @@ private:
     size_t misformatted = 0;
     size_t unreadable = 0;
     size_t mismatched = 0;
+    size_t matched = 0;
+    std::array<size_t, std::size(algorithms)> lookalikes{}; ///< improperly formatted lines that
+                                                            ///< would be each algorithm's
     bool wellFormed = false;
 };
 
 int runDigest(cliFrame& frame, const digestOptions& options)
 {
     frame.loadPlugin();
-    const algorithm& chosen = *options.chosen;
-    fileDigest digest(frame, chosen);
+    digestSet digests(frame);
+    fileDigest& digest = digests.of(*options.chosen);
     const std::vector<std::string> files =
         options.files.empty() ? std::vector<std::string>{"-"} : options.files;
     if (!options.check) {
-        return printSums(digest, files);
+        return printSums(digest, files, options.tag);
     }
     bool passed = true;
     for (const std::string& sumFile : files) {
-        passed = sumFileCheck(digest, chosen, options, sumFile).run() && passed;
+        passed = sumFileCheck(digests, options, sumFile).run() && passed;
     }
     return passed ? exitOk : exitFailure;
 }
@@ -358,18 +503,25 @@ void addAlgorithmOption(CLI::App& command, const std::shared_ptr<digestOptions>&
         for (const algorithm& each : algorithms) {
             options->chosen = word == each.word ? &each : options->chosen;
         }
+        options->pinned = true;
     };
     command.add_option_function<std::string>("-a,--algorithm", choose, "the digest algorithm")
         ->check(CLI::IsMember(words))
         ->default_str(options->chosen->word);
 }
 
-/** Adds --check and the options that only make sense with it; returns the verbosity flags. */
+/** Adds --check, the options that only make sense with it and --tag, which makes none with it;
+ *  returns the verbosity flags. */
 verbosityFlags addCheckOptions(CLI::App& command, digestOptions& options)
 {
     CLI::Option* check =
         command.add_flag("-c,--check", options.check, "read digests from the FILEs and check them");
+    command.add_flag("--tag", options.tag, "print BSD-style lines: ALGORITHM (FILE) = DIGEST")
+        ->excludes(check);
     command.add_flag("--strict", options.strict, "fail for improperly formatted lines")
+        ->needs(check);
+    command
+        .add_flag("--ignore-missing", options.ignoreMissing, "skip listed files that are missing")
         ->needs(check);
     return {{command.add_flag("-w,--warn", "warn about improperly formatted lines")->needs(check),
              verbosity::warn},

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <ostream>
 #include <string>
@@ -42,6 +43,13 @@ std::string binaryContent()
     return bytes;
 }
 
+/** `head` followed by `tail`: a command and its last arguments. */
+std::vector<std::string> joined(std::vector<std::string> head, const std::vector<std::string>& tail)
+{
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+
 /** The coreutils program's diagnostics as veltrix words them. */
 std::string asVeltrix(std::string text, const std::string& program)
 {
@@ -69,6 +77,21 @@ protected:
     {
         args.insert(args.begin(), {"digest", "-a", word});
         return runVeltrix(args, in);
+    }
+
+    /** veltrix digest without -a. */
+    static runResult unpinned(const std::vector<std::string>& args)
+    {
+        return runVeltrix(joined({"digest"}, args));
+    }
+
+    /** Expects veltrix's run to be the coreutils program's, with the program's name replaced. */
+    static void expectSameRun(const runResult& got, const runResult& expected,
+                              const std::string& program)
+    {
+        EXPECT_EQ(got.status, expected.status);
+        EXPECT_EQ(got.out, expected.out);
+        EXPECT_EQ(got.err, asVeltrix(expected.err, program));
     }
 
     scratchDir dir;
@@ -115,6 +138,27 @@ TEST_P(digestAlgorithm, checkOfGoodSumsMatchesTheSumProgram)
     EXPECT_EQ(veltrix(GetParam().word, {"-c"}, readFile(dir.file("sums"))).out, expected.out);
 }
 
+TEST_P(digestAlgorithm, tagLinesMatchTheSumProgram)
+{
+    const runResult expected = runProgram(joined({GetParam().program, "--tag"}, files));
+    const runResult got = veltrix(GetParam().word, joined({"--tag"}, files));
+    ASSERT_EQ(expected.status, 0);
+    EXPECT_EQ(got.status, 0);
+    EXPECT_EQ(got.out, expected.out);
+    EXPECT_EQ(got.err, "");
+}
+
+TEST_P(digestAlgorithm, checkOfTaggedSumsMatchesTheSumProgram)
+{
+    writeFile(dir.file("sums"), runProgram(joined({GetParam().program, "--tag"}, files)).out);
+    writeFile(files[2], "changed");
+    const runResult expected = runProgram({GetParam().program, "-c", dir.file("sums")});
+    ASSERT_EQ(lineCount(expected.out), files.size());
+    expectSameRun(veltrix(GetParam().word, {"-c", dir.file("sums")}), expected, GetParam().program);
+    // Without -a the tags name the algorithm.
+    expectSameRun(unpinned({"-c", dir.file("sums")}), expected, GetParam().program);
+}
+
 INSTANTIATE_TEST_SUITE_P(sums, digestAlgorithm, ::testing::ValuesIn(algorithms),
                          [](const auto& test) { return std::string(test.param.word); });
 
@@ -134,6 +178,28 @@ TEST_F(digestTest, truncatedSha256IsTheFirstHalfOfSha256)
     const runResult checked = veltrix("sha256-128", {"-c", dir.file("sums")});
     EXPECT_EQ(checked.status, 0);
     EXPECT_EQ(checked.out, runProgram({"sha256sum", "-c", dir.file("full")}).out);
+}
+
+TEST_F(digestTest, truncatedSha256TagLinesCheckRoundTrip)
+{
+    const std::string full = runProgram(joined({"sha256sum", "--tag"}, files)).out;
+    std::string expected = full;
+    // Each line: an optional backslash, "SHA256 (", the name, ") = " and 64 hex digits; the
+    // truncated digest is tagged "SHA256-128" and keeps the first 32.
+    for (size_t line = 0; line < expected.size(); line = expected.find('\n', line) + 1) {
+        expected.insert(expected.find("SHA256 (", line) + 6, "-128");
+        expected.erase(expected.find('\n', line) - 32, 32);
+    }
+    EXPECT_EQ(veltrix("sha256-128", joined({"--tag"}, files)).out, expected);
+    writeFile(dir.file("sums"), expected);
+    writeFile(dir.file("full"), full);
+    const std::string report = runProgram({"sha256sum", "-c", dir.file("full")}).out;
+    for (const runResult& checked :
+         {veltrix("sha256-128", {"-c", dir.file("sums")}), unpinned({"-c", dir.file("sums")})}) {
+        EXPECT_EQ(checked.status, 0);
+        EXPECT_EQ(checked.out, report);
+        EXPECT_EQ(checked.err, "");
+    }
 }
 
 /** A sum file, made by md5sum, then spoiled: changed files, missing files, malformed lines. */
@@ -245,6 +311,248 @@ TEST_F(digestTest, unreadableFileIsReportedAndTheOthersAreStillDigested)
         EXPECT_EQ(lineCount(got.out), 2U);
         EXPECT_EQ(lineCount(got.err), 1U);
         EXPECT_EQ(got.err, asVeltrix(expected.err, "sha512sum"));
+    }
+}
+
+/** Tagged sums of four programs: SHA1 for files[0], SHA256 for files[1] and files[2], MD5 for
+ *  files[3] and SHA512 for files[4]; files[1] changed since. */
+std::string mixedTaggedSums(const scratchDir& dir, const std::vector<std::string>& files)
+{
+    writeFile(dir.file("mixed"), runProgram({"sha1sum", "--tag", files[0]}).out +
+                                     runProgram({"sha256sum", "--tag", files[1], files[2]}).out +
+                                     runProgram({"md5sum", "--tag", files[3]}).out +
+                                     runProgram({"sha512sum", "--tag", files[4]}).out);
+    writeFile(files[1], "changed");
+    return dir.file("mixed");
+}
+
+TEST_F(digestTest, pinnedCheckOfMixedTagsMatchesTheSumProgram)
+{
+    const std::string sums = mixedTaggedSums(dir, files);
+    // The algorithms with lines in the mix; for sha384, whose refusal carries a hint, see
+    // hintNamesTheMostFrequentAlgorithm.
+    for (const algorithmCase& each : {algorithms[0], algorithms[1], algorithms[2], algorithms[4]}) {
+        for (const std::vector<std::string>& mode : checkModes) {
+            SCOPED_TRACE(each.word + ::testing::PrintToString(mode));
+            const std::vector<std::string> args = joined(mode, {"-c", sums});
+            expectSameRun(veltrix(each.word, args), runProgram(joined({each.program}, args)),
+                          each.program);
+        }
+    }
+}
+
+TEST_F(digestTest, unpinnedCheckOfMixedTagsMatchesCksum)
+{
+    const std::string sums = mixedTaggedSums(dir, files);
+    for (const std::vector<std::string>& mode : checkModes) {
+        SCOPED_TRACE(::testing::PrintToString(mode));
+        const std::vector<std::string> args = joined(mode, {"-c", sums});
+        expectSameRun(unpinned(args), runProgram(joined({"cksum"}, args)), "cksum");
+    }
+}
+
+TEST_F(digestTest, unpinnedCheckReadsUntaggedLinesAsMd5)
+{
+    writeFile(dir.file("sums"), runProgram({"md5sum", files[0]}).out +
+                                    runProgram({"sha256sum", "--tag", files[1]}).out);
+    const runResult got = unpinned({"-c", dir.file("sums")});
+    EXPECT_EQ(got.status, 0);
+    EXPECT_EQ(got.out, files[0] + ": OK\n" + files[1] + ": OK\n");
+    EXPECT_EQ(got.err, "");
+}
+
+/** Sums that one program wrote, checked for another algorithm: the sum program's refusal, and
+ *  a hint at the algorithm the lines look like. */
+struct lookalikeCase
+{
+    const char* name;
+    const char* writer;    ///< the program that writes the sums
+    bool tagged;           ///< with --tag
+    const char* word;      ///< -a of the check; nullptr: none
+    const char* mode;      ///< another option of the check; nullptr: none
+    const char* reference; ///< the sum program that checks that algorithm
+    const char* hint;
+};
+
+void PrintTo(const lookalikeCase& test, std::ostream* out)
+{
+    *out << test.name;
+}
+
+const lookalikeCase lookalikeCases[] = {
+    {"sha256ByDefault", "sha256sum", false, nullptr, nullptr, "md5sum",
+     "the lines look like SHA256 checksums, not MD5: try -a sha256"},
+    {"sha512AsSha1", "sha512sum", false, "sha1", nullptr, "sha1sum",
+     "the lines look like SHA512 checksums, not SHA1: try -a sha512"},
+    {"taggedSha256AsSha1", "sha256sum", true, "sha1", nullptr, "sha1sum",
+     "the lines look like SHA256 checksums, not SHA1: try -a sha256"},
+    {"taggedMd5AsSha256", "md5sum", true, "sha256", nullptr, "sha256sum",
+     "the lines look like MD5 checksums, not SHA256: try -a md5"},
+    {"md5AsSha256", "md5sum", false, "sha256", nullptr, "sha256sum",
+     "the lines look like MD5 or SHA256-128 checksums, not SHA256: try -a md5 or -a sha256-128"},
+    {"sha1WithStatus", "sha1sum", false, nullptr, "--status", "md5sum",
+     "the lines look like SHA1 checksums, not MD5: try -a sha1"},
+    {"sha384Warned", "sha384sum", false, "sha512", "-w", "sha512sum",
+     "the lines look like SHA384 checksums, not SHA512: try -a sha384"},
+};
+
+class lookalikeSums : public digestTest, public ::testing::WithParamInterface<lookalikeCase>
+{
+};
+
+/** `text` with `hint` added to its "no properly formatted" line. */
+std::string withHint(std::string text, const std::string& hint)
+{
+    const std::string line = "no properly formatted checksum lines found";
+    const size_t at = text.find(line + "\n");
+    return at == std::string::npos ? text : text.insert(at + line.size(), "; " + hint);
+}
+
+TEST_P(lookalikeSums, refusalNamesTheAlgorithmTheLinesLookLike)
+{
+    const lookalikeCase& test = GetParam();
+    std::vector<std::string> writer{test.writer};
+    std::vector<std::string> args;
+    if (test.tagged) {
+        writer.emplace_back("--tag");
+    }
+    if (test.mode != nullptr) {
+        args.emplace_back(test.mode);
+    }
+    writeFile(dir.file("sums"), runProgram(joined(writer, files)).out);
+    args = joined(args, {"-c", dir.file("sums")});
+    const runResult expected = runProgram(joined({test.reference}, args));
+    const runResult got = test.word == nullptr ? unpinned(args) : veltrix(test.word, args);
+    ASSERT_EQ(expected.status, 1);
+    EXPECT_EQ(got.status, expected.status);
+    EXPECT_EQ(got.out, expected.out);
+    EXPECT_EQ(got.err, withHint(asVeltrix(expected.err, test.reference), test.hint));
+}
+
+INSTANTIATE_TEST_SUITE_P(sums, lookalikeSums, ::testing::ValuesIn(lookalikeCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(digestTest, hintNamesTheMostFrequentAlgorithm)
+{
+    const std::string sums = mixedTaggedSums(dir, files);
+    const runResult got = veltrix("sha384", {"-c", sums});
+    EXPECT_EQ(got.status, 1);
+    EXPECT_EQ(got.err, withHint(asVeltrix(runProgram({"sha384sum", "-c", sums}).err, "sha384sum"),
+                                "the lines look like SHA256 checksums, not SHA384: try -a sha256"));
+}
+
+/** What a line of a sum file lists. */
+enum class listed
+{
+    good,     ///< a file that matches
+    changed,  ///< a file that does not
+    missing,  ///< no file at all
+    dangling, ///< a symbolic link to nowhere: missing too
+    folder,   ///< a directory: there, but unreadable
+    junk      ///< an improperly formatted line
+};
+
+/** A sum file of sha256sum lines checked with --ignore-missing. */
+struct missingCase
+{
+    const char* name;
+    std::vector<listed> lines;
+};
+
+void PrintTo(const missingCase& test, std::ostream* out)
+{
+    *out << test.name;
+}
+
+const missingCase missingCases[] = {
+    {"allMissing", {listed::missing, listed::missing}},
+    {"someMissing", {listed::good, listed::missing, listed::good}},
+    {"missingAndChanged", {listed::changed, listed::missing}},
+    {"missingAndUnreadable", {listed::folder, listed::missing}},
+    {"missingAndMalformed", {listed::missing, listed::junk}},
+    {"danglingLinkAmongGood", {listed::dangling, listed::good}},
+    {"onlyDanglingLink", {listed::dangling}},
+    {"noneMissing", {listed::good, listed::changed, listed::good}},
+    {"onlyMalformed", {listed::junk}},
+};
+
+class missingFiles : public digestTest, public ::testing::WithParamInterface<missingCase>
+{
+protected:
+    /** The line for files[at] (or a name made from `at`) listed as `kind`. */
+    std::string sumLineFor(listed kind, size_t at)
+    {
+        const std::string anyDigest(64, 'e');
+        const std::string name = dir.file("listed" + std::to_string(at));
+        switch (kind) {
+        case listed::good:
+            return runProgram({"sha256sum", files[at]}).out;
+        case listed::changed: {
+            const std::string line = runProgram({"sha256sum", files[at]}).out;
+            writeFile(files[at], "changed");
+            return line;
+        }
+        case listed::dangling:
+            EXPECT_EQ(symlink(dir.file("nowhere").c_str(), name.c_str()), 0);
+            return anyDigest + "  " + name + "\n";
+        case listed::folder:
+            EXPECT_EQ(mkdir(name.c_str(), 0700), 0);
+            return anyDigest + "  " + name + "\n";
+        case listed::missing:
+            return anyDigest + "  " + name + "\n";
+        case listed::junk:
+            return "not a sum line\n";
+        }
+        return "";
+    }
+
+    std::string sumFile()
+    {
+        std::string sums;
+        for (size_t at = 0; at < GetParam().lines.size(); ++at) {
+            sums += sumLineFor(GetParam().lines[at], at);
+        }
+        writeFile(dir.file("sums"), sums);
+        return dir.file("sums");
+    }
+};
+
+TEST_P(missingFiles, ignoreMissingMatchesTheSumProgram)
+{
+    const std::string sums = sumFile();
+    for (const std::vector<std::string>& mode : checkModes) {
+        SCOPED_TRACE(::testing::PrintToString(mode));
+        const std::vector<std::string> args = joined(mode, {"--ignore-missing", "-c", sums});
+        expectSameRun(veltrix("sha256", args), runProgram(joined({"sha256sum"}, args)),
+                      "sha256sum");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(sums, missingFiles, ::testing::ValuesIn(missingCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(digestTest, ignoreMissingJudgesEachSumFileAlone)
+{
+    writeFile(dir.file("gone"), std::string(64, 'e') + "  " + dir.file("absent") + "\n");
+    writeFile(dir.file("there"), runProgram({"sha256sum", files[0]}).out);
+    const std::vector<std::string> args = {"--ignore-missing", "-c", dir.file("gone"),
+                                           dir.file("there")};
+    const runResult expected = runProgram(joined({"sha256sum"}, args));
+    EXPECT_EQ(expected.status, 1);
+    expectSameRun(veltrix("sha256", args), expected, "sha256sum");
+}
+
+TEST_F(digestTest, tagAndIgnoreMissingRefuseTheOtherMode)
+{
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--tag", "-c", files[0]}, "--check excludes --tag"},
+        {{"-c", "--tag", files[0]}, "--check excludes --tag"},
+        {{"--ignore-missing", files[0]}, "--ignore-missing requires --check"}};
+    for (const auto& [args, text] : cases) {
+        const runResult got = unpinned(args);
+        EXPECT_EQ(got.status, 2);
+        EXPECT_EQ(got.out, "");
+        EXPECT_EQ(got.err.rfind("veltrix digest: " + text + " (", 0), 0U) << got.err;
     }
 }
 
