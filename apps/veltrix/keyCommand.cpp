@@ -1,6 +1,7 @@
-// veltrix key: RSA key files. Generates a private key file, prints a key's fingerprint, derives
-// the public key file, signs and verifies files, and exports the public key as PEM so that other
-// tools can check the signatures.
+// veltrix key: RSA key files. Generates a private key file or imports one from PEM, prints a
+// key's fingerprint, derives the public key file, signs and verifies files, and exports the
+// public key as PEM so that other tools can check the signatures. It also writes the random
+// pre-shared secrets that tunnel and cat read.
 #include "commands.h"
 #include "cryptoapi.h"
 #include "digestKeyFiles.h"
@@ -12,13 +13,19 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace vxcli {
 
@@ -29,13 +36,19 @@ namespace {
 /** The options of every key subcommand; each uses the ones it declares. */
 struct keyOptions
 {
-    std::string keyFile;
-    std::string file;
-    std::string signatureFile;
-    std::string output;
+    std::string keyFile;       ///< after --key, or the first argument
+    std::string file;          ///< the file read: signed, to sign, or the PEM to import
+    std::string signatureFile; ///< the signature file of sign and verify
+    std::string output;        ///< the file written: public key, PEM, secret
     uint32_t bits = 2048;
+    uint32_t secretBytes = 32;
     bool force = false;
+    /** The arguments as given, before they are told apart: the key file may be the first. */
+    std::array<std::string, 3> arguments;
 };
+
+/** The largest key file read: a 16384-bit private key file takes about 35 KB. */
+constexpr size_t longestKeyFile = size_t{64} * 1024;
 
 /** Throws "cannot read <what><path>: <reason>" when `error` (an errno) is not 0. */
 void checkRead(int error, const std::string& what, const std::string& path)
@@ -55,6 +68,44 @@ vxBytes readInput(const std::string& path, const std::string& what = "")
                          }),
               what, path);
     return content;
+}
+
+/** The content of `path` ("-": standard input), refused past `limit` bytes; `what` names the
+ *  file in a failure ("the key file "). */
+std::string readBounded(const std::string& path, const std::string& what, size_t limit)
+{
+    std::string content;
+    checkRead(readChunks(path,
+                         [&](const char* data, size_t size) {
+                             if (content.size() + size > limit) {
+                                 throw failure("cannot read " + what + path + ": larger than " +
+                                               std::to_string(limit) + " bytes, more than " +
+                                               "any key needs");
+                             }
+                             content.append(data, size);
+                         }),
+              what, path);
+    return content;
+}
+
+/** Overwrites `text` with zeros when the scope ends: it may hold private key material. */
+class wipeOnExit
+{
+public:
+    explicit wipeOnExit(std::string& secret) : text(secret) {}
+
+    LVX_NOT_COPYABLE(wipeOnExit);
+
+    ~wipeOnExit() { explicit_bzero(text.data(), text.size()); }
+
+private:
+    std::string& text;
+};
+
+/** "standard input" for "-", else the path itself. */
+std::string inputName(const std::string& path)
+{
+    return path == "-" ? "standard input" : path;
 }
 
 /** Writes `content` to `path`, replacing the file; "-" or no name: standard output. */
@@ -77,12 +128,51 @@ bool errorLatched()
     return ::vxGlobal.stackTrace.errorLatch;
 }
 
+/** The line the library writes last into the key file of `key`, without its trailing blank. */
+std::string endMarker(vxRsa& key)
+{
+    uint32_t size = 0;
+    (void)key.GetKeySize(size); // an open key always has a size
+    return "---- END KEYSEAL " + std::to_string(size * 8U) + " BIT " +
+           (key.IsPrivate() ? "PRIVATE" : "PUBLIC") + " KEY ----";
+}
+
+/** Whether the last line of `text` that holds anything is `line`, ignoring blanks at its end.
+ *  The library writes "<marker> \n"; an editor may have taken the blank or the line feed. */
+bool endsWithLine(const std::string& text, const std::string& line)
+{
+    const size_t end = text.find_last_not_of(" \t\r\n");
+    if (end == std::string::npos || end + 1 < line.size()) {
+        return false;
+    }
+    const size_t start = end + 1 - line.size();
+    return text.compare(start, line.size(), line) == 0 && (start == 0 || text[start - 1] == '\n');
+}
+
+/** Refuses a key file the library's reader took but that cannot be trusted. The reader stops
+ *  at whatever the file holds, so a file cut short inside the private exponent D still gives a
+ *  key: the end marker shows that nothing was lost. A private key whose numbers do not belong
+ *  together (a changed digit) signs wrongly: the plug-in's check of the whole key finds that. */
+void checkKeyWhole(vxRsa& key, const std::string& text, const std::string& path)
+{
+    const std::string marker = endMarker(key);
+    if (!endsWithLine(text, marker)) {
+        throw failure("the key file " + path + " is damaged: it does not end with \"" + marker +
+                      "\"");
+    }
+    if (key.IsPrivate() && !key.KeyCheck()) {
+        throw failure("the key file " + path + " is damaged: its parts do not agree");
+    }
+}
+
 /** Opens `key` under the frame and reads the key file `path` into it. */
 void readKey(cliFrame& frame, vxRsa& key, const std::string& path)
 {
     frame.open(key, "cannot set up an RSA key for " + path);
-    // The key reader does not say why a file cannot be read; a read through first does.
-    checkRead(readChunks(path, [](const char*, size_t) {}), "the key file ", path);
+    // The key reader does not say why a file cannot be read; reading it here first does, and
+    // keeps its text for the checks below.
+    std::string text = readBounded(path, "the key file ", longestKeyFile);
+    const wipeOnExit textWiped(text);
     bool read = false;
     try {
         read = key.ReadKeyFromDisk(path);
@@ -101,6 +191,7 @@ void readKey(cliFrame& frame, vxRsa& key, const std::string& path)
             throw failure(problem);
         }
     }
+    checkKeyWhole(key, text, path);
 }
 
 /** Writes `key` into the key file `path`. */
@@ -113,14 +204,26 @@ void writeKey(vxRsa& key, const std::string& path)
     }
 }
 
-/** Creates `path` empty with mode 0600 whatever the umask, so that the private key written into
- *  it next is never readable by others; an existing file is refused unless `replace`. */
-void createPrivateFile(const std::string& path, bool replace)
+/** Refuses an existing `path` unless `force`; asked before slow or failing work, and asked
+ *  again by the exclusive creation that follows it. */
+void refuseExisting(const std::string& path, bool force)
 {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL),
-                        S_IRUSR | S_IWUSR);
+    struct stat existing = {};
+    if (!force && lstat(path.c_str(), &existing) == 0) {
+        throw failure(path + " already exists (--force replaces it)");
+    }
+}
+
+/** Creates the key file `path` empty, so that the key written into it next is never readable
+ *  by others: a private key file gets mode 0600 whatever the umask, a public one 0644 less the
+ *  umask. An existing file is refused unless `replace`. */
+void createKeyFile(const std::string& path, bool replace, bool isPrivate)
+{
+    const mode_t mode = isPrivate ? S_IRUSR | S_IWUSR : S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
+    const int fd =
+        open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (replace ? O_TRUNC : O_EXCL), mode);
     // An existing file keeps its mode through open, and the umask may have narrowed a new one.
-    const bool made = fd >= 0 && fchmod(fd, S_IRUSR | S_IWUSR) == 0;
+    const bool made = fd >= 0 && (!isPrivate || fchmod(fd, S_IRUSR | S_IWUSR) == 0);
     const std::string reason = made ? "" : errnoText();
     if (fd >= 0) {
         (void)close(fd);
@@ -140,17 +243,13 @@ void printFingerprint(vxRsa& key)
 int generateKey(cliFrame& frame, const keyOptions& options)
 {
     frame.loadPlugin();
-    struct stat existing = {};
-    // Refused before the slow generation; the creation below refuses again if the file appears.
-    if (!options.force && lstat(options.keyFile.c_str(), &existing) == 0) {
-        throw failure(options.keyFile + " already exists (--force replaces it)");
-    }
+    refuseExisting(options.keyFile, options.force);
     vxRsa key;
     const closeOnExit keyClosed(key);
     frame.open(key, "cannot set up an RSA key");
     require(key.GeneratePrivate(options.bits),
             "cannot generate a " + std::to_string(options.bits) + "-bit key");
-    createPrivateFile(options.keyFile, options.force);
+    createKeyFile(options.keyFile, options.force, true);
     writeKey(key, options.keyFile);
     printFingerprint(key);
     return exitOk;
@@ -192,8 +291,15 @@ int signFile(cliFrame& frame, const keyOptions& options)
     if (!key.IsPrivate()) {
         throw failure(options.keyFile + " is a public key: signing needs the private key file");
     }
+    const vxBytes message = readInput(options.file);
     vxBytes signature;
-    require(key.Sign(readInput(options.file), signature), "cannot sign " + options.file);
+    require(key.Sign(message, signature), "cannot sign " + inputName(options.file));
+    // Checked before it leaves: a fault in the private-key operation must not hand out a wrong
+    // signature, which could also give the key away.
+    if (!key.Verify(message, signature)) {
+        throw failure("cannot sign " + inputName(options.file) + ": the signature made with " +
+                      options.keyFile + " does not verify");
+    }
     const std::string output =
         options.signatureFile.empty() ? options.file + ".sig" : options.signatureFile;
     writeOutput(output, std::string(signature.bytes.begin(), signature.bytes.end()));
@@ -213,14 +319,29 @@ int verifyFile(cliFrame& frame, const keyOptions& options)
         return exitOk;
     }
     // A signature that does not match latches the library's error like any failure. It is this
-    // command's answer, not a fault, so the latch is cleared and the key closes normally.
+    // command's answer, not a fault, so the latch is cleared and the key closes normally. The
+    // answer goes to standard output, as other tools print it, and the reason to standard error.
     vxBase::lvxClearLastError();
-    std::cout << "Verification failure\n";
-    return exitFailure;
+    std::cout << "Verification failure" << std::endl;
+    throw failure(inputName(options.signatureFile) + " is not a signature of " +
+                  inputName(options.file) + " by the key " + options.keyFile);
 }
 
 // The public key as PEM: SubjectPublicKeyInfo (RFC 5280) holding an RSAPublicKey (RFC 8017),
 // DER-encoded, in base64 lines of 64 characters.
+
+/** DER tags of the elements the key structures use. */
+constexpr unsigned char derInteger = 0x02;
+constexpr unsigned char derBitString = 0x03;
+constexpr unsigned char derOctetString = 0x04;
+constexpr unsigned char derNull = 0x05;
+constexpr unsigned char derObjectId = 0x06;
+constexpr unsigned char derSequence = 0x30;
+
+/** OBJECT IDENTIFIER 1.2.840.113549.1.1.1 (rsaEncryption), content only. */
+constexpr std::string_view rsaEncryption("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01", 9);
+
+const char base64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 /** Bytes of a non-negative number given as hex text, most significant first, no leading zeros. */
 std::string numberBytes(const std::string& hex)
@@ -251,31 +372,29 @@ std::string der(unsigned char tag, const std::string& content)
     return static_cast<char>(tag) + length + content;
 }
 
-std::string derInteger(const std::string& hex)
+std::string derNumber(const std::string& hex)
 {
     std::string bytes = numberBytes(hex);
     // DER integers are signed: a leading zero keeps a set top bit positive, and zero is one byte.
     if (bytes.empty() || (static_cast<unsigned char>(bytes[0]) & 0x80) != 0) {
         bytes.insert(bytes.begin(), '\0');
     }
-    return der(0x02, bytes);
+    return der(derInteger, bytes);
 }
 
 std::string subjectPublicKeyInfo(const std::string& modulus, const std::string& exponent)
 {
-    // OBJECT IDENTIFIER 1.2.840.113549.1.1.1 (rsaEncryption), then NULL parameters.
-    static const std::string rsaEncryption("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01\x05\x00",
-                                           13);
-    const std::string publicKey = der(0x30, derInteger(modulus) + derInteger(exponent));
+    const std::string algorithm =
+        der(derObjectId, std::string(rsaEncryption)) + der(derNull, std::string());
+    const std::string publicKey = der(derSequence, derNumber(modulus) + derNumber(exponent));
     // The BIT STRING starts with its count of unused bits, 0.
-    return der(0x30, der(0x30, rsaEncryption) + der(0x03, std::string(1, '\0') + publicKey));
+    return der(derSequence,
+               der(derSequence, algorithm) + der(derBitString, std::string(1, '\0') + publicKey));
 }
 
 /** Base64 (RFC 4648) with "=" padding, a line feed after every 64 characters and at the end. */
 std::string base64Lines(const std::string& bytes)
 {
-    static const char alphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string text;
     for (size_t at = 0; at < bytes.size(); at += 3) {
         const size_t count = std::min<size_t>(3, bytes.size() - at);
@@ -284,7 +403,7 @@ std::string base64Lines(const std::string& bytes)
             group = group << 8 | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0U);
         }
         for (size_t i = 0; i < 4; ++i) {
-            text += i <= count ? alphabet[(group >> (18 - 6 * i)) & 0x3f] : '=';
+            text += i <= count ? base64Alphabet[(group >> (18 - 6 * i)) & 0x3f] : '=';
         }
     }
     std::string lines;
@@ -306,93 +425,785 @@ int exportPem(cliFrame& frame, const keyOptions& options)
     std::string q;
     std::string d;
     require(key.GetExponents(n, e, p, q, d), "cannot read the numbers of " + options.keyFile);
+    const wipeOnExit pWiped(p);
+    const wipeOnExit qWiped(q);
+    const wipeOnExit dWiped(d);
     writeOutput(options.output, "-----BEGIN PUBLIC KEY-----\n" +
                                     base64Lines(subjectPublicKeyInfo(n, e)) +
                                     "-----END PUBLIC KEY-----\n");
     return exitOk;
 }
 
+// ---- PEM import ----
+// RSA keys as other tools write them: RSAPrivateKey and RSAPublicKey (PKCS #1, RFC 8017 A.1),
+// PrivateKeyInfo (PKCS #8, RFC 5208 and 5958) and SubjectPublicKeyInfo (RFC 5280), in PEM
+// (RFC 7468). The program links no crypto library of its own, so a small DER reader takes them
+// apart; it accepts the encodings DER allows and nothing else.
+
+/** The largest PEM file read: a 16384-bit private key takes about 13 KB. */
+constexpr size_t longestPem = size_t{64} * 1024;
+/** The key sizes imported: the library's own keys have 2048 or 4096 bits; fewer are too weak,
+ *  more than the crypto plug-in works with. */
+constexpr size_t fewestKeyBits = 2048;
+constexpr size_t mostKeyBits = 16384;
+
+/** Why a PEM file cannot be imported, worded to follow "the PEM file <path> ". */
+class pemProblem : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/** The numbers of an RSA key as upper-case hex, as the library's key file holds them; P, Q and
+ *  D are empty for a public key. */
+struct rsaNumbers
+{
+    std::string n;
+    std::string e;
+    std::string p;
+    std::string q;
+    std::string d;
+
+    // Moved out of the readers, never copied: each copy of a secret number is one more to wipe.
+    rsaNumbers() = default;
+    rsaNumbers(const rsaNumbers&) = delete;
+    rsaNumbers& operator=(const rsaNumbers&) = delete;
+    rsaNumbers(rsaNumbers&&) = default;
+    rsaNumbers& operator=(rsaNumbers&&) = delete;
+
+    ~rsaNumbers()
+    {
+        for (std::string* secret : {&p, &q, &d}) {
+            explicit_bzero(secret->data(), secret->size());
+        }
+    }
+};
+
+/** Reads DER elements one after the other from a piece of bytes, never past its end. */
+class derReader
+{
+public:
+    explicit derReader(std::string_view bytes) : rest(bytes) {}
+
+    [[nodiscard]] bool atEnd() const { return rest.empty(); }
+
+    /** The tag of the next element; the reader must not be at its end. */
+    [[nodiscard]] unsigned char nextTag() const { return static_cast<unsigned char>(rest[0]); }
+
+    /** The content of the next element, which must carry `tag` and a definite length in its
+     *  shortest form that the bytes left can hold. */
+    std::string_view element(unsigned char tag, const char* what)
+    {
+        if (rest.size() < 2 || nextTag() != tag) {
+            throw pemProblem(std::string("is not an RSA key: ") + what + " is missing");
+        }
+        size_t length = static_cast<unsigned char>(rest[1]);
+        size_t header = 2;
+        if (length >= 0x80) {
+            const size_t count = length & 0x7fU;
+            // A length of more than four bytes would describe more than any key file holds.
+            if (count == 0 || count > 4 || rest.size() < 2 + count || rest[2] == '\0') {
+                throw pemProblem(std::string("is not DER: the length of ") + what +
+                                 " is not a definite length in its shortest form");
+            }
+            length = 0;
+            for (size_t i = 0; i < count; ++i) {
+                length = length << 8U | static_cast<unsigned char>(rest[2 + i]);
+            }
+            if (length < 0x80) {
+                throw pemProblem(std::string("is not DER: the length of ") + what +
+                                 " is not in its shortest form");
+            }
+            header += count;
+        }
+        if (length > rest.size() - header) {
+            throw pemProblem(std::string("is cut short: ") + what + " ends past the key's end");
+        }
+        const std::string_view content = rest.substr(header, length);
+        rest.remove_prefix(header + length);
+        return content;
+    }
+
+    /** The next INTEGER as upper-case hex in whole bytes ("010001"), "00" for zero. Refuses a
+     *  negative number and any encoding longer than needed. */
+    std::string number(const char* what)
+    {
+        const std::string_view content = element(derInteger, what);
+        if (content.empty() || (content.size() > 1 && content[0] == '\0' &&
+                                (static_cast<unsigned char>(content[1]) & 0x80U) == 0)) {
+            throw pemProblem(std::string("is not DER: ") + what + " is not in its shortest form");
+        }
+        if ((static_cast<unsigned char>(content[0]) & 0x80U) != 0) {
+            throw pemProblem(std::string("is not an RSA key: ") + what + " is negative");
+        }
+        static const char digits[] = "0123456789ABCDEF";
+        const std::string_view value =
+            content.size() > 1 && content[0] == '\0' ? content.substr(1) : content;
+        std::string hex;
+        hex.reserve(2 * value.size());
+        for (const char c : value) {
+            hex += digits[static_cast<unsigned char>(c) >> 4U];
+            hex += digits[static_cast<unsigned char>(c) & 0xfU];
+        }
+        return hex;
+    }
+
+    /** The next INTEGER, which must be a small version number. */
+    unsigned version(const char* what)
+    {
+        const std::string hex = number(what);
+        return hex.size() == 2 ? static_cast<unsigned>(std::stoul(hex, nullptr, 16)) : 0x100U;
+    }
+
+    /** Refuses anything left after the elements read. */
+    void expectEnd(const char* what) const
+    {
+        if (!rest.empty()) {
+            throw pemProblem(std::string("is not an RSA key: ") + what + " is followed by " +
+                             std::to_string(rest.size()) +
+                             (rest.size() == 1 ? " more byte" : " more bytes"));
+        }
+    }
+
+private:
+    std::string_view rest;
+};
+
+/** The dotted form of an OBJECT IDENTIFIER's content ("1.2.840.10045.2.1"). */
+std::string dottedOid(std::string_view content)
+{
+    std::string dotted;
+    uint64_t value = 0;
+    for (size_t at = 0; at < content.size() && value < (uint64_t{1} << 56U); ++at) {
+        const auto byte = static_cast<unsigned char>(content[at]);
+        value = value << 7U | (byte & 0x7fU);
+        if ((byte & 0x80U) != 0) {
+            continue;
+        }
+        if (dotted.empty()) {
+            // The first number holds the first two arcs: 40 * first + second.
+            const uint64_t first = std::min<uint64_t>(value / 40, 2);
+            dotted = std::to_string(first) + "." + std::to_string(value - 40 * first);
+        } else {
+            dotted += "." + std::to_string(value);
+        }
+        value = 0;
+    }
+    return dotted;
+}
+
+/** What the algorithm identifier `oid` names, for the refusal of a key that is not RSA. */
+std::string algorithmName(std::string_view oid)
+{
+    static const std::pair<const char*, const char*> known[] = {
+        {"1.2.840.10045.2.1", "an EC key"},   {"1.3.101.112", "an Ed25519 key"},
+        {"1.3.101.113", "an Ed448 key"},      {"1.3.101.110", "an X25519 key"},
+        {"1.3.101.111", "an X448 key"},       {"1.2.840.10040.4.1", "a DSA key"},
+        {"1.2.840.113549.1.3.1", "a DH key"}, {"1.2.840.113549.1.1.10", "an RSASSA-PSS key"}};
+    const std::string dotted = dottedOid(oid);
+    for (const auto& [number, name] : known) {
+        if (dotted == number) {
+            return std::string(name) + " (OID " + dotted + ")";
+        }
+    }
+    return "a key of another algorithm (OID " + dotted + ")";
+}
+
+/** Reads an AlgorithmIdentifier, which must name rsaEncryption with NULL (or no) parameters. */
+void readRsaAlgorithm(derReader& from)
+{
+    derReader algorithm(from.element(derSequence, "the algorithm identifier"));
+    const std::string_view oid = algorithm.element(derObjectId, "the algorithm");
+    if (oid != rsaEncryption) {
+        throw pemProblem("holds " + algorithmName(oid) + ", not an RSA key (rsaEncryption)");
+    }
+    if (!algorithm.atEnd() && !algorithm.element(derNull, "the NULL parameters").empty()) {
+        throw pemProblem("is not DER: the NULL parameters hold bytes");
+    }
+    algorithm.expectEnd("the algorithm identifier");
+}
+
+/** RSAPublicKey: SEQUENCE { modulus, publicExponent }, and nothing after it. */
+rsaNumbers readRsaPublicKey(std::string_view bytes)
+{
+    derReader outer(bytes);
+    derReader key(outer.element(derSequence, "the RSAPublicKey sequence"));
+    outer.expectEnd("the RSAPublicKey sequence");
+    rsaNumbers numbers;
+    numbers.n = key.number("the modulus");
+    numbers.e = key.number("the public exponent");
+    key.expectEnd("the public exponent");
+    return numbers;
+}
+
+/** RSAPrivateKey of two primes: SEQUENCE { version 0, n, e, d, p, q, d mod (p-1), d mod (q-1),
+ *  q^-1 mod p }, and nothing after it. The last three are read for their form only: the
+ *  crypto plug-in derives its own from P, Q and D. */
+rsaNumbers readRsaPrivateKey(std::string_view bytes)
+{
+    derReader outer(bytes);
+    derReader key(outer.element(derSequence, "the RSAPrivateKey sequence"));
+    outer.expectEnd("the RSAPrivateKey sequence");
+    const unsigned version = key.version("the RSAPrivateKey version");
+    if (version != 0) {
+        throw pemProblem(version == 1 ? "holds an RSA key of more than two primes, which veltrix "
+                                        "cannot use"
+                                      : "is not an RSA key: the RSAPrivateKey version is unknown");
+    }
+    rsaNumbers numbers;
+    numbers.n = key.number("the modulus");
+    numbers.e = key.number("the public exponent");
+    numbers.d = key.number("the private exponent");
+    numbers.p = key.number("the first prime");
+    numbers.q = key.number("the second prime");
+    for (const char* what :
+         {"the first CRT exponent", "the second CRT exponent", "the CRT coefficient"}) {
+        std::string value = key.number(what);
+        explicit_bzero(value.data(), value.size());
+    }
+    key.expectEnd("the CRT coefficient");
+    return numbers;
+}
+
+/** PrivateKeyInfo (version 0) or OneAsymmetricKey (version 1): the version, the rsaEncryption
+ *  algorithm, the RSAPrivateKey in an OCTET STRING, then optional attributes [0] and, in
+ *  version 1, the public key [1], which are not needed. */
+rsaNumbers readPrivateKeyInfo(std::string_view bytes)
+{
+    derReader outer(bytes);
+    derReader info(outer.element(derSequence, "the PrivateKeyInfo sequence"));
+    outer.expectEnd("the PrivateKeyInfo sequence");
+    const unsigned version = info.version("the PrivateKeyInfo version");
+    if (version > 1) {
+        throw pemProblem("is not a private key: the PrivateKeyInfo version is unknown");
+    }
+    readRsaAlgorithm(info);
+    rsaNumbers numbers = readRsaPrivateKey(info.element(derOctetString, "the private key"));
+    if (!info.atEnd() && info.nextTag() == 0xa0) {
+        (void)info.element(0xa0, "the attributes");
+    }
+    if (version == 1 && !info.atEnd() && info.nextTag() == 0x81) {
+        (void)info.element(0x81, "the public key");
+    }
+    info.expectEnd("the private key");
+    return numbers;
+}
+
+/** SubjectPublicKeyInfo: the rsaEncryption algorithm, then the RSAPublicKey in a BIT STRING
+ *  of whole bytes. */
+rsaNumbers readSubjectPublicKeyInfo(std::string_view bytes)
+{
+    derReader outer(bytes);
+    derReader info(outer.element(derSequence, "the SubjectPublicKeyInfo sequence"));
+    outer.expectEnd("the SubjectPublicKeyInfo sequence");
+    readRsaAlgorithm(info);
+    const std::string_view bits = info.element(derBitString, "the public key");
+    info.expectEnd("the public key");
+    if (bits.empty() || bits[0] != '\0') {
+        throw pemProblem("is not an RSA key: the public key is not whole bytes");
+    }
+    return readRsaPublicKey(bits.substr(1));
+}
+
+/** The value of one base64 digit; -1 for any other character. */
+int base64Value(char c)
+{
+    const char* const at = std::strchr(base64Alphabet, c);
+    return c != '\0' && at != nullptr ? static_cast<int>(at - base64Alphabet) : -1;
+}
+
+/** Decodes base64 (RFC 4648) strictly: groups of four digits, "=" only to pad the last one, and
+ *  padding bits of zero, as every encoder writes them. */
+std::string decodeBase64(const std::string& text)
+{
+    size_t padding = 0;
+    while (padding < text.size() && text[text.size() - 1 - padding] == '=') {
+        ++padding;
+    }
+    const size_t digits = text.size() - padding;
+    for (size_t at = 0; at < digits; ++at) {
+        if (base64Value(text[at]) < 0) {
+            char shown[8];
+            (void)std::snprintf(shown, sizeof shown,
+                                std::isgraph(static_cast<unsigned char>(text[at])) != 0 ? "\"%c\""
+                                                                                        : "0x%02x",
+                                static_cast<unsigned char>(text[at]));
+            throw pemProblem(std::string("is not base64: it holds ") + shown + " in the key");
+        }
+    }
+    if (text.empty() || text.size() % 4 != 0 || padding > 2) {
+        throw pemProblem("is cut short or changed: its base64 text does not end a group of four");
+    }
+    std::string bytes;
+    uint32_t group = 0;
+    for (size_t at = 0; at < digits; ++at) {
+        group = group << 6U | static_cast<uint32_t>(base64Value(text[at]));
+        if (at % 4 == 3) {
+            bytes += static_cast<char>(group >> 16U);
+            bytes += static_cast<char>(group >> 8U);
+            bytes += static_cast<char>(group);
+        }
+    }
+    const uint32_t leftBits = padding == 1 ? 2U : padding == 2 ? 4U : 0U;
+    if ((group & ((1U << leftBits) - 1)) != 0) {
+        throw pemProblem("is not base64 in its canonical form: the padding bits are not zero");
+    }
+    if (padding != 0) {
+        group >>= leftBits;
+        for (size_t i = 3 - padding; i > 0; --i) {
+            bytes += static_cast<char>(group >> (8 * (i - 1)));
+        }
+    }
+    explicit_bzero(&group, sizeof group);
+    return bytes;
+}
+
+/** A PEM block: its label ("RSA PRIVATE KEY") and its DER bytes. */
+struct pemBlock
+{
+    std::string label;
+    std::string bytes;
+};
+
+/** The first PEM block of `text`. Text before its BEGIN line is skipped, as RFC 7468 allows
+ *  (explanations that some tools write first); the block must end with the END line of the same
+ *  label. Headers (RFC 1421 "Proc-Type:") come only with encrypted keys. */
+pemBlock readPemBlock(const std::string& text)
+{
+    static const std::string begin = "-----BEGIN ";
+    static const std::string dashes = "-----";
+    pemBlock block;
+    std::string base64;
+    const wipeOnExit base64Wiped(base64);
+    bool inside = false;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = std::min(text.find('\n', at), text.size());
+        std::string line = text.substr(at, end - at);
+        // Blanks around a line are not part of it (npos + 1: a blank line becomes empty).
+        line.erase(line.find_last_not_of(" \t\r") + 1);
+        line.erase(0, std::min(line.find_first_not_of(" \t"), line.size()));
+        at = end + 1;
+        if (!inside && line.rfind(begin, 0) == 0 && line.size() > begin.size() + dashes.size() &&
+            line.compare(line.size() - dashes.size(), dashes.size(), dashes) == 0) {
+            block.label = line.substr(begin.size(), line.size() - begin.size() - dashes.size());
+            inside = true;
+        } else if (inside && line == "-----END " + block.label + dashes) {
+            block.bytes = decodeBase64(base64);
+            return block;
+        } else if (inside && line.find(':') != std::string::npos) {
+            throw pemProblem(line.find("ENCRYPTED") != std::string::npos
+                                 ? "holds an encrypted private key: import-pem reads unencrypted "
+                                   "keys only"
+                                 : "has PEM headers (\"" + line +
+                                       "\"), which import-pem does not read");
+        } else if (inside) {
+            base64 += line;
+        }
+    }
+    if (!inside) {
+        throw pemProblem("is not PEM: it has no \"-----BEGIN ...-----\" line");
+    }
+    throw pemProblem("is cut short: it has no \"-----END " + block.label + "-----\" line");
+}
+
+/** The RSA numbers of the PEM text `text`. */
+rsaNumbers readPemKey(const std::string& text)
+{
+    pemBlock block = readPemBlock(text);
+    const wipeOnExit bytesWiped(block.bytes);
+    if (block.label == "RSA PRIVATE KEY") {
+        return readRsaPrivateKey(block.bytes);
+    }
+    if (block.label == "PRIVATE KEY") {
+        return readPrivateKeyInfo(block.bytes);
+    }
+    if (block.label == "RSA PUBLIC KEY") {
+        return readRsaPublicKey(block.bytes);
+    }
+    if (block.label == "PUBLIC KEY") {
+        return readSubjectPublicKeyInfo(block.bytes);
+    }
+    if (block.label == "ENCRYPTED PRIVATE KEY") {
+        throw pemProblem("holds an encrypted private key: import-pem reads unencrypted keys only");
+    }
+    throw pemProblem("holds \"" + block.label +
+                     "\", not an RSA key (RSA PRIVATE KEY, PRIVATE KEY, RSA PUBLIC KEY or PUBLIC "
+                     "KEY)");
+}
+
+/** The PEM input as a failure names it. */
+std::string pemSource(const std::string& path)
+{
+    return path == "-" ? "the PEM text on standard input" : "the PEM file " + path;
+}
+
+/** The number of bits of the number in upper-case hex `hex`. */
+size_t bitsOf(const std::string& hex)
+{
+    const size_t first = hex.find_first_not_of('0');
+    if (first == std::string::npos) {
+        return 0;
+    }
+    const int digit = std::stoi(hex.substr(first, 1), nullptr, 16);
+    size_t bits = 4 * (hex.size() - first - 1);
+    for (int rest = digit; rest > 0; rest >>= 1) {
+        ++bits;
+    }
+    return bits;
+}
+
+/** Refuses numbers that cannot be a usable RSA key whatever the rest: a modulus of a size out
+ *  of range, or an even public exponent (which has no inverse, so no signature could verify). */
+void checkKeySize(const rsaNumbers& numbers)
+{
+    const size_t bits = bitsOf(numbers.n);
+    if (bits < fewestKeyBits || bits > mostKeyBits) {
+        throw pemProblem("holds a " + std::to_string(bits) + "-bit RSA key; veltrix uses " +
+                         std::to_string(fewestKeyBits) + " to " + std::to_string(mostKeyBits) +
+                         " bits");
+    }
+    const char last = numbers.e.empty() ? '0' : numbers.e.back();
+    if (bitsOf(numbers.e) < 2 || std::string("13579BDF").find(last) == std::string::npos) {
+        throw pemProblem(
+            "is not a usable RSA key: its public exponent is not an odd number above 1");
+    }
+}
+
+int importPem(cliFrame& frame, const keyOptions& options)
+{
+    frame.loadPlugin();
+    refuseExisting(options.keyFile, options.force);
+    const std::string& path = options.file;
+    std::string text = readBounded(path, "the PEM file ", longestPem);
+    const wipeOnExit textWiped(text);
+    vxRsa key;
+    const closeOnExit keyClosed(key);
+    frame.open(key, "cannot set up an RSA key for " + options.keyFile);
+    try {
+        const rsaNumbers numbers = readPemKey(text);
+        checkKeySize(numbers);
+        if (!key.MakeKeyFromExps(numbers.n, numbers.e, numbers.p, numbers.q, numbers.d)) {
+            throw pemProblem("holds RSA numbers the crypto plug-in refuses");
+        }
+    } catch (const pemProblem& problem) {
+        throw failure(pemSource(path) + " " + problem.what());
+    }
+    if (key.IsPrivate() && !key.KeyCheck()) {
+        throw failure(pemSource(path) + " holds an RSA private key whose parts do not agree");
+    }
+    createKeyFile(options.keyFile, options.force, key.IsPrivate());
+    writeKey(key, options.keyFile);
+    printFingerprint(key);
+    return exitOk;
+}
+
+// ---- Pre-shared secrets ----
+
+/** Random bytes as lower-case hex text and a line feed: printable, so the file can be copied
+ *  by any means, and read back whole by tunnel and cat, which drop the one line end. */
+std::string secretText(const vxBytes& random)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * random.bytes.size() + 1);
+    for (const unsigned char byte : random.bytes) {
+        text += digits[byte >> 4U];
+        text += digits[byte & 0xfU];
+    }
+    text += '\n';
+    return text;
+}
+
+/** Writes all of `text` to `fd`; false, with errno, when a write fails. */
+bool writeAll(int fd, const std::string& text)
+{
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+        if (wrote == 0) {
+            errno = EIO; // a file that takes nothing would hold the loop for ever
+        }
+        if (wrote == 0 || (wrote < 0 && errno != EINTR)) {
+            return false;
+        }
+        done += wrote > 0 ? static_cast<size_t>(wrote) : 0;
+    }
+    return true;
+}
+
+/** Fills the new file `fd` with `text` and closes it. Mode 0600 is set before the first byte:
+ *  the creation gave at most that, and the umask may have taken the owner's own rights. On a
+ *  failure the file `path` is removed and the reason thrown. */
+void fillSecretFile(int fd, const std::string& path, const std::string& text)
+{
+    bool written = fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, text) && fsync(fd) == 0;
+    std::string reason = written ? "" : errnoText();
+    if (close(fd) != 0 && written) {
+        written = false;
+        reason = errnoText();
+    }
+    if (!written) {
+        (void)unlink(path.c_str());
+        throw failure("cannot write the secret file " + path + ": " + reason);
+    }
+}
+
+/** Writes the secret into `path`, which must not exist: created exclusively with mode 0600, so
+ *  there is no moment when another user could open it. */
+void createSecretFile(const std::string& path, const std::string& text)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd < 0 && errno == EEXIST) {
+        throw failure(path + " already exists (--force replaces it)");
+    }
+    if (fd < 0) {
+        throw failure("cannot create the secret file " + path + ": " + errnoText());
+    }
+    fillSecretFile(fd, path, text);
+}
+
+/** Replaces `path` with the secret: written whole into a new file of mode 0600 beside it, which
+ *  then takes its name. The old file is never opened (a link is replaced, not followed), and a
+ *  reader sees either the old secret or the whole new one. */
+void replaceSecretFile(const std::string& path, const std::string& text)
+{
+    std::string temporary = path + ".XXXXXX";
+    const int fd = mkstemp(temporary.data());
+    if (fd < 0) {
+        throw failure("cannot create a secret file beside " + path + ": " + errnoText());
+    }
+    fillSecretFile(fd, temporary, text);
+    if (rename(temporary.c_str(), path.c_str()) != 0) {
+        const std::string reason = errnoText();
+        (void)unlink(temporary.c_str());
+        throw failure("cannot replace the secret file " + path + ": " + reason);
+    }
+}
+
+int writeSecret(cliFrame& frame, const keyOptions& options)
+{
+    frame.loadPlugin();
+    vxRand source;
+    const closeOnExit sourceClosed(source);
+    frame.open(source, "cannot open the random source", false);
+    vxBytes random;
+    const std::string what = "cannot draw " + std::to_string(options.secretBytes) + " random bytes";
+    require(source.Read(options.secretBytes) && source.GetBytes(random), what);
+    if (random.bytes.size() != options.secretBytes) {
+        throw failure(what + ": the random source gave " + std::to_string(random.bytes.size()));
+    }
+    std::string text = secretText(random);
+    const wipeOnExit textWiped(text);
+    explicit_bzero(random.bytes.data(), random.bytes.size());
+    if (options.force) {
+        replaceSecretFile(options.output, text);
+    } else {
+        createSecretFile(options.output, text);
+    }
+    return exitOk;
+}
+
+// ---- The subcommands and their arguments ----
+
 using keyBody = int (*)(cliFrame&, const keyOptions&);
 
-/** Adds the key subcommand `name` with its own options; once they parse, it becomes the chosen
- *  command. */
-std::pair<CLI::App*, keyOptions*> addKeySubcommand(CLI::App& key, selection& chosen,
-                                                   const std::string& name,
-                                                   const std::string& description, keyBody run)
+/** An argument of a key subcommand after its key file. */
+struct operand
 {
-    auto options = std::make_shared<keyOptions>();
-    CLI::App* command = key.add_subcommand(name, description);
-    command->callback([&chosen, name, run, options] {
-        chosen = {"key " + name, [run, options](cliFrame& frame) { return run(frame, *options); }};
-    });
-    return {command, options.get()};
-}
+    const char* name; ///< as the help and the usage errors show it: "FILE"
+    const char* description;
+    std::string keyOptions::*field;
+};
 
-void addGenerateCommand(CLI::App& key, selection& chosen)
+/** A key subcommand. Every one that works on a key file takes it the same way: after -k/--key,
+ *  or as its first argument. */
+struct keySubcommand
 {
-    const auto [command, options] =
-        addKeySubcommand(key, chosen, "generate", "write a new private key file", generateKey);
-    command->add_option("KEYFILE", options->keyFile, "the key file to write")->required();
-    command->add_option("--bits", options->bits, "the key size")
+    const char* name;
+    const char* description;
+    const char* keyFile; ///< what its key file is; nullptr: it has none
+    std::vector<operand> operands;
+    keyBody run;
+    void (*addOptions)(CLI::App&, keyOptions&); ///< its own options, if any
+};
+
+void addGenerateOptions(CLI::App& command, keyOptions& options)
+{
+    command.add_option("--bits", options.bits, "the key size")
         ->check(CLI::IsMember({2048, 4096}))
         ->capture_default_str();
-    command->add_flag("--force", options->force, "replace an existing file");
+    command.add_flag("--force", options.force, "replace an existing file");
 }
 
-void addFingerprintCommand(CLI::App& key, selection& chosen)
+void addSignOptions(CLI::App& command, keyOptions& options)
 {
-    const auto [command, options] = addKeySubcommand(
-        key, chosen, "fingerprint", "print a key file's fingerprint", showFingerprint);
-    command->add_option("KEYFILE", options->keyFile, "the key file")->required();
+    command.add_option("-o,--output", options.signatureFile, "the signature file (FILE.sig)");
 }
 
-void addPublicCommand(CLI::App& key, selection& chosen)
+void addExportOptions(CLI::App& command, keyOptions& options)
 {
-    const auto [command, options] = addKeySubcommand(
-        key, chosen, "public", "write the public key file of a private key", writePublicKey);
-    command->add_option("KEYFILE", options->keyFile, "the private key file")->required();
-    command->add_option("OUTFILE", options->output, "the public key file to write")->required();
+    command.add_option("-o,--output", options.output, "the PEM file (standard output)");
 }
 
-void addSignCommand(CLI::App& key, selection& chosen)
+void addImportOptions(CLI::App& command, keyOptions& options)
 {
-    const auto [command, options] = addKeySubcommand(
-        key, chosen, "sign", "sign a file (RSASSA-PKCS1-v1_5 with SHA-256)", signFile);
-    command->add_option("-k,--key", options->keyFile, "the private key file")->required();
-    command->add_option("FILE", options->file, "the file to sign")->required();
-    command->add_option("-o,--output", options->signatureFile, "the signature file (FILE.sig)");
+    command.add_flag("--force", options.force, "replace an existing key file");
 }
 
-void addVerifyCommand(CLI::App& key, selection& chosen)
+void addSecretOptions(CLI::App& command, keyOptions& options)
 {
-    const auto [command, options] =
-        addKeySubcommand(key, chosen, "verify", "check a file's signature", verifyFile);
-    command->add_option("-k,--key", options->keyFile, "the key file")->required();
-    command->add_option("FILE", options->file, "the signed file")->required();
-    command->add_option("SIGFILE", options->signatureFile, "the signature file")->required();
+    command.add_option("--bytes", options.secretBytes, "random bytes, written as hex digits")
+        ->check(CLI::Range(16, 1024))
+        ->capture_default_str();
+    command.add_flag("--force", options.force, "replace an existing file");
 }
 
-void addExportPemCommand(CLI::App& key, selection& chosen)
+const std::vector<keySubcommand>& keySubcommands()
 {
-    const auto [command, options] =
-        addKeySubcommand(key, chosen, "export-pem", "print the public key as PEM", exportPem);
-    command->add_option("-k,--key", options->keyFile, "the key file")->required();
-    command->add_option("-o,--output", options->output, "the PEM file (standard output)");
+    static const std::vector<keySubcommand> table = {
+        {"generate",
+         "write a new private key file",
+         "the key file to write",
+         {},
+         generateKey,
+         addGenerateOptions},
+        {"fingerprint",
+         "print a key file's fingerprint",
+         "the key file",
+         {},
+         showFingerprint,
+         nullptr},
+        {"public",
+         "write the public key file of a private key",
+         "the private key file",
+         {{"OUTFILE", "the public key file to write", &keyOptions::output}},
+         writePublicKey,
+         nullptr},
+        {"sign",
+         "sign a file (RSASSA-PKCS1-v1_5 with SHA-256)",
+         "the private key file",
+         {{"FILE", "the file to sign (-: standard input)", &keyOptions::file}},
+         signFile,
+         addSignOptions},
+        {"verify",
+         "check a file's signature",
+         "the key file",
+         {{"FILE", "the signed file (-: standard input)", &keyOptions::file},
+          {"SIGFILE", "the signature file", &keyOptions::signatureFile}},
+         verifyFile,
+         nullptr},
+        {"export-pem",
+         "print the public key as PEM",
+         "the key file",
+         {},
+         exportPem,
+         addExportOptions},
+        {"import-pem",
+         "write a key file from an RSA key in PEM",
+         "the key file to write",
+         {{"PEMFILE", "the PEM file (-: standard input)", &keyOptions::file}},
+         importPem,
+         addImportOptions},
+        {"psk",
+         "write a new random pre-shared secret for --psk-file",
+         nullptr,
+         {{"FILE", "the secret file to write", &keyOptions::output}},
+         writeSecret,
+         addSecretOptions},
+    };
+    return table;
+}
+
+/** The usage error for a key file given neither way. With some arguments given, the first may
+ *  have been meant as the key file or as the subcommand's own first argument: the error says
+ *  what is missing either way. */
+CLI::RequiredError missingKeyFile(const keySubcommand& command,
+                                  const std::vector<std::string>& given)
+{
+    const std::string otherwise =
+        given.empty() ? std::string("KEYFILE is required as the first argument")
+                      : "with " + given.front() + " as KEYFILE, " +
+                            command.operands[given.size() - 1].name + " is required";
+    return {"--key is required, or " + otherwise, CLI::ExitCodes::RequiredError};
+}
+
+/** Puts the arguments of `command` where its body reads them. Without --key the first argument
+ *  is the key file; with it every argument is the subcommand's own. */
+void placeArguments(const keySubcommand& command, keyOptions& options, bool keyGiven, size_t count)
+{
+    std::vector<std::string> given(options.arguments.begin(), options.arguments.begin() + count);
+    const size_t own = command.operands.size();
+    if (keyGiven && given.size() > own) {
+        throw CLI::ValidationError("the key file is given twice: --key " + options.keyFile +
+                                   " and the first argument " + given.front());
+    }
+    if (command.keyFile != nullptr && !keyGiven) {
+        if (given.size() <= own) {
+            throw missingKeyFile(command, given);
+        }
+        options.keyFile = given.front();
+        given.erase(given.begin());
+    }
+    if (given.size() < own) {
+        throw CLI::RequiredError(command.operands[given.size()].name);
+    }
+    for (size_t i = 0; i < own; ++i) {
+        options.*(command.operands[i].field) = given[i];
+    }
+}
+
+/** Adds the key subcommand `command` with its arguments and options; once they parse and are
+ *  placed, it becomes the chosen command. */
+void addKeySubcommand(CLI::App& key, selection& chosen, const keySubcommand& command)
+{
+    auto options = std::make_shared<keyOptions>();
+    CLI::App* app = key.add_subcommand(command.name, command.description);
+    CLI::Option* keyOption = nullptr;
+    // The arguments fill these in order; which one is the key file is known only once all are
+    // counted.
+    std::vector<CLI::Option*> slots;
+    if (command.keyFile != nullptr) {
+        keyOption = app->add_option("-k,--key", options->keyFile,
+                                    std::string(command.keyFile) + " (or KEYFILE)");
+        slots.push_back(
+            app->add_option("KEYFILE", options->arguments[0],
+                            std::string(command.keyFile) + ", when --key is not given"));
+    }
+    for (const operand& each : command.operands) {
+        slots.push_back(
+            app->add_option(each.name, options->arguments.at(slots.size()), each.description));
+        // Without a key file the arguments are the subcommand's own, and the parser can tell
+        // when one is missing; with one, placeArguments tells once it has counted them.
+        slots.back()->required(command.keyFile == nullptr);
+    }
+    if (command.keyFile != nullptr) {
+        app->footer(std::string("KEYFILE is the first argument, or follows -k/--key (not both)") +
+                    (command.operands.empty() ? "." : "; the arguments after it are required."));
+    }
+    if (command.addOptions != nullptr) {
+        command.addOptions(*app, *options);
+    }
+    app->callback([&chosen, &command, options, keyOption, slots] {
+        const auto count = static_cast<size_t>(std::count_if(
+            slots.begin(), slots.end(), [](const CLI::Option* slot) { return slot->count() > 0; }));
+        placeArguments(command, *options, keyOption != nullptr && keyOption->count() > 0, count);
+        chosen = {std::string("key ") + command.name,
+                  [options, run = command.run](cliFrame& frame) { return run(frame, *options); }};
+    });
 }
 
 } // namespace
 
 void addKeyCommand(CLI::App& program, selection& chosen)
 {
-    CLI::App* key = program.add_subcommand(
-        "key", "RSA key files: generate, fingerprint, public, sign, verify, export-pem");
+    std::string names;
+    for (const keySubcommand& command : keySubcommands()) {
+        names += (names.empty() ? "" : ", ") + std::string(command.name);
+    }
+    CLI::App* key = program.add_subcommand("key", "RSA key files and pre-shared secrets: " + names);
     key->require_subcommand(1);
-    addGenerateCommand(*key, chosen);
-    addFingerprintCommand(*key, chosen);
-    addPublicCommand(*key, chosen);
-    addSignCommand(*key, chosen);
-    addVerifyCommand(*key, chosen);
-    addExportPemCommand(*key, chosen);
+    for (const keySubcommand& command : keySubcommands()) {
+        addKeySubcommand(*key, chosen, command);
+    }
 }
 
 } // namespace vxcli

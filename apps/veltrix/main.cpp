@@ -2,7 +2,8 @@
 //
 //   veltrix tunnel   wrap an unmodified TCP service in the encrypted channel
 //   veltrix cat      standard input to a peer and the peer's bytes to standard output
-//   veltrix key      RSA key files: generate, fingerprint, public, sign, verify, export-pem
+//   veltrix key      RSA key files: generate, fingerprint, public, sign, verify, export-pem,
+//                    import-pem; psk writes a secret file
 //   veltrix digest   file digests in the format of the coreutils sums, and -c
 //   veltrix bench    the library's throughput and handshake rate beside direct OpenSSL
 //
@@ -13,11 +14,16 @@
 #include "vxGlobal.h"
 #include "vxVersions.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 #include <string>
+#include <vector>
 
 using namespace vxcli;
 
@@ -75,9 +81,10 @@ int parseAndRun(int argc, char** argv)
                      "print the version table (program, library, plug-in)");
 
     selection chosen;
-    std::string helpTopic;
+    std::vector<std::string> helpTopic;
     CLI::App* help = program.add_subcommand("help", "describe the program or one command");
-    help->add_option("command", helpTopic, "the command to describe");
+    help->add_option("command", helpTopic,
+                     "the command to describe, with its subcommand (key sign)");
     addTunnelCommand(program, chosen);
     addCatCommand(program, chosen);
     addKeyCommand(program, chosen);
@@ -102,14 +109,32 @@ int parseAndRun(int argc, char** argv)
                                                             CLI::AppFormatMode::Normal);
             return exitOk;
         }
-        const auto commands = program.get_subcommands(
-            [&](const CLI::App* app) { return app->get_name() == helpTopic; });
-        if (commands.empty()) {
-            std::cerr << "veltrix help: no command \"" << helpTopic << R"(" (see "veltrix help"))"
-                      << std::endl;
-            return exitUsage;
+        // Each word names a subcommand of the one before: "help key sign" is "key sign --help",
+        // whose help is titled by the names before its own.
+        CLI::App* topic = &program;
+        std::string title;
+        std::string words;
+        for (const std::string& word : helpTopic) {
+            if (title.empty()) {
+                title = "veltrix";
+            } else {
+                title += ' ';
+                title += topic->get_name();
+            }
+            if (!words.empty()) {
+                words += ' ';
+            }
+            words += word;
+            const auto commands = topic->get_subcommands(
+                [&](const CLI::App* app) { return app->get_name() == word; });
+            if (commands.empty()) {
+                std::cerr << "veltrix help: no command \"" << words << R"(" (see "veltrix help"))"
+                          << std::endl;
+                return exitUsage;
+            }
+            topic = commands.front();
         }
-        std::cout << commands.front()->help("veltrix");
+        std::cout << topic->help(title);
         return exitOk;
     }
     if (showVersion && !chosen.body) {
@@ -122,10 +147,35 @@ int parseAndRun(int argc, char** argv)
     return cliFrame(globals, chosen.name).run(chosen.body);
 }
 
+/** Opens /dev/null on each of 0, 1 and 2 that is closed; false when that fails. */
+bool standardDescriptorsSafe()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0 || errno != EBADF) {
+            continue;
+        }
+        // The lowest free number is this one: everything below it is open.
+        const int null = open("/dev/null", O_RDWR);
+        if (null != fd) {
+            if (null >= 0) {
+                (void)close(null);
+            }
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    // A descriptor among 0, 1 and 2 that was closed at the start would be handed out by the next
+    // open: a listening socket would then stand where output goes, and a message for the
+    // terminal would reach a peer. /dev/null takes the place of each before anything opens.
+    if (!standardDescriptorsSafe()) {
+        return exitFailure;
+    }
     // A reader that went away is an error to report, not a reason to die.
     (void)std::signal(SIGPIPE, SIG_IGN);
     try {
