@@ -186,6 +186,8 @@ protected:
             line = replaceAll(line, "0.0.0.0:7001", address(secondPort));
             line = replaceAll(line, "localhost:9000", "localhost:" + std::to_string(api.port));
             line = replaceAll(line, "/etc/veltrix/", etc + "/");
+            // Every example shares the one secret file, which exists before the first runs.
+            line = replaceAll(line, "key psk tunnel.psk", "key psk --force tunnel.psk");
             line = replaceAll(line, "tunnel.psk", dir.file("tunnel.psk"));
             out += line + "\n";
         }
