@@ -55,6 +55,9 @@ protected:
 
 TEST_F(localTest, ClosedStandardDescriptorsAreReplacedBeforeAnythingOpens)
 {
+    if (VX_EMULATED != 0) {
+        GTEST_SKIP() << "an emulator opens descriptors of its own before the program starts";
+    }
     {
         SCOPED_TRACE("standard input closed: the listening socket must not take its number");
         const int port = freePort();
