@@ -2,6 +2,7 @@
 #include "cryptoapi.h"
 
 #include "vxGuard.h"
+#include "vxMdPair.h"
 #include "vxVersions.h"
 
 #include <algorithm>
@@ -66,7 +67,8 @@ const char* const acceptedNames[] = {"vxPluginMdOpen",
                                      "vxPluginRandRead",
                                      "vxPluginRandClose",
                                      "vxPluginRandGetBytes",
-                                     "vxPluginRandGetNumFromZero"};
+                                     "vxPluginRandGetNumFromZero",
+                                     "vxPluginMdDigestPair"};
 
 const vxReg& plugin()
 {
@@ -286,6 +288,24 @@ bool vxMd::Final()
     finalized = true;
     (void)plugin().vxPluginMdFinal(&storage);
     return true;
+}
+
+bool digestPair(vxMd& first, const unsigned char* firstData, uint32_t firstLength, vxMd& second,
+                const unsigned char* secondData, uint32_t secondLength)
+{
+    const vxPluginMdDigestPair_t both = plugin().vxPluginMdDigestPair;
+    if (both != nullptr &&
+        both(&first.storage, firstData, firstLength, &second.storage, secondData, secondLength)) {
+        first.finalized = true;
+        second.finalized = true;
+        first.length = firstLength;
+        second.length = secondLength;
+        return true;
+    }
+    const auto whole = [](vxMd& md, const unsigned char* data, uint32_t size) {
+        return md.Init() && md.Update(reinterpret_cast<const char*>(data), size) && md.Final();
+    };
+    return whole(first, firstData, firstLength) && whole(second, secondData, secondLength);
 }
 
 bool vxMd::GetLength(uint32_t& size)

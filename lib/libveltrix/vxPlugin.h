@@ -24,7 +24,13 @@ struct vxPluginStorage
 using vxByteVector = std::vector<unsigned char>;
 
 /** Every entry point in registry order: X(name, result, (parameters)). The pointer types below
- *  and the fields of vxReg are generated from it. */
+ *  and the fields of vxReg are generated from it.
+ *
+ *  All are required except the last, vxPluginMdDigestPair: the digests of two whole messages,
+ *  the same as vxPluginMdInit, vxPluginMdUpdate with the message and vxPluginMdFinal on each
+ *  record, for a plug-in that can compute two digests faster side by side than one after the
+ *  other. The library calls it only when the plug-in provides it, and digests the messages one
+ *  at a time otherwise, or when it returns false. */
 #define VX_PLUGIN_ENTRY_POINTS(X)                                                                 \
     X(vxPluginMdOpen, bool, (vxPluginStorage * st, uint32_t algorithm))                           \
     X(vxPluginMdInit, bool, (vxPluginStorage * st))                                               \
@@ -67,7 +73,10 @@ using vxByteVector = std::vector<unsigned char>;
     X(vxPluginRandRead, bool, (vxPluginStorage * st, uint32_t count, bool testMode))              \
     X(vxPluginRandClose, bool, (vxPluginStorage * st))                                            \
     X(vxPluginRandGetBytes, const vxByteVector*, (vxPluginStorage * st))                          \
-    X(vxPluginRandGetNumFromZero, uint32_t, (vxPluginStorage * st, int limit))
+    X(vxPluginRandGetNumFromZero, uint32_t, (vxPluginStorage * st, int limit))                    \
+    X(vxPluginMdDigestPair, bool,                                                                 \
+      (vxPluginStorage * first, const unsigned char* firstData, uint32_t firstLength,             \
+       vxPluginStorage* second, const unsigned char* secondData, uint32_t secondLength))
 
 /** Declares the pointer type of one entry point; defined for the list below only. */
 // NOLINTNEXTLINE(bugprone-macro-parentheses): `params` is a parenthesised parameter list.

@@ -7,6 +7,7 @@
 // implementations fetched from OpenSSL's default provider, which are looked up once per process
 // and only read afterwards.
 
+#include "md5Pair.h"
 #include "pluginLoader.h"
 #include "vxPlugin.h"
 
@@ -255,6 +256,118 @@ const digestAlgorithm* digestOf(uint32_t id)
     default:
         return nullptr;
     }
+}
+
+// ---- Two MD5 digests side by side ------------------------------------------------------------
+
+// MD5 pads a message with 0x80, zeros up to 56 bytes mod 64, then the message length in bits as a
+// little-endian 64-bit number, and compresses it 64 bytes at a time from a fixed initial state.
+constexpr size_t kMd5Block = MD5_CBLOCK;
+constexpr vxmd5::chain kMd5Start = {0x67452301U, 0xefcdab89U, 0x98badcfeU, 0x10325476U};
+
+/** The 32-bit word of the four bytes at `at`, least significant first. */
+uint32_t getLittleEndian(const unsigned char* at)
+{
+    return uint32_t{at[0]} | (uint32_t{at[1]} << 8U) | (uint32_t{at[2]} << 16U) |
+           (uint32_t{at[3]} << 24U);
+}
+
+/** One whole message on its way through MD5, one block at a time: the message's bytes, then
+ *  0x80, zeros, and the length in bits in the last two words of the last block. */
+class md5Message
+{
+public:
+    md5Message(const unsigned char* data, size_t length)
+        : message(data), size(length), blocks((length + 8) / kMd5Block + 1)
+    {}
+
+    md5Message(const md5Message&) = delete;
+    md5Message& operator=(const md5Message&) = delete;
+    md5Message(md5Message&&) = delete;
+    md5Message& operator=(md5Message&&) = delete;
+
+    // The words may hold key-derived bytes (the keyed digests feed their pads to MD5).
+    ~md5Message()
+    {
+        std::memset(words, 0, sizeof words);
+        asm volatile("" : : "r"(words) : "memory");
+    }
+
+    [[nodiscard]] bool done() const { return next == blocks; }
+
+    /** The words of the next block; each call moves on by one block. */
+    const vxmd5::block& take()
+    {
+        const size_t start = next * kMd5Block;
+        std::memset(words, 0, sizeof words); // constant size: a few vector stores
+        const size_t whole = size > start ? std::min<size_t>(16, (size - start) / 4) : 0;
+        for (size_t i = 0; i < whole; ++i) {
+            words[i] = getLittleEndian(message + start + 4 * i);
+        }
+        // The word that holds the message's last bytes, if fewer than four, and the 0x80.
+        const size_t at = start + 4 * whole;
+        if (whole < 16 && at <= size) {
+            uint32_t word = 0x80U << (8 * (size - at));
+            for (size_t k = 0; at + k < size; ++k) {
+                word |= uint32_t{message[at + k]} << (8 * k);
+            }
+            words[whole] = word;
+        }
+        if (++next == blocks) {
+            const uint64_t bits = uint64_t{size} * 8;
+            words[14] = static_cast<uint32_t>(bits);
+            words[15] = static_cast<uint32_t>(bits >> 32U);
+        }
+        return words;
+    }
+
+    /** The digest: the chaining words, least significant byte of A first. */
+    void write(unsigned char* out) const
+    {
+        const uint32_t chaining[] = {state.a, state.b, state.c, state.d};
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+        // One copy: built byte by byte, the compiler assembles the digest in a register pair
+        // and reloads it whole, which stalls on the halves just stored.
+        std::memcpy(out, chaining, sizeof chaining);
+#else
+        for (const uint32_t word : chaining) {
+            for (unsigned shift = 0; shift < 32; shift += 8) {
+                *out++ = static_cast<unsigned char>(word >> shift);
+            }
+        }
+#endif
+    }
+
+    vxmd5::chain state = kMd5Start;
+
+private:
+    const unsigned char* message;
+    size_t size;
+    size_t blocks;
+    size_t next = 0;
+    vxmd5::block words = {};
+};
+
+/** The MD5 digests of two messages, their compressions run side by side. Once the shorter
+ *  message is done, the longer one's blocks run beside a copy of themselves, whose result is
+ *  dropped. */
+void md5Pair(const unsigned char* firstData, size_t firstLength, unsigned char* firstOut,
+             const unsigned char* secondData, size_t secondLength, unsigned char* secondOut)
+{
+    md5Message one(firstData, firstLength);
+    md5Message two(secondData, secondLength);
+    while (!one.done() && !two.done()) {
+        const vxmd5::block& x1 = one.take();
+        vxmd5::compressPair(one.state, x1, two.state, two.take());
+    }
+    md5Message& rest = one.done() ? two : one;
+    while (!rest.done()) {
+        vxmd5::chain spare = rest.state;
+        const vxmd5::block& x = rest.take();
+        vxmd5::compressPair(rest.state, x, spare, x);
+    }
+    one.write(firstOut);
+    two.write(secondOut);
 }
 
 // ---- Per-object state behind vxPluginStorage::handle ------------------------------------------
@@ -608,16 +721,12 @@ bool runCipherBlock(vxPluginStorage* st, const vxByteVector* in, vxByteVector* o
         }
         return true;
     }
-    // ECB without padding on exactly one block: Update delivers the whole block at once and
-    // keeps nothing back, so the context is ready for the next block without a Final.
-    // The direction's own Update: EVP_CipherUpdate would only dispatch to it, once per block.
-    constexpr int kBlockLength = static_cast<int>(kBlockSize);
-    int produced = 0;
-    const bool done = (encrypt ? EVP_EncryptUpdate(state->encrypt.get(), out->data(), &produced,
-                                                   in->data(), kBlockLength)
-                               : EVP_DecryptUpdate(state->decrypt.get(), out->data(), &produced,
-                                                   in->data(), kBlockLength)) == 1;
-    if (!done || produced != kBlockLength) {
+    // ECB without padding on exactly one block: EVP_Cipher hands the block straight to the
+    // provider's cipher, without the buffering bookkeeping of EVP_EncryptUpdate, which this
+    // path never needs (no partial block is ever kept back). It returns 1 on success for a
+    // provider cipher.
+    EVP_CIPHER_CTX* ctx = encrypt ? state->encrypt.get() : state->decrypt.get();
+    if (EVP_Cipher(ctx, out->data(), in->data(), static_cast<unsigned int>(kBlockSize)) <= 0) {
         return fail();
     }
     return true;
@@ -716,6 +825,34 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginMdUpdate(vxPluginStorage* st, const unsign
         return true;
     }
     return state->algorithm.update(state->ctx, data, length) == 1 || fail();
+}
+
+VX_PLUGIN_EXPORT bool openssl_vxPluginMdDigestPair(vxPluginStorage* first,
+                                                   const unsigned char* firstData,
+                                                   uint32_t firstLength, vxPluginStorage* second,
+                                                   const unsigned char* secondData,
+                                                   uint32_t secondLength)
+{
+    auto* one = stateOf<digestState>(first);
+    auto* two = stateOf<digestState>(second);
+    if (one == nullptr || two == nullptr || (firstData == nullptr && firstLength > 0) ||
+        (secondData == nullptr && secondLength > 0)) {
+        return false;
+    }
+    if (one == two || &one->algorithm != &kMd5 || &two->algorithm != &kMd5) {
+        // Nothing to run side by side: the same digests one after the other.
+        const auto whole = [](vxPluginStorage* st, const unsigned char* data, uint32_t length) {
+            return openssl_vxPluginMdInit(st) && openssl_vxPluginMdUpdate(st, data, length) &&
+                   openssl_vxPluginMdFinal(st);
+        };
+        return whole(first, firstData, firstLength) && whole(second, secondData, secondLength);
+    }
+    md5Pair(firstData, firstLength, one->digest.data(), secondData, secondLength,
+            two->digest.data());
+    // Finished, as after Final: the contexts wait for the next Init.
+    one->finished = true;
+    two->finished = true;
+    return true;
 }
 
 VX_PLUGIN_EXPORT const vxByteVector* openssl_vxPluginMdDigest(vxPluginStorage* st)

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -162,6 +163,133 @@ TEST_F(OpensslPlugin, DigestMessagesRestartAtInitFinalTwiceIsHarmlessAndRecordLi
     EXPECT_EQ(fresh.storage.handle, nullptr);
     EXPECT_TRUE(fresh.storage.isopen);
     EXPECT_TRUE(api().vxPluginMdClose(fresh.get())); // closing twice is harmless
+}
+
+// ---- Two digests side by side ----
+
+/** An opened digest record. */
+struct digestRecord : record
+{
+    explicit digestRecord(uint32_t id) : record(api().vxPluginMdClose)
+    {
+        opened = api().vxPluginMdOpen(get(), id);
+    }
+
+    bool opened = false;
+};
+
+vxByteVector digestOf(digestRecord& md)
+{
+    return *api().vxPluginMdDigest(md.get());
+}
+
+/** The digest of `message` the usual way: Init, Update, Final. */
+vxByteVector oneAtATime(uint32_t id, const vxByteVector& message)
+{
+    digestRecord md(id);
+    const bool done =
+        md.opened && api().vxPluginMdInit(md.get()) &&
+        api().vxPluginMdUpdate(md.get(), message.data(), static_cast<uint32_t>(message.size())) &&
+        api().vxPluginMdFinal(md.get());
+    return done ? digestOf(md) : vxByteVector();
+}
+
+bool digestPair(digestRecord& first, const vxByteVector& one, digestRecord& second,
+                const vxByteVector& two)
+{
+    return api().vxPluginMdDigestPair(first.get(), one.data(), static_cast<uint32_t>(one.size()),
+                                      second.get(), two.data(), static_cast<uint32_t>(two.size()));
+}
+
+TEST_F(OpensslPlugin, DigestPairGivesTheRfc1321AnswersInEitherLane)
+{
+    // RFC 1321, appendix A.5.
+    const std::pair<std::string, const char*> suite[] = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"a", "0cc175b9c0f1b6a831c399e269772661"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
+         "d174ab98d277d9f5a5611c2c9f419d9f"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"}};
+    for (const auto& [first, firstDigest] : suite) {
+        for (const auto& [second, secondDigest] : suite) {
+            digestRecord one(kMd5);
+            digestRecord two(kMd5);
+            ASSERT_TRUE(one.opened && two.opened);
+            ASSERT_TRUE(digestPair(one, bytesOf(first), two, bytesOf(second)));
+            EXPECT_EQ(digestOf(one), unhex(firstDigest))
+                << '"' << first << "\" beside \"" << second;
+            EXPECT_EQ(digestOf(two), unhex(secondDigest))
+                << '"' << second << "\" beside \"" << first;
+        }
+    }
+}
+
+TEST_F(OpensslPlugin, DigestPairAgreesWithOpensslForEveryLengthToThreeHundredInBothLanes)
+{
+    std::mt19937 random(1321);
+    const auto message = [&random](size_t size) {
+        vxByteVector bytes(size);
+        for (unsigned char& byte : bytes) {
+            byte = static_cast<unsigned char>(random());
+        }
+        return bytes;
+    };
+    digestRecord one(kMd5);
+    digestRecord two(kMd5);
+    ASSERT_TRUE(one.opened && two.opened);
+    for (size_t size = 0; size <= 300; ++size) {
+        const vxByteVector mine = message(size);
+        const vxByteVector expected = oneAtATime(kMd5, mine);
+        // Beside messages that need fewer, as many and more blocks, in the first lane and in the
+        // second: the result never depends on the other lane.
+        for (const size_t otherSize : {size_t{0}, size, size_t{55}, size_t{56}, size_t{64},
+                                       size_t{119}, size_t{120}, size_t{300}}) {
+            const vxByteVector other = message(otherSize);
+            const vxByteVector otherExpected = oneAtATime(kMd5, other);
+            ASSERT_TRUE(digestPair(one, mine, two, other));
+            ASSERT_EQ(digestOf(one), expected) << size << " bytes beside " << otherSize;
+            ASSERT_EQ(digestOf(two), otherExpected) << otherSize << " bytes beside " << size;
+            ASSERT_TRUE(digestPair(one, other, two, mine));
+            ASSERT_EQ(digestOf(two), expected) << size << " bytes in the second lane";
+            ASSERT_EQ(digestOf(one), otherExpected);
+        }
+    }
+}
+
+TEST_F(OpensslPlugin, DigestPairOfOtherDigestsOrOneRecordTwiceIsTheSameAsOneAtATime)
+{
+    const vxByteVector abc = bytesOf("abc");
+    const vxByteVector longer = bytesOf("message digest");
+    digestRecord md5(kMd5);
+    digestRecord sha256(kSha256);
+    ASSERT_TRUE(md5.opened && sha256.opened);
+    ASSERT_TRUE(digestPair(sha256, abc, md5, longer));
+    EXPECT_EQ(digestOf(sha256), oneAtATime(kSha256, abc));
+    EXPECT_EQ(digestOf(md5), oneAtATime(kMd5, longer));
+    // One record in both places: the second message is what it finishes with.
+    ASSERT_TRUE(digestPair(md5, abc, md5, longer));
+    EXPECT_EQ(digestOf(md5), oneAtATime(kMd5, longer));
+    // Finished as after Final: a further Final keeps the digest, Update waits for Init.
+    ASSERT_TRUE(digestPair(md5, abc, sha256, abc));
+    (void)api().vxPluginMdFinal(md5.get());
+    EXPECT_EQ(digestOf(md5), oneAtATime(kMd5, abc));
+    EXPECT_FALSE(api().vxPluginMdUpdate(md5.get(), abc.data(), 3));
+    ASSERT_TRUE(api().vxPluginMdInit(md5.get()));
+    EXPECT_TRUE(api().vxPluginMdUpdate(md5.get(), abc.data(), 3));
+
+    // Refused: an unopened record or a missing message.
+    digestRecord unknown(6);
+    EXPECT_FALSE(unknown.opened);
+    EXPECT_FALSE(digestPair(unknown, abc, md5, abc));
+    EXPECT_FALSE(digestPair(md5, abc, unknown, abc));
+    EXPECT_FALSE(api().vxPluginMdDigestPair(md5.get(), nullptr, 3, sha256.get(), abc.data(), 3));
+    EXPECT_FALSE(api().vxPluginMdDigestPair(md5.get(), abc.data(), 3, sha256.get(), nullptr, 1));
+    EXPECT_TRUE(api().vxPluginMdDigestPair(md5.get(), nullptr, 0, sha256.get(), nullptr, 0));
+    EXPECT_EQ(digestOf(md5), unhex("d41d8cd98f00b204e9800998ecf8427e"));
 }
 
 TEST_F(OpensslPlugin, AesLengthsAndInPlaceCipherRecordLifecycleAndTheNoneCipher)

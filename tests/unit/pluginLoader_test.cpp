@@ -312,7 +312,8 @@ TEST_F(apiTest, AcceptsTheThirtyFourEntryPointsInOrder)
                                                "vxPluginRandRead",
                                                "vxPluginRandClose",
                                                "vxPluginRandGetBytes",
-                                               "vxPluginRandGetNumFromZero"};
+                                               "vxPluginRandGetNumFromZero",
+                                               "vxPluginMdDigestPair"};
     vxApi api;
     ASSERT_TRUE(api.populatePluginAccepts());
     std::vector<std::string> names;
