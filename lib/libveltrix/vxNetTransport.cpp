@@ -2,6 +2,7 @@
 #include "vxNetTransport.h"
 
 #include "vxGuard.h"
+#include "vxMdPair.h"
 #include "vxNetSocket.h"
 #include "vxSecret.h"
 
@@ -23,6 +24,8 @@ constexpr uint32_t kFieldSize = 16;
 constexpr uint32_t kCommandMark = 0xC0DE0000U;
 constexpr uint32_t kPaddingLimit = 0xFFFFFFEFU; // above this, rounding up would overflow
 constexpr uint32_t kAlign = 16;
+constexpr unsigned char kInnerPad = 0x36; // the keyed digest's pads, XORed onto its key
+constexpr unsigned char kOuterPad = 0x5C;
 
 /** even = the bytes at indices 0, 2, 4, ...; odd = those at 1, 3, 5, ... */
 void splitByPosition(const vxBytes& in, vxBytes& even, vxBytes& odd)
@@ -44,6 +47,27 @@ bool digestParts(vxMd& md, std::initializer_list<const vxBytes*> parts, vxBytes&
     }
     out.bytes.clear();
     return ok && md.Final() && md.GetBytes(out);
+}
+
+/** md = H(message), finished for its GetBytes. */
+bool digestWhole(vxMd& md, const vxBytes& message)
+{
+    return md.Init() && md.Update(message) && md.Final();
+}
+
+/** `buffer` resized to `size` bytes (storage kept once it is large enough), for writing. */
+unsigned char* sizedFor(vxBytes& buffer, size_t size)
+{
+    buffer.bytes.resize(size);
+    return buffer.bytes.data();
+}
+
+/** The keyed digest's pad of `key`: every byte XOR `pad`. */
+void padKey(const vxBytes& key, unsigned char pad, unsigned char* out)
+{
+    for (const unsigned char byte : key.bytes) {
+        *out++ = static_cast<unsigned char>(byte ^ pad);
+    }
 }
 
 /** HMAC(key, parts...) left in `mac` for its GetBytes. */
@@ -269,8 +293,27 @@ bool vxNetTransportHmacIV::maskInto(const vxBytes& block)
 
 bool vxNetTransportHmacIV::advance(const vxBytes& cipherOutput)
 {
-    // HMAC(key IV, E || IV); the result replaces the mask once the block has been masked.
-    LVX_CHECK(keyedParts(hmac, iv, {&cipherOutput, &iv}));
+    // HMAC(key IV, E || IV): the inner digest of (IV xor 0x36) || E || IV is the next mask, and
+    // is needed at once. The outer digest of (IV xor 0x5C) || inner, which nothing reads, waits:
+    // it is computed in one plug-in pass with the next block's inner digest (or at Close). The
+    // two are independent of each other, so the plug-in can run them side by side.
+    const size_t keySize = iv.bytes.size();
+    unsigned char* inner = sizedFor(innerMessage, 2 * keySize + cipherOutput.bytes.size());
+    padKey(iv, kInnerPad, inner);
+    std::copy(cipherOutput.bytes.begin(), cipherOutput.bytes.end(), inner + keySize);
+    std::copy(iv.bytes.begin(), iv.bytes.end(), inner + keySize + cipherOutput.bytes.size());
+    const auto innerSize = static_cast<uint32_t>(innerMessage.bytes.size());
+    if (outerWaiting) {
+        LVX_CHECK(digestPair(hmac.inner, inner, innerSize, hmac.outer, outerMessage.bytes.data(),
+                             static_cast<uint32_t>(outerMessage.bytes.size())));
+    } else {
+        LVX_CHECK(digestWhole(hmac.inner, innerMessage));
+    }
+    LVX_CHECK(hmac.inner.GetBytes(hmac.result));
+    unsigned char* outer = sizedFor(outerMessage, keySize + hmac.result.bytes.size());
+    padKey(iv, kOuterPad, outer);
+    std::copy(hmac.result.bytes.begin(), hmac.result.bytes.end(), outer + keySize);
+    outerWaiting = true;
     return true;
 }
 
@@ -301,6 +344,10 @@ bool vxNetTransportHmacIV::Restore(vxBytes& block)
 
 bool vxNetTransportHmacIV::Close()
 {
+    if (outerWaiting) {
+        outerWaiting = false;
+        LVX_CHECK(digestWhole(hmac.outer, outerMessage));
+    }
     LVX_CALL_CLOSE(hmac);
     LVX_CALL_CLOSE(hashId);
     iv.Scrub();

@@ -139,6 +139,10 @@ private:
     VX_NO_EXPORT bool advance(const vxBytes& cipherOutput);
     /** `block` takes scratch's bytes and the mask becomes the digest computed by advance. */
     VX_NO_EXPORT bool takeResult(vxBytes& block);
+
+    vxBytes innerMessage;      ///< the message of the inner digest being computed
+    vxBytes outerMessage;      ///< the message of the outer digest still to compute
+    bool outerWaiting = false; ///< outerMessage holds the last block's outer message
 };
 
 /** Hides a 32-bit value, most significant byte first, at an offset of 0 to 12 inside a 16-byte

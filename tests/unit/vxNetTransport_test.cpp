@@ -385,6 +385,130 @@ TEST_F(vxNetTransportTest, PayloadsOfEveryLengthCrossInBothDirectionsPaddedToWho
     }
 }
 
+/** Counts every digest the plug-in finishes while it is installed: one per Final, two per pair
+ *  of digests computed side by side. With `twoLanes` false the pair entry point is hidden, as
+ *  for a plug-in that does not offer it. */
+class digestCounter
+{
+public:
+    explicit digestCounter(bool twoLanes)
+        : registry(*veltrix::cryptoRegistry), final(registry.vxPluginMdFinal),
+          pair(registry.vxPluginMdDigestPair)
+    {
+        count = 0;
+        pairs = 0;
+        realFinal = final;
+        realPair = pair;
+        registry.vxPluginMdFinal = countFinal;
+        registry.vxPluginMdDigestPair = twoLanes ? countPair : nullptr;
+    }
+
+    digestCounter(const digestCounter&) = delete;
+    digestCounter& operator=(const digestCounter&) = delete;
+    digestCounter(digestCounter&&) = delete;
+    digestCounter& operator=(digestCounter&&) = delete;
+
+    ~digestCounter()
+    {
+        registry.vxPluginMdFinal = final;
+        registry.vxPluginMdDigestPair = pair;
+    }
+
+    static inline unsigned long count = 0;
+    static inline unsigned long pairs = 0;
+
+private:
+    static bool countFinal(veltrix::vxPluginStorage* st)
+    {
+        ++count;
+        return realFinal(st);
+    }
+
+    static bool countPair(veltrix::vxPluginStorage* first, const unsigned char* firstData,
+                          uint32_t firstLength, veltrix::vxPluginStorage* second,
+                          const unsigned char* secondData, uint32_t secondLength)
+    {
+        count += 2;
+        ++pairs;
+        return realPair(first, firstData, firstLength, second, secondData, secondLength);
+    }
+
+    static inline veltrix::vxPluginMdFinal_t realFinal = nullptr;
+    static inline veltrix::vxPluginMdDigestPair_t realPair = nullptr;
+    veltrix::vxReg& registry;
+    veltrix::vxPluginMdFinal_t final;
+    veltrix::vxPluginMdDigestPair_t pair;
+};
+
+/** What a session of packets both ways puts on the wire, and how many digests it took. */
+struct sessionTrace
+{
+    std::vector<unsigned char> wire;
+    unsigned long digests = 0;
+    unsigned long pairs = 0;
+};
+
+sessionTrace traceSession(testFrame& frame, bool twoLanes)
+{
+    sessionTrace trace;
+    const digestCounter counter(twoLanes);
+    transportPair ends;
+    if (!ends.open(frame, vxCipherId::aes256)) {
+        return trace;
+    }
+    for (transportEnd* end : {&ends.client, &ends.server}) {
+        (void)end->header.rand.SetTestMode(); // the same padding and haystacks in both runs
+    }
+    for (const uint32_t size : {0U, 5U, 16U, 1000U, 16384U, 17U}) {
+        for (transportEnd* from : {&ends.client, &ends.server}) {
+            transportEnd& to = from == &ends.client ? ends.server : ends.client;
+            vxBytes got;
+            const vxBytes sent = payloadOf(size, size);
+            if (!from->send(sent) || !to.receive(got) || got.bytes != sent.bytes) {
+                return {};
+            }
+            for (const vxBytes* part : {&from->sealedHeader, &from->wire}) {
+                trace.wire.insert(trace.wire.end(), part->bytes.begin(), part->bytes.end());
+            }
+        }
+    }
+    ends.close(); // the last outer digests of each direction are computed here
+    trace.digests = digestCounter::count;
+    trace.pairs = digestCounter::pairs;
+    return trace;
+}
+
+TEST_F(vxNetTransportTest, DigestsSideBySideChangeNeitherTheWireNorTheNumberOfDigests)
+{
+    const sessionTrace twoLanes = traceSession(frame, true);
+    const sessionTrace oneLane = traceSession(frame, false);
+    ASSERT_FALSE(twoLanes.wire.empty()) << vxtest::dumpTrail();
+    EXPECT_EQ(twoLanes.wire, oneLane.wire);
+    EXPECT_EQ(twoLanes.digests, oneLane.digests);
+    EXPECT_EQ(oneLane.pairs, 0U);
+    // 12 headers of 3 blocks and the padded bodies, each way. Every block advances the mask of
+    // its sender and of its receiver; each of the four masks pairs every inner digest but its
+    // first with the outer digest of the block before.
+    const unsigned long blocks = 12 * 3 + 2 * (0 + 16 + 16 + 1008 + 16384 + 32) / 16;
+    EXPECT_EQ(twoLanes.pairs, 2 * blocks - 4);
+    EXPECT_GE(twoLanes.digests, 4 * blocks);
+
+    // One mask on its own: an inner and an outer digest per block, the last outer one at Close.
+    for (const bool sideBySide : {true, false}) {
+        const digestCounter counter(sideBySide);
+        vxNetTransportHmacIV mask;
+        ASSERT_TRUE(frame.open(mask, 16U) && mask.SetIV(payloadOf(16, 1)));
+        for (uint32_t i = 0; i < 10; ++i) {
+            vxBytes block = payloadOf(16, i);
+            ASSERT_TRUE(mask.Mutate(block));
+        }
+        EXPECT_EQ(digestCounter::count, 19U);
+        testFrame::closeAll(mask);
+        EXPECT_EQ(digestCounter::count, 20U);
+        EXPECT_EQ(digestCounter::pairs, sideBySide ? 9U : 0U);
+    }
+}
+
 TEST_F(vxNetTransportTest, ThousandsOfPacketsInterleavedBothWaysStayInStepForEveryCipher)
 {
     for (const auto& [name, number] : cipherNumbers) {
