@@ -157,9 +157,8 @@ void direction::ratchet(const unsigned char* headAndHaystack)
 bool direction::seal(unsigned char* data, size_t size)
 {
     block e{};
-    int produced = 0;
     for (size_t at = 0; at < size; at += kBlock) {
-        if (EVP_EncryptUpdate(aes.get(), e.data(), &produced, data + at, kBlock) != 1) {
+        if (EVP_Cipher(aes.get(), e.data(), data + at, kBlock) <= 0) {
             return false;
         }
         for (size_t i = 0; i < kBlock; ++i) {
@@ -173,13 +172,12 @@ bool direction::seal(unsigned char* data, size_t size)
 bool direction::open(unsigned char* data, size_t size)
 {
     block e{};
-    int produced = 0;
     for (size_t at = 0; at < size; at += kBlock) {
         for (size_t i = 0; i < kBlock; ++i) {
             e[i] = static_cast<unsigned char>(data[at + i] ^ iv[i]);
         }
         md5Keyed(iv.data(), {{e.data(), kBlock}, {iv.data(), kBlock}}, iv.data());
-        if (EVP_DecryptUpdate(aes.get(), data + at, &produced, e.data(), kBlock) != 1) {
+        if (EVP_Cipher(aes.get(), data + at, e.data(), kBlock) <= 0) {
             return false;
         }
     }
