@@ -30,6 +30,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/random.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -618,12 +619,16 @@ private:
     void stop()
     {
         if (++stops == 1) {
+            // Counted first: a worker woken by the shut listener holds a place for a moment.
+            const uint32_t open = openConnections();
+            // The workers hold the same sockets: shutting them down ends the listening in every
+            // process at once, so nothing is accepted once this line is logged.
             for (const auto& [key, fd] : bound) {
+                (void)shutdown(fd, SHUT_RDWR);
                 (void)close(fd);
             }
             bound.clear();
-            tunnelLog::line(severity::notice, "stopping: waiting for " +
-                                                  std::to_string(openConnections()) +
+            tunnelLog::line(severity::notice, "stopping: waiting for " + std::to_string(open) +
                                                   " connection(s) to finish, at most " +
                                                   std::to_string(process.drainTimeout) + " s");
         }

@@ -206,6 +206,8 @@ private:
             counters.slots[served.live.slot].open.fetch_sub(1);
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 pauseAccepting();
+            } else if (errno == EINVAL) {
+                stopAccepting(); // the master shut the listener down: the tunnel is stopping
             }
             return; // otherwise gone before it was accepted
         }

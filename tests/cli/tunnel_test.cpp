@@ -368,7 +368,8 @@ TEST_F(tunnelTest, SigtermStopsItAfterItsConnectionsFinish)
     ASSERT_TRUE(sendAll(open, "before "));
     EXPECT_TRUE(serverTunnel->waitForError("handshake done", 10));
     serverTunnel->signal(SIGTERM);
-    EXPECT_TRUE(serverTunnel->waitForError("stopping: waiting for 1 connection(s)", 10));
+    EXPECT_TRUE(serverTunnel->waitForError("stopping: waiting for 1 connection(s)", 10))
+        << serverTunnel->errorText();
     EXPECT_LT(connectLoopback(serverPort), 0) << "no longer accepting";
     ASSERT_TRUE(sendAll(open, "and after"));
     (void)shutdown(open, SHUT_WR);
