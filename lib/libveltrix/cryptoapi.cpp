@@ -1,8 +1,8 @@
 // The crypto registry, the plug-in front object and the crypto objects built on the plug-in.
 #include "cryptoapi.h"
 
+#include "vxBatch.h"
 #include "vxGuard.h"
-#include "vxMdPair.h"
 #include "vxVersions.h"
 
 #include <algorithm>
@@ -68,7 +68,9 @@ const char* const acceptedNames[] = {"vxPluginMdOpen",
                                      "vxPluginRandClose",
                                      "vxPluginRandGetBytes",
                                      "vxPluginRandGetNumFromZero",
-                                     "vxPluginMdDigestPair"};
+                                     "vxPluginMdDigestPair",
+                                     "vxPluginCipherEncryptBlocks",
+                                     "vxPluginCipherDecryptBlocks"};
 
 const vxReg& plugin()
 {
@@ -308,6 +310,15 @@ bool digestPair(vxMd& first, const unsigned char* firstData, uint32_t firstLengt
     return whole(first, firstData, firstLength) && whole(second, secondData, secondLength);
 }
 
+const unsigned char* digestBytes(vxMd& md, uint32_t size)
+{
+    if (!md.storage.isopen || plugin().vxPluginMdDigestSize(&md.storage) < size) {
+        return nullptr;
+    }
+    const vxByteVector& digest = *plugin().vxPluginMdDigest(&md.storage);
+    return digest.size() >= size ? digest.data() : nullptr;
+}
+
 bool vxMd::GetLength(uint32_t& size)
 {
     size = length;
@@ -512,6 +523,33 @@ bool vxCipher::Encrypt(const vxBytes& in, vxBytes& out)
 bool vxCipher::Decrypt(const vxBytes& in, vxBytes& out)
 {
     return plugin().vxPluginCipherDecryptBlock(&storage, &in.bytes, &out.bytes);
+}
+
+bool cipherBlocks(vxCipher& cipher, const unsigned char* in, unsigned char* out, uint32_t blocks,
+                  bool encrypt)
+{
+    const vxReg& registry = plugin();
+    const vxPluginCipherEncryptBlocks_t run =
+        encrypt ? registry.vxPluginCipherEncryptBlocks : registry.vxPluginCipherDecryptBlocks;
+    if (run != nullptr && run(&cipher.storage, in, out, blocks)) {
+        return true;
+    }
+    const vxPluginCipherEncryptBlock_t one =
+        encrypt ? registry.vxPluginCipherEncryptBlock : registry.vxPluginCipherDecryptBlock;
+    const uint32_t size = registry.vxPluginCipherGetBlockSize(&cipher.storage);
+    if (size == 0) {
+        return false;
+    }
+    vxByteVector block;
+    vxByteVector result;
+    for (uint32_t k = 0; k < blocks; ++k) {
+        block.assign(in + size_t{k} * size, in + (size_t{k} + 1) * size);
+        if (!one(&cipher.storage, &block, &result) || result.size() != size) {
+            return false;
+        }
+        std::copy(result.begin(), result.end(), out + size_t{k} * size);
+    }
+    return true;
 }
 
 bool vxCipher::Close()

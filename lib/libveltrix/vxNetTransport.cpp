@@ -1,12 +1,13 @@
 // The secure transport: every value both ends of a connection compute in lock-step.
 #include "vxNetTransport.h"
 
+#include "vxBatch.h"
 #include "vxGuard.h"
-#include "vxMdPair.h"
 #include "vxNetSocket.h"
 #include "vxSecret.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstring>
 #include <stdexcept>
@@ -18,14 +19,13 @@ namespace {
 
 constexpr uint32_t kHashMd5 = vxHashId::md5; // every transport digest is the 16-byte MD5
 constexpr uint32_t kMaskSize = 16;           // bytes of a block the IV mask covers
+constexpr size_t kDigestSize = 16;           // MD5's, and so the mask's once it has advanced
 constexpr uint32_t kHaystackSize = 16;
 constexpr uint32_t kCribTop = 12; // the largest offset of a hidden value in a haystack
 constexpr uint32_t kFieldSize = 16;
 constexpr uint32_t kCommandMark = 0xC0DE0000U;
 constexpr uint32_t kPaddingLimit = 0xFFFFFFEFU; // above this, rounding up would overflow
 constexpr uint32_t kAlign = 16;
-constexpr unsigned char kInnerPad = 0x36; // the keyed digest's pads, XORed onto its key
-constexpr unsigned char kOuterPad = 0x5C;
 
 /** even = the bytes at indices 0, 2, 4, ...; odd = those at 1, 3, 5, ... */
 void splitByPosition(const vxBytes& in, vxBytes& even, vxBytes& odd)
@@ -62,11 +62,57 @@ unsigned char* sizedFor(vxBytes& buffer, size_t size)
     return buffer.bytes.data();
 }
 
-/** The keyed digest's pad of `key`: every byte XOR `pad`. */
-void padKey(const vxBytes& key, unsigned char pad, unsigned char* out)
+/** memcpy, with the transport's 16-byte case a fixed copy the compiler inlines: these copies
+ *  run for every block, where a call would cost more than the copy. */
+inline void copyBytes(unsigned char* to, const unsigned char* from, size_t size)
 {
-    for (const unsigned char byte : key.bytes) {
-        *out++ = static_cast<unsigned char>(byte ^ pad);
+    if (size == kDigestSize) {
+        std::memcpy(to, from, kDigestSize);
+    } else {
+        std::memcpy(to, from, size);
+    }
+}
+
+/** out = in XOR mask, `size` bytes, eight at a time through plain words: this runs three times
+ *  for every block. */
+inline void xorBytes(const unsigned char* in, const unsigned char* mask, unsigned char* out,
+                     size_t size)
+{
+    size_t i = 0;
+    for (; i + sizeof(uint64_t) <= size; i += sizeof(uint64_t)) {
+        uint64_t a = 0;
+        uint64_t b = 0;
+        std::memcpy(&a, in + i, sizeof a);
+        std::memcpy(&b, mask + i, sizeof b);
+        a ^= b;
+        std::memcpy(out + i, &a, sizeof a);
+    }
+    for (; i < size; ++i) {
+        out[i] = static_cast<unsigned char>(in[i] ^ mask[i]);
+    }
+}
+
+/** A run of one of the keyed digest's pad bytes, to XOR onto a key. */
+using padRun = std::array<unsigned char, 64>;
+
+constexpr padRun runOf(unsigned char pad)
+{
+    padRun run{};
+    for (unsigned char& byte : run) {
+        byte = pad;
+    }
+    return run;
+}
+
+constexpr padRun kInnerPads = runOf(0x36);
+constexpr padRun kOuterPads = runOf(0x5C);
+
+/** The keyed digest's pad of `key`: every byte XOR the pad's. */
+inline void padKey(const vxBytes& key, const padRun& pads, unsigned char* out)
+{
+    const size_t size = key.bytes.size();
+    for (size_t at = 0; at < size; at += pads.size()) {
+        xorBytes(key.bytes.data() + at, pads.data(), out + at, std::min(pads.size(), size - at));
     }
 }
 
@@ -267,79 +313,97 @@ bool vxNetTransportHmacIV::SetIV(const vxBytes& newIv)
     return true;
 }
 
-bool vxNetTransportHmacIV::maskInto(const vxBytes& block)
-{
-    requireSize(block, size);
-    requireSize(iv, size);
-    scratch.bytes.resize(size);
-    // Eight bytes at a time through plain words; this runs for every block.
-    const unsigned char* in = block.bytes.data();
-    const unsigned char* mask = iv.bytes.data();
-    unsigned char* out = scratch.bytes.data();
-    uint32_t i = 0;
-    for (; i + sizeof(uint64_t) <= size; i += sizeof(uint64_t)) {
-        uint64_t a = 0;
-        uint64_t b = 0;
-        std::memcpy(&a, in + i, sizeof a);
-        std::memcpy(&b, mask + i, sizeof b);
-        a ^= b;
-        std::memcpy(out + i, &a, sizeof a);
-    }
-    for (; i < size; ++i) {
-        out[i] = static_cast<unsigned char>(in[i] ^ mask[i]);
-    }
-    return true;
-}
-
-bool vxNetTransportHmacIV::advance(const vxBytes& cipherOutput)
+const unsigned char* vxNetTransportHmacIV::advance(const unsigned char* cipherOutput, size_t length)
 {
     // HMAC(key IV, E || IV): the inner digest of (IV xor 0x36) || E || IV is the next mask, and
     // is needed at once. The outer digest of (IV xor 0x5C) || inner, which nothing reads, waits:
     // it is computed in one plug-in pass with the next block's inner digest (or at Close). The
     // two are independent of each other, so the plug-in can run them side by side.
     const size_t keySize = iv.bytes.size();
-    unsigned char* inner = sizedFor(innerMessage, 2 * keySize + cipherOutput.bytes.size());
-    padKey(iv, kInnerPad, inner);
-    std::copy(cipherOutput.bytes.begin(), cipherOutput.bytes.end(), inner + keySize);
-    std::copy(iv.bytes.begin(), iv.bytes.end(), inner + keySize + cipherOutput.bytes.size());
+    unsigned char* inner = sizedFor(innerMessage, 2 * keySize + length);
+    padKey(iv, kInnerPads, inner);
+    copyBytes(inner + keySize, cipherOutput, length);
+    copyBytes(inner + keySize + length, iv.bytes.data(), keySize);
     const auto innerSize = static_cast<uint32_t>(innerMessage.bytes.size());
-    if (outerWaiting) {
-        LVX_CHECK(digestPair(hmac.inner, inner, innerSize, hmac.outer, outerMessage.bytes.data(),
-                             static_cast<uint32_t>(outerMessage.bytes.size())));
-    } else {
-        LVX_CHECK(digestWhole(hmac.inner, innerMessage));
+    const bool done = outerWaiting ? digestPair(hmac.inner, inner, innerSize, hmac.outer,
+                                                outerMessage.bytes.data(),
+                                                static_cast<uint32_t>(outerMessage.bytes.size()))
+                                   : digestWhole(hmac.inner, innerMessage);
+    const unsigned char* next = done ? digestBytes(hmac.inner, kDigestSize) : nullptr;
+    if (next == nullptr) {
+        return nullptr;
     }
-    LVX_CHECK(hmac.inner.GetBytes(hmac.result));
-    unsigned char* outer = sizedFor(outerMessage, keySize + hmac.result.bytes.size());
-    padKey(iv, kOuterPad, outer);
-    std::copy(hmac.result.bytes.begin(), hmac.result.bytes.end(), outer + keySize);
+    unsigned char* outer = sizedFor(outerMessage, keySize + kDigestSize);
+    padKey(iv, kOuterPads, outer);
+    std::memcpy(outer + keySize, next, kDigestSize);
     outerWaiting = true;
+    return next;
+}
+
+void vxNetTransportHmacIV::maskWith(const unsigned char* in, unsigned char* out) const
+{
+    xorBytes(in, iv.bytes.data(), out, size);
+}
+
+void vxNetTransportHmacIV::takeMask(const unsigned char* next)
+{
+    if (iv.bytes.size() == kDigestSize) {
+        std::memcpy(iv.bytes.data(), next, kDigestSize);
+    } else {
+        iv.bytes.assign(next, next + kDigestSize);
+    }
+}
+
+bool vxNetTransportHmacIV::sendBlocks(unsigned char* blocks, size_t count)
+{
+    requireSize(iv, size);
+    for (unsigned char* block = blocks; block != blocks + count * size; block += size) {
+        const unsigned char* next = advance(block, size); // over E, the block as it comes in
+        LVX_CHECK(next != nullptr);
+        maskWith(block, block);
+        takeMask(next);
+    }
+    hmac.result.bytes.assign(iv.bytes.begin(), iv.bytes.end());
     return true;
 }
 
-bool vxNetTransportHmacIV::takeResult(vxBytes& block)
+bool vxNetTransportHmacIV::receiveBlocks(unsigned char* blocks, size_t count)
 {
-    block.bytes.swap(scratch.bytes);
-    // The digest's value becomes the mask. Read from the keyed digest in place: its GetBytes
-    // would also copy the object's bookkeeping, and this runs for every block.
-    iv.bytes.assign(hmac.result.bytes.begin(), hmac.result.bytes.end());
+    requireSize(iv, size);
+    for (unsigned char* block = blocks; block != blocks + count * size; block += size) {
+        maskWith(block, block); // recovers E
+        const unsigned char* next = advance(block, size);
+        LVX_CHECK(next != nullptr);
+        takeMask(next);
+    }
+    hmac.result.bytes.assign(iv.bytes.begin(), iv.bytes.end());
     return true;
 }
 
 bool vxNetTransportHmacIV::Mutate(vxBytes& block)
 {
     LVX_GUARD_LATCH();
-    LVX_CHECK(advance(block)); // over E, the block as it comes in
-    LVX_CHECK(maskInto(block));
-    return takeResult(block);
+    requireSize(block, size);
+    requireSize(iv, size);
+    // The mask advances over the whole block, and covers its first `size` bytes.
+    const unsigned char* next = advance(block.bytes.data(), block.bytes.size());
+    LVX_CHECK(next != nullptr);
+    scratch.bytes.resize(size);
+    maskWith(block.bytes.data(), scratch.bytes.data());
+    block.bytes.swap(scratch.bytes);
+    takeMask(next);
+    hmac.result.bytes.assign(iv.bytes.begin(), iv.bytes.end());
+    return true;
 }
 
 bool vxNetTransportHmacIV::Restore(vxBytes& block)
 {
     LVX_GUARD_LATCH();
-    LVX_CHECK(maskInto(block)); // recovers E
-    LVX_CHECK(advance(scratch));
-    return takeResult(block);
+    requireSize(block, size);
+    requireSize(iv, size);
+    scratch.bytes.assign(block.bytes.begin(), block.bytes.begin() + size);
+    block.bytes.swap(scratch.bytes);
+    return receiveBlocks(block.bytes.data(), 1);
 }
 
 bool vxNetTransportHmacIV::Close()
@@ -556,20 +620,23 @@ bool vxNetTransportKeys::cryptBlocks(const vxBytes& in, vxBytes& out, bool sendi
     if (blockSize == 0 || blockSize > total) {
         return true; // no whole block: nothing to do
     }
+    // The mask covers whole cipher blocks: the wire is made of 16-byte blocks.
+    LVX_CHECK(blockSize == mask->size);
     const size_t blocks = total / blockSize;
-    out.bytes.reserve(blocks * blockSize);
-    for (size_t k = 0; k < blocks; ++k) {
-        const unsigned char* start = in.bytes.data() + k * blockSize;
-        plainBlock.bytes.assign(start, start + blockSize);
-        // Sending: E = cipher(P), then the mask; receiving: unmask to E, then decipher.
-        if (sending) {
-            LVX_CHECK(cb->Encrypt(plainBlock, cipherBlock));
-            LVX_CHECK(mask->Mutate(cipherBlock));
-        } else {
-            LVX_CHECK(mask->Restore(plainBlock));
-            LVX_CHECK(cb->Decrypt(plainBlock, cipherBlock));
-        }
-        out.bytes.insert(out.bytes.end(), cipherBlock.bytes.begin(), cipherBlock.bytes.end());
+    const auto count = static_cast<uint32_t>(blocks);
+    LVX_CHECK(count == blocks);
+    // The packet's blocks are worked in place, each step over all of them at once: the cipher
+    // of every block in one plug-in call, since no block's cipher depends on the mask chain.
+    // Sending: E = cipher(P), then the mask; receiving: unmask to E, then decipher.
+    out.bytes.assign(in.bytes.begin(),
+                     in.bytes.begin() + static_cast<ptrdiff_t>(blocks * blockSize));
+    unsigned char* data = out.bytes.data();
+    if (sending) {
+        LVX_CHECK(cipherBlocks(*cb, data, data, count, true));
+        LVX_CHECK(mask->sendBlocks(data, blocks));
+    } else {
+        LVX_CHECK(mask->receiveBlocks(data, blocks));
+        LVX_CHECK(cipherBlocks(*cb, data, data, count, false));
     }
     return true;
 }

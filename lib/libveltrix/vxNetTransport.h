@@ -12,6 +12,7 @@
 #include "network.h"
 #include "vxBytes.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace veltrix {
@@ -133,12 +134,19 @@ public:
     bool Close() override;
 
 private:
-    /** scratch = the first `size` bytes of `block` XOR the mask. */
-    VX_NO_EXPORT bool maskInto(const vxBytes& block);
-    /** The keyed digest of the next mask: HMAC(key IV, E || IV). */
-    VX_NO_EXPORT bool advance(const vxBytes& cipherOutput);
-    /** `block` takes scratch's bytes and the mask becomes the digest computed by advance. */
-    VX_NO_EXPORT bool takeResult(vxBytes& block);
+    friend class vxNetTransportKeys; // runs a packet's blocks through sendBlocks and receiveBlocks
+
+    /** The keyed digest of the next mask, HMAC(key IV, E || IV), for the cipher output E of
+     *  `length` bytes; the digest's bytes, valid until the next digest, or null on failure. */
+    VX_NO_EXPORT const unsigned char* advance(const unsigned char* cipherOutput, size_t length);
+    /** out = the first `size` bytes of `in` XOR the mask; `out` may be `in`. */
+    VX_NO_EXPORT void maskWith(const unsigned char* in, unsigned char* out) const;
+    /** The mask becomes the digest advance returned. */
+    VX_NO_EXPORT void takeMask(const unsigned char* next);
+    /** Mutate on `count` consecutive blocks of `size` bytes, in place. */
+    VX_NO_EXPORT bool sendBlocks(unsigned char* blocks, size_t count);
+    /** Restore on `count` consecutive blocks of `size` bytes, in place. */
+    VX_NO_EXPORT bool receiveBlocks(unsigned char* blocks, size_t count);
 
     vxBytes innerMessage;      ///< the message of the inner digest being computed
     vxBytes outerMessage;      ///< the message of the outer digest still to compute
@@ -232,8 +240,6 @@ public:
     vxNetEntangledObj entropy;     ///< magicOne and magicTwo: entropy pools One and Two
     vxNetTransportCiphers ciphers; ///< the ciphers and IV masks of both directions
     uint32_t blockSize = 0;        ///< the cipher's block size in bytes
-    vxBytes plainBlock;            ///< the block being encrypted or decrypted
-    vxBytes cipherBlock;           ///< its result
 
     vxNetTransportKeys();
     LVX_NOT_COPYABLE(vxNetTransportKeys);

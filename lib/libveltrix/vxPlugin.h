@@ -26,11 +26,14 @@ using vxByteVector = std::vector<unsigned char>;
 /** Every entry point in registry order: X(name, result, (parameters)). The pointer types below
  *  and the fields of vxReg are generated from it.
  *
- *  All are required except the last, vxPluginMdDigestPair: the digests of two whole messages,
- *  the same as vxPluginMdInit, vxPluginMdUpdate with the message and vxPluginMdFinal on each
- *  record, for a plug-in that can compute two digests faster side by side than one after the
- *  other. The library calls it only when the plug-in provides it, and digests the messages one
- *  at a time otherwise, or when it returns false. */
+ *  All are required except the last three, which do in one call what the required ones do in
+ *  several, for a plug-in that can do it faster:
+ *  - vxPluginMdDigestPair: the digests of two whole messages, the same as vxPluginMdInit,
+ *    vxPluginMdUpdate with the message and vxPluginMdFinal on each record;
+ *  - vxPluginCipherEncryptBlocks and vxPluginCipherDecryptBlocks: `blocks` consecutive blocks of
+ *    `in` into `out` (which may be `in`), the same as the one-block entry point on each.
+ *  The library calls them only when the plug-in provides them, and falls back to the required
+ *  entry points otherwise, or when they return false. */
 #define VX_PLUGIN_ENTRY_POINTS(X)                                                                 \
     X(vxPluginMdOpen, bool, (vxPluginStorage * st, uint32_t algorithm))                           \
     X(vxPluginMdInit, bool, (vxPluginStorage * st))                                               \
@@ -76,7 +79,11 @@ using vxByteVector = std::vector<unsigned char>;
     X(vxPluginRandGetNumFromZero, uint32_t, (vxPluginStorage * st, int limit))                    \
     X(vxPluginMdDigestPair, bool,                                                                 \
       (vxPluginStorage * first, const unsigned char* firstData, uint32_t firstLength,             \
-       vxPluginStorage* second, const unsigned char* secondData, uint32_t secondLength))
+       vxPluginStorage* second, const unsigned char* secondData, uint32_t secondLength))          \
+    X(vxPluginCipherEncryptBlocks, bool,                                                          \
+      (vxPluginStorage * st, const unsigned char* in, unsigned char* out, uint32_t blocks))       \
+    X(vxPluginCipherDecryptBlocks, bool,                                                          \
+      (vxPluginStorage * st, const unsigned char* in, unsigned char* out, uint32_t blocks))
 
 /** Declares the pointer type of one entry point; defined for the list below only. */
 // NOLINTNEXTLINE(bugprone-macro-parentheses): `params` is a parenthesised parameter list.

@@ -701,13 +701,41 @@ bool startSignature(EVP_MD_CTX* ctx, EVP_PKEY* key, bool sign)
     return started == 1 && EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PADDING) == 1;
 }
 
-bool runCipherBlock(vxPluginStorage* st, const vxByteVector* in, vxByteVector* out, bool encrypt)
+/** `blocks` consecutive blocks of `in` into `out`, which may be `in`. */
+bool runCipherBlocks(vxPluginStorage* st, const unsigned char* in, unsigned char* out,
+                     uint32_t blocks, bool encrypt)
 {
     auto* state = stateOf<cipherState>(st);
-    if (state == nullptr || in == nullptr || out == nullptr || in->size() != kBlockSize) {
+    constexpr auto kMostBlocks = static_cast<uint32_t>(INT_MAX / kBlockSize); // an int length
+    if (state == nullptr || blocks > kMostBlocks ||
+        (blocks > 0 && (in == nullptr || out == nullptr))) {
         return false;
     }
-    if (state->cipher != nullptr && !state->keyed) {
+    const size_t size = size_t{blocks} * kBlockSize;
+    if (state->cipher == nullptr) {
+        if (size > 0) {
+            std::memmove(out, in, size);
+        }
+        return true;
+    }
+    if (!state->keyed) {
+        return false;
+    }
+    // ECB without padding on whole blocks: EVP_Cipher hands them straight to the provider's
+    // cipher, without the buffering bookkeeping of EVP_EncryptUpdate, which this path never
+    // needs (no partial block is ever kept back). It returns 1 on success for a provider cipher.
+    EVP_CIPHER_CTX* ctx = encrypt ? state->encrypt.get() : state->decrypt.get();
+    if (size > 0 && EVP_Cipher(ctx, out, in, static_cast<unsigned int>(size)) <= 0) {
+        return fail();
+    }
+    return true;
+}
+
+bool runCipherBlock(vxPluginStorage* st, const vxByteVector* in, vxByteVector* out, bool encrypt)
+{
+    const auto* state = stateOf<cipherState>(st);
+    if (state == nullptr || in == nullptr || out == nullptr || in->size() != kBlockSize ||
+        (state->cipher != nullptr && !state->keyed)) {
         return false;
     }
     try {
@@ -715,21 +743,7 @@ bool runCipherBlock(vxPluginStorage* st, const vxByteVector* in, vxByteVector* o
     } catch (const std::bad_alloc&) {
         return false;
     }
-    if (state->cipher == nullptr) {
-        if (out != in) {
-            std::memcpy(out->data(), in->data(), kBlockSize);
-        }
-        return true;
-    }
-    // ECB without padding on exactly one block: EVP_Cipher hands the block straight to the
-    // provider's cipher, without the buffering bookkeeping of EVP_EncryptUpdate, which this
-    // path never needs (no partial block is ever kept back). It returns 1 on success for a
-    // provider cipher.
-    EVP_CIPHER_CTX* ctx = encrypt ? state->encrypt.get() : state->decrypt.get();
-    if (EVP_Cipher(ctx, out->data(), in->data(), static_cast<unsigned int>(kBlockSize)) <= 0) {
-        return fail();
-    }
-    return true;
+    return runCipherBlocks(st, in->data(), out->data(), 1, encrypt);
 }
 
 bool scheduleKey(EVP_CIPHER_CTX* ctx, const EVP_CIPHER* cipher, const unsigned char* key,
@@ -943,6 +957,20 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginCipherEncryptBlock(vxPluginStorage* st,
                                                          const vxByteVector* in, vxByteVector* out)
 {
     return runCipherBlock(st, in, out, true);
+}
+
+VX_PLUGIN_EXPORT bool openssl_vxPluginCipherEncryptBlocks(vxPluginStorage* st,
+                                                          const unsigned char* in,
+                                                          unsigned char* out, uint32_t blocks)
+{
+    return runCipherBlocks(st, in, out, blocks, true);
+}
+
+VX_PLUGIN_EXPORT bool openssl_vxPluginCipherDecryptBlocks(vxPluginStorage* st,
+                                                          const unsigned char* in,
+                                                          unsigned char* out, uint32_t blocks)
+{
+    return runCipherBlocks(st, in, out, blocks, false);
 }
 
 // ---- RSA ----

@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -199,6 +200,58 @@ bool digestPair(digestRecord& first, const vxByteVector& one, digestRecord& seco
 {
     return api().vxPluginMdDigestPair(first.get(), one.data(), static_cast<uint32_t>(one.size()),
                                       second.get(), two.data(), static_cast<uint32_t>(two.size()));
+}
+
+TEST_F(OpensslPlugin, CipherBlocksAreTheOneBlockEntryPointOnEachBlock)
+{
+    std::mt19937 random(26);
+    const vxByteVector key =
+        unhex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+    for (const uint32_t id : {1U, 2U, 3U, 4U}) {
+        record cipher(api().vxPluginCipherClose);
+        ASSERT_TRUE(api().vxPluginCipherOpen(cipher.get(), id));
+        const uint32_t keySize = api().vxPluginCipherGetKeySize(cipher.get());
+        const vxByteVector ownKey(key.begin(), key.begin() + keySize);
+        unsigned char spare[16] = {};
+        if (id != 1) {
+            EXPECT_FALSE(api().vxPluginCipherEncryptBlocks(cipher.get(), spare, spare, 1))
+                << "no key";
+        }
+        ASSERT_TRUE(api().vxPluginCipherSetKey(cipher.get(), &ownKey));
+        for (const uint32_t count : {0U, 1U, 2U, 3U, 17U, 1024U}) {
+            vxByteVector plain(size_t{count} * 16);
+            for (unsigned char& byte : plain) {
+                byte = static_cast<unsigned char>(random());
+            }
+            vxByteVector apart(plain.size());
+            ASSERT_TRUE(
+                api().vxPluginCipherEncryptBlocks(cipher.get(), plain.data(), apart.data(), count));
+            vxByteVector together = plain; // in place
+            ASSERT_TRUE(api().vxPluginCipherEncryptBlocks(cipher.get(), together.data(),
+                                                          together.data(), count));
+            EXPECT_EQ(together, apart);
+            for (uint32_t k = 0; k < count; ++k) {
+                const vxByteVector one(plain.begin() + 16 * k, plain.begin() + 16 * (k + 1));
+                vxByteVector alone;
+                ASSERT_TRUE(api().vxPluginCipherEncryptBlock(cipher.get(), &one, &alone));
+                EXPECT_TRUE(std::equal(alone.begin(), alone.end(), apart.begin() + 16 * k))
+                    << "cipher " << id << ", block " << k << " of " << count;
+            }
+            ASSERT_TRUE(api().vxPluginCipherDecryptBlocks(cipher.get(), together.data(),
+                                                          together.data(), count));
+            EXPECT_EQ(together, plain) << "cipher " << id << ", " << count << " blocks";
+        }
+        EXPECT_TRUE(api().vxPluginCipherEncryptBlocks(cipher.get(), nullptr, nullptr, 0));
+        EXPECT_FALSE(api().vxPluginCipherEncryptBlocks(cipher.get(), nullptr, spare, 1));
+        EXPECT_FALSE(api().vxPluginCipherDecryptBlocks(cipher.get(), spare, nullptr, 1));
+        EXPECT_FALSE(api().vxPluginCipherEncryptBlocks(cipher.get(), spare, spare, 0x8000000U))
+            << "more bytes than one call can take";
+    }
+    unsigned char spare[16] = {};
+    record digest(api().vxPluginMdClose);
+    ASSERT_TRUE(api().vxPluginMdOpen(digest.get(), kMd5));
+    EXPECT_FALSE(api().vxPluginCipherEncryptBlocks(digest.get(), spare, spare, 1));
+    EXPECT_FALSE(api().vxPluginCipherDecryptBlocks(nullptr, spare, spare, 1));
 }
 
 TEST_F(OpensslPlugin, DigestPairGivesTheRfc1321AnswersInEitherLane)

@@ -313,7 +313,9 @@ TEST_F(apiTest, AcceptsTheThirtyFourEntryPointsInOrder)
                                                "vxPluginRandClose",
                                                "vxPluginRandGetBytes",
                                                "vxPluginRandGetNumFromZero",
-                                               "vxPluginMdDigestPair"};
+                                               "vxPluginMdDigestPair",
+                                               "vxPluginCipherEncryptBlocks",
+                                               "vxPluginCipherDecryptBlocks"};
     vxApi api;
     ASSERT_TRUE(api.populatePluginAccepts());
     std::vector<std::string> names;

@@ -386,21 +386,24 @@ TEST_F(vxNetTransportTest, PayloadsOfEveryLengthCrossInBothDirectionsPaddedToWho
 }
 
 /** Counts every digest the plug-in finishes while it is installed: one per Final, two per pair
- *  of digests computed side by side. With `twoLanes` false the pair entry point is hidden, as
- *  for a plug-in that does not offer it. */
+ *  of digests computed side by side. With `optional` false the plug-in's optional entry points
+ *  (the digest pair, the cipher runs) are hidden, as for a plug-in that offers none of them. */
 class digestCounter
 {
 public:
-    explicit digestCounter(bool twoLanes)
+    explicit digestCounter(bool optional)
         : registry(*veltrix::cryptoRegistry), final(registry.vxPluginMdFinal),
-          pair(registry.vxPluginMdDigestPair)
+          pair(registry.vxPluginMdDigestPair), encryptRun(registry.vxPluginCipherEncryptBlocks),
+          decryptRun(registry.vxPluginCipherDecryptBlocks)
     {
         count = 0;
         pairs = 0;
         realFinal = final;
         realPair = pair;
         registry.vxPluginMdFinal = countFinal;
-        registry.vxPluginMdDigestPair = twoLanes ? countPair : nullptr;
+        registry.vxPluginMdDigestPair = optional ? countPair : nullptr;
+        registry.vxPluginCipherEncryptBlocks = optional ? encryptRun : nullptr;
+        registry.vxPluginCipherDecryptBlocks = optional ? decryptRun : nullptr;
     }
 
     digestCounter(const digestCounter&) = delete;
@@ -412,6 +415,8 @@ public:
     {
         registry.vxPluginMdFinal = final;
         registry.vxPluginMdDigestPair = pair;
+        registry.vxPluginCipherEncryptBlocks = encryptRun;
+        registry.vxPluginCipherDecryptBlocks = decryptRun;
     }
 
     static inline unsigned long count = 0;
@@ -438,6 +443,8 @@ private:
     veltrix::vxReg& registry;
     veltrix::vxPluginMdFinal_t final;
     veltrix::vxPluginMdDigestPair_t pair;
+    veltrix::vxPluginCipherEncryptBlocks_t encryptRun;
+    veltrix::vxPluginCipherDecryptBlocks_t decryptRun;
 };
 
 /** What a session of packets both ways puts on the wire, and how many digests it took. */
@@ -448,10 +455,10 @@ struct sessionTrace
     unsigned long pairs = 0;
 };
 
-sessionTrace traceSession(testFrame& frame, bool twoLanes)
+sessionTrace traceSession(testFrame& frame, bool optional)
 {
     sessionTrace trace;
-    const digestCounter counter(twoLanes);
+    const digestCounter counter(optional);
     transportPair ends;
     if (!ends.open(frame, vxCipherId::aes256)) {
         return trace;
@@ -478,8 +485,10 @@ sessionTrace traceSession(testFrame& frame, bool twoLanes)
     return trace;
 }
 
-TEST_F(vxNetTransportTest, DigestsSideBySideChangeNeitherTheWireNorTheNumberOfDigests)
+TEST_F(vxNetTransportTest, TheOptionalEntryPointsChangeNeitherTheWireNorTheNumberOfDigests)
 {
+    // With them, the digests run in pairs and each packet's blocks go through the cipher in one
+    // call; without them, one digest and one block at a time.
     const sessionTrace twoLanes = traceSession(frame, true);
     const sessionTrace oneLane = traceSession(frame, false);
     ASSERT_FALSE(twoLanes.wire.empty()) << vxtest::dumpTrail();
