@@ -156,11 +156,13 @@ void direction::ratchet(const unsigned char* headAndHaystack)
 
 bool direction::seal(unsigned char* data, size_t size)
 {
+    // ECB: every block's cipher in one call, then the mask chain over the results.
+    if (size > 0 && EVP_Cipher(aes.get(), data, data, static_cast<unsigned int>(size)) <= 0) {
+        return false;
+    }
     block e{};
     for (size_t at = 0; at < size; at += kBlock) {
-        if (EVP_Cipher(aes.get(), e.data(), data + at, kBlock) <= 0) {
-            return false;
-        }
+        std::copy(data + at, data + at + kBlock, e.begin());
         for (size_t i = 0; i < kBlock; ++i) {
             data[at + i] = static_cast<unsigned char>(e[i] ^ iv[i]);
         }
@@ -171,17 +173,13 @@ bool direction::seal(unsigned char* data, size_t size)
 
 bool direction::open(unsigned char* data, size_t size)
 {
-    block e{};
     for (size_t at = 0; at < size; at += kBlock) {
         for (size_t i = 0; i < kBlock; ++i) {
-            e[i] = static_cast<unsigned char>(data[at + i] ^ iv[i]);
+            data[at + i] = static_cast<unsigned char>(data[at + i] ^ iv[i]);
         }
-        md5Keyed(iv.data(), {{e.data(), kBlock}, {iv.data(), kBlock}}, iv.data());
-        if (EVP_Cipher(aes.get(), data + at, e.data(), kBlock) <= 0) {
-            return false;
-        }
+        md5Keyed(iv.data(), {{data + at, kBlock}, {iv.data(), kBlock}}, iv.data());
     }
-    return true;
+    return size == 0 || EVP_Cipher(aes.get(), data, data, static_cast<unsigned int>(size)) > 0;
 }
 
 bool referenceEnd::key(const cipherChoice& cipher, bool side, const bytes& keyMaterial,
