@@ -538,14 +538,14 @@ bool cipherBlocks(vxCipher& cipher, const unsigned char* in, unsigned char* out,
         encrypt ? registry.vxPluginCipherEncryptBlock : registry.vxPluginCipherDecryptBlock;
     const uint32_t size = registry.vxPluginCipherGetBlockSize(&cipher.storage);
     if (size == 0) {
-        return false;
+        return false; // quiet: an unopened cipher; the caller's check records the failure
     }
     vxByteVector block;
     vxByteVector result;
     for (uint32_t k = 0; k < blocks; ++k) {
         block.assign(in + size_t{k} * size, in + (size_t{k} + 1) * size);
         if (!one(&cipher.storage, &block, &result) || result.size() != size) {
-            return false;
+            return false; // quiet: the caller's check records the failure
         }
         std::copy(result.begin(), result.end(), out + size_t{k} * size);
     }
