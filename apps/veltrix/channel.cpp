@@ -22,11 +22,11 @@ namespace vxcli {
 
 using namespace veltrix;
 
+const std::set<std::string> kCipherModes = {"none", "aes128", "aes192", "aes256"};
+const std::set<std::string> kHandshakeHashModes = {"md5", "sha256-128"};
+
 namespace {
 
-const std::set<std::string> kCiphers = {"none", "aes128", "aes192", "aes256"};
-/** The handshake needs a 16-byte digest; the other hash modes fail its validation. */
-const std::set<std::string> kHandshakeHashes = {"md5", "sha256-128"};
 const std::set<std::string> kOtherHashes = {"sha1", "sha256", "sha384", "sha512"};
 
 /** The library's reason when the peer's answer to this end's challenge is wrong. */
@@ -267,14 +267,14 @@ const optionRows<channelOptions>& channelRows()
         row{"cipher", "CIPHER", "none, aes128, aes192 or aes256", "aes256",
             [](const std::string& text, channelOptions& into) {
                 into.cipher = text;
-                return kCiphers.count(text) != 0
+                return kCipherModes.count(text) != 0
                            ? std::string()
                            : "unknown cipher \"" + text + "\": use none, aes128, aes192 or aes256";
             }},
         row{"hash", "HASH", "md5 or sha256-128 (the handshake needs a 16-byte digest)", "md5",
             [](const std::string& text, channelOptions& into) {
                 into.hash = text;
-                if (kHandshakeHashes.count(text) != 0) {
+                if (kHandshakeHashModes.count(text) != 0) {
                     return std::string();
                 }
                 if (kOtherHashes.count(text) != 0) {

@@ -319,7 +319,7 @@ void streamRelay::receive()
         // fails at once, and the declared size says why. A header that did not authenticate
         // declares nothing (0), and the library's own reason stands.
         const uint32_t declared = channel.header.sizeWithPadding;
-        if (declared != 0 && (declared >> 16U) != 0xC0DEU) {
+        if (declared != 0 && !stream::isCommand(declared)) {
             in.cells.checkSize(declared);
         }
         require(false, "receiving from the peer failed");
@@ -807,7 +807,7 @@ private:
         receiveRaw(channel, payload, limits.receive);
         traffic();
         const uint32_t body = channel.header.sizeWithPadding;
-        moved.wireIn += VX_HEADER_WIRE_SIZE + ((body >> 16U) == 0xC0DEU ? 0 : body);
+        moved.wireIn += VX_HEADER_WIRE_SIZE + (stream::isCommand(body) ? 0 : body);
         if (channel.socket->doDisconnect) {
             // An end of the stream protocol sends the command only after cells of this end's:
             // what was held was bare data.

@@ -55,6 +55,13 @@ constexpr uint32_t blocksFor(size_t data)
     return static_cast<uint32_t>((kCellHeader + data + kBlock - 1) / kBlock);
 }
 
+/** Whether the size the library found in a header marks a command packet (0xC0DE in its upper
+ *  half; the command code below) instead of a payload. */
+constexpr bool isCommand(uint32_t sizeField)
+{
+    return (sizeField >> 16U) == 0xC0DEU;
+}
+
 /** The sending side: cuts the data it is given into cells that match what it announced. */
 class sender
 {
