@@ -70,7 +70,8 @@ set(CPACK_DEBIAN_PROGRAM_DESCRIPTION
     "encrypted tunnels, cat over the channel, key files and digests\n\
 The command-line program of libveltrix: wraps an unmodified TCP service in the encrypted\n\
 channel (veltrix tunnel, with a systemd unit per configuration), pipes data over it (veltrix\n\
-cat), generates and uses RSA key files, prints and checks file digests, measures the library.")
+cat), reads captures of its connections with the secret (veltrix decode), generates and uses\n\
+RSA key files, prints and checks file digests, measures the library.")
 
 # Each package's copyright (machine-readable) and Debian changelog. These files only belong in the
 # packages: a plain `cmake --install` leaves them out (EXCLUDE_FROM_ALL), and cpack, which installs

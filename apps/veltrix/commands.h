@@ -24,5 +24,6 @@ void addCatCommand(CLI::App& program, selection& chosen);
 void addKeyCommand(CLI::App& program, selection& chosen);
 void addDigestCommand(CLI::App& program, selection& chosen);
 void addBenchCommand(CLI::App& program, selection& chosen);
+void addDecodeCommand(CLI::App& program, selection& chosen);
 
 } // namespace vxcli

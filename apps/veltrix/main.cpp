@@ -90,6 +90,9 @@ int parseAndRun(int argc, char** argv)
     addKeyCommand(program, chosen);
     addDigestCommand(program, chosen);
     addBenchCommand(program, chosen);
+#ifdef VX_DECODE
+    addDecodeCommand(program, chosen);
+#endif
 
     try {
         program.parse(argc, argv);
