@@ -83,7 +83,7 @@ const char* wayName(direction way)
 /** The UTC time of day, "18:49:50.102000"; with `date`, the day alone, "2026-11-25". */
 std::string timeText(int64_t microseconds, bool date = false)
 {
-    const std::time_t seconds = static_cast<std::time_t>(microseconds / 1000000);
+    const auto seconds = static_cast<std::time_t>(microseconds / 1000000);
     std::tm parts{};
     (void)gmtime_r(&seconds, &parts);
     char text[48];
@@ -249,21 +249,11 @@ public:
     {
         connection& conn = *connections.at(id);
         conn.lastTime = at.microseconds;
-        lane& from = conn.of(way);
-        while (count > 0 && from.phase != lanePhase::stopped) {
-            if (from.phase == lanePhase::handshake) {
-                collectHandshake(conn, way, bytes, count, at);
-                return;
-            }
-            const size_t take = std::min(count, from.need - from.pending.size());
-            from.pending.insert(from.pending.end(), bytes, bytes + take);
-            bytes += take;
-            count -= take;
-            if (from.pending.size() == from.need) {
-                completeUnit(conn, way, at);
-            }
+        if (conn.of(way).phase == lanePhase::handshake) {
+            collectHandshake(conn, way, bytes, count, at);
+        } else {
+            consume(conn, way, bytes, count, at);
         }
-        from.ignored += count;
     }
 
     void gap(unsigned id, direction way, uint64_t offset, uint64_t count,
@@ -331,6 +321,23 @@ private:
                << wayName(way) << " #" << conn.of(way).packets << " frame " << at.number << ": ";
     }
 
+    /** Bytes of a keyed direction: whole headers and bodies go to its receiving end. */
+    void consume(connection& conn, direction way, const unsigned char* bytes, size_t count,
+                 const frameInfo& at)
+    {
+        lane& from = conn.of(way);
+        while (count > 0 && from.phase != lanePhase::stopped) {
+            const size_t take = std::min(count, from.need - from.pending.size());
+            from.pending.insert(from.pending.end(), bytes, bytes + take);
+            bytes += take;
+            count -= take;
+            if (from.pending.size() == from.need) {
+                completeUnit(conn, way, at);
+            }
+        }
+        from.ignored += count;
+    }
+
     void collectHandshake(connection& conn, direction way, const unsigned char* bytes, size_t count,
                           const frameInfo& at)
     {
@@ -368,12 +375,10 @@ private:
                     from.need = VX_HEADER_WIRE_SIZE;
                     from.pending.clear();
                 }
-                const size_t server = kServerHandshake;
-                const size_t client = kClientHandshake;
-                data(conn.id, direction::toClient, 0, serverBytes.data() + server,
-                     serverBytes.size() - server, at);
-                data(conn.id, direction::toServer, 0, clientBytes.data() + client,
-                     clientBytes.size() - client, at);
+                consume(conn, direction::toClient, serverBytes.data() + kServerHandshake,
+                        serverBytes.size() - kServerHandshake, at);
+                consume(conn, direction::toServer, clientBytes.data() + kClientHandshake,
+                        clientBytes.size() - kClientHandshake, at);
                 return;
             }
         }
