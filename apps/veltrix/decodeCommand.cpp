@@ -115,14 +115,6 @@ public:
 
     ~receivingEnd()
     {
-        // The handshake and the encrypted socket go before the plain socket they use, which
-        // closes the library's end of the pair.
-        for (vxBase* object : {static_cast<vxBase*>(&handshake), static_cast<vxBase*>(&channel),
-                               static_cast<vxBase*>(&socket)}) {
-            if (object->opened) {
-                (void)cliFrame::close(*object);
-            }
-        }
         if (!handedOver) {
             (void)::close(libraryFd);
         }
@@ -150,6 +142,13 @@ public:
     vxNetSocket socket;
     vxNetEncryptedSocket channel;
     vxNetPSKChallengeResponse handshake;
+
+private:
+    // Closed in the reverse order: the handshake and the encrypted socket before the plain socket
+    // they use, which closes the library's end of the pair.
+    closeOnExit socketOpen{socket};
+    closeOnExit channelOpen{channel};
+    closeOnExit handshakeOpen{handshake};
 };
 
 /** Where a direction is. */

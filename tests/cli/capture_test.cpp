@@ -5,6 +5,7 @@
 
 #include "captureWriter.h"
 #include "cliFrame.h"
+#include "cliRun.h"
 #include "vxTest.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <ostream>
 #include <string>
@@ -147,18 +149,6 @@ private:
     std::map<std::pair<unsigned, direction>, wayState> ways;
 };
 
-/** Varied bytes, different for each `seed`, so that a misplaced or repeated piece shows. */
-std::string pattern(size_t size, unsigned seed)
-{
-    std::string bytes(size, '\0');
-    uint32_t state = seed * 2654435761U + 1U;
-    for (char& byte : bytes) {
-        state = state * 1103515245U + 12345U;
-        byte = static_cast<char>('a' + (state >> 16U) % 26U);
-    }
-    return bytes;
-}
-
 class captureTest : public ::testing::Test
 {
 protected:
@@ -168,6 +158,16 @@ protected:
         const captureSummary summary = vxcli::capture::readCapture(path, port, sink);
         sink.expectAllEnded();
         return summary;
+    }
+
+    /** A capture of one connection from 10.0.0.1:40000 to 10.0.0.2:5000: its handshake, then
+     *  what `segments` writes. */
+    void writeFlow(const std::function<void(tcpFlow&)>& segments)
+    {
+        captureWriter out(path);
+        tcpFlow flow(out, {});
+        flow.handshake();
+        segments(flow);
     }
 
     /** The reader's failure message for the capture. */
@@ -335,12 +335,7 @@ TEST_F(captureTest, AFileThatIsNoCaptureIsRefused)
 
 TEST_F(captureTest, AnOpenFileIsReadAndNamedInMessages)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
-        flow.send(up, 0, "over a FILE");
-    }
+    writeFlow([&](tcpFlow& flow) { flow.send(up, 0, "over a FILE"); });
     (void)vxcli::capture::readCapture(std::fopen(path.c_str(), "rb"), "standard input", 0, sink);
     EXPECT_EQ(sink.stream(1, up), "over a FILE");
     std::ofstream(path) << "not a capture";
@@ -362,13 +357,10 @@ TEST_F(captureTest, InOrderSegmentsArriveFromTheirOwnFramesByteForByte)
     const std::string response = pattern(7777, 2);
     std::vector<uint64_t> upFrames;
     std::vector<uint64_t> downFrames;
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         upFrames = flow.sendAll(up, request, 1000);
         downFrames = flow.sendAll(down, response, 1448);
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), request);
     EXPECT_EQ(sink.stream(1, down), response);
@@ -380,14 +372,11 @@ TEST_F(captureTest, InOrderSegmentsArriveFromTheirOwnFramesByteForByte)
 
 TEST_F(captureTest, ARetransmissionAddsNothingAndTheFirstCopyWins)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "first copy");
         flow.send(up, 0, "other copy");
         flow.send(up, 10, "!");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "first copy!");
     EXPECT_EQ(sink.events[1], "data 1 > 0+10 #4");
@@ -396,13 +385,10 @@ TEST_F(captureTest, ARetransmissionAddsNothingAndTheFirstCopyWins)
 
 TEST_F(captureTest, AnOverlappingSegmentAddsOnlyItsNewBytes)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "abcdef");
         flow.send(up, 3, "XYZghi");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "abcdefghi");
     EXPECT_EQ(sink.events[2], "data 1 > 6+3 #5");
@@ -410,15 +396,12 @@ TEST_F(captureTest, AnOverlappingSegmentAddsOnlyItsNewBytes)
 
 TEST_F(captureTest, OutOfOrderSegmentsWaitForTheBytesBeforeThem)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 20, "-held-overlapping-");
         flow.send(up, 10, "held first");
         flow.send(up, 15, std::string(36, 'X')); // held already but for its last 13 bytes
         flow.send(up, 0, "0123456789");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "0123456789held first-held-overlapping-" + std::string(13, 'X'));
     EXPECT_EQ(sink.events, (std::vector<std::string>{"start 1 10.0.0.1:40000 10.0.0.2:5000 #1",
@@ -429,16 +412,13 @@ TEST_F(captureTest, OutOfOrderSegmentsWaitForTheBytesBeforeThem)
 
 TEST_F(captureTest, TheAckOfBytesTheCaptureMissedMakesThemAGap)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, std::string(100, 'a'));
         flow.send(up, 200, std::string(100, 'c')); // 100..199 never captured
         flow.ack(down, 150);                       // the server had half of them
         flow.ack(down, 250);                       // and all of them
         flow.send(up, 300, "d");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up),
               std::string(100, 'a') + "[gap 50][gap 50]" + std::string(100, 'c') + "d");
@@ -451,14 +431,11 @@ TEST_F(captureTest, TheAckOfBytesTheCaptureMissedMakesThemAGap)
 
 TEST_F(captureTest, TheAckOfBytesNeverCapturedIsAGapEvenWithNothingHeld)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "seen");
         flow.ack(down, 1004);
         flow.send(up, 1004, "after");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "seen[gap 1000]after");
     EXPECT_EQ(sink.events[2], "gap 1 > 4+1000 #5");
@@ -466,17 +443,14 @@ TEST_F(captureTest, TheAckOfBytesNeverCapturedIsAGapEvenWithNothingHeld)
 
 TEST_F(captureTest, AFinAfterAHoleWaitsForTheRetransmission)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "aaaa");
         flow.send(up, 8, "cccc");
         flow.fin(up);
         flow.pinAck(down, 4);
         flow.send(down, 0, "dup ack"); // acknowledges only what came before the hole
         flow.send(up, 4, "bbbb");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "aaaabbbbcccc");
     EXPECT_EQ(sink.events, (std::vector<std::string>{"start 1 10.0.0.1:40000 10.0.0.2:5000 #1",
@@ -487,15 +461,12 @@ TEST_F(captureTest, AFinAfterAHoleWaitsForTheRetransmission)
 
 TEST_F(captureTest, AHoleBeforeAFinBecomesAGapWhenTheFinIsAcknowledged)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "aaaa");
         flow.send(up, 8, "cccc");
         flow.fin(up);
         flow.ack(down, 13);
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "aaaa[gap 4]cccc");
     EXPECT_EQ(sink.events,
@@ -506,10 +477,7 @@ TEST_F(captureTest, AHoleBeforeAFinBecomesAGapWhenTheFinIsAcknowledged)
 
 TEST_F(captureTest, TheEndOfTheFileDeclaresTheHolesBeforeWhatItHolds)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.pinAck(down, 2);
         flow.send(up, 0, "aa");
         flow.send(up, 4, "cc"); // held after a hole
@@ -518,7 +486,7 @@ TEST_F(captureTest, TheEndOfTheFileDeclaresTheHolesBeforeWhatItHolds)
         flow.send(down, 10, "", tcpFlags::fin | tcpFlags::ack); // after bytes never captured
         flow.pinAck(up, 0);
         flow.send(up, 100, ""); // an empty segment far ahead tells nothing
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "aa[gap 2]cc[gap 2]ee");
     EXPECT_EQ(sink.stream(1, down), "x[gap 9]");
@@ -531,15 +499,12 @@ TEST_F(captureTest, TheEndOfTheFileDeclaresTheHolesBeforeWhatItHolds)
 
 TEST_F(captureTest, UnseenBytesAfterTheLastOneCapturedAreNotReported)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.pinAck(down, 9);
         flow.send(up, 0, "only this");
         flow.send(up, 50, ""); // its sequence number says bytes 9..49 were sent
         flow.ack(down, 9);     // but nobody acknowledged them
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "only this");
     EXPECT_EQ(sink.events.size(), 4U);
@@ -547,16 +512,13 @@ TEST_F(captureTest, UnseenBytesAfterTheLastOneCapturedAreNotReported)
 
 TEST_F(captureTest, TheFirstFinCountsAndBytesPastItAreDropped)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "aaaa");
         flow.send(up, 8, "cccc");
         flow.fin(up);
         flow.send(up, 12, "past the end", tcpFlags::fin | tcpFlags::ack);
         flow.send(up, 4, "bbbb");
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "aaaabbbbcccc");
     EXPECT_EQ(sink.events[4], "end 1 > fin #8");
@@ -564,16 +526,13 @@ TEST_F(captureTest, TheFirstFinCountsAndBytesPastItAreDropped)
 
 TEST_F(captureTest, AResetEndsBothDirectionsAfterTheirHeldBytes)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.pinAck(down, 0);
         flow.send(up, 0, "ab");
         flow.send(up, 5, "fg");
         flow.rst(down);
         flow.send(up, 2, "cde"); // after the end: nothing
-    }
+    });
     const captureSummary summary = read();
     EXPECT_EQ(sink.stream(1, up), "ab[gap 3]fg");
     EXPECT_EQ(sink.events,
@@ -585,14 +544,11 @@ TEST_F(captureTest, AResetEndsBothDirectionsAfterTheirHeldBytes)
 
 TEST_F(captureTest, AResetAfterAFinEndsOnlyTheOpenDirection)
 {
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.send(up, 0, "bye");
         flow.fin(up);
         flow.rst(down);
-    }
+    });
     read();
     EXPECT_EQ(sink.events,
               (std::vector<std::string>{"start 1 10.0.0.1:40000 10.0.0.2:5000 #1",
@@ -604,13 +560,10 @@ TEST_F(captureTest, PastTheHoldLimitTheHoleBecomesAGap)
     const size_t segment = 1400;
     const std::string held = pattern(kHoldLimit + 4 * segment, 3);
     std::vector<uint64_t> frames;
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.pinAck(down, 0);
         frames = flow.sendAll(up, held, segment, 1000); // bytes 0..999 are never captured
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), "[gap 1000]" + held);
     ASSERT_GE(sink.events.size(), 2U);
@@ -625,14 +578,11 @@ TEST_F(captureTest, PastTheHoldLimitTheHoleBecomesAGap)
 TEST_F(captureTest, BelowTheHoldLimitNothingIsGivenUpBeforeTheEnd)
 {
     const std::string held = pattern(kHoldLimit / 2, 4);
-    {
-        captureWriter out(path);
-        tcpFlow flow(out, {});
-        flow.handshake();
+    writeFlow([&](tcpFlow& flow) {
         flow.pinAck(down, 0);
         flow.sendAll(up, held, 1400, 1000);
         flow.send(up, 0, std::string(1000, '!'));
-    }
+    });
     read();
     EXPECT_EQ(sink.stream(1, up), std::string(1000, '!') + held);
 }
