@@ -5,6 +5,7 @@
 
 #include "cliFrame.h"
 #include "optionTable.h"
+#include "secretFile.h"
 #include "vxBytes.h"
 #include "vxNetClient.h"
 #include "vxNetServer.h"
@@ -78,15 +79,6 @@ const optionRows<channelOptions>& channelRows();
 
 /** The channel options with their defaults. */
 channelOptions defaultChannel();
-
-/** Where a command says what it goes on despite: standard error, or the tunnel's log. */
-using warningSink = std::function<void(const std::string&)>;
-
-/** The secret in `path`: its content without one trailing LF or CRLF. Refused when the file is
- *  not a regular file of this user or root, is larger than 4096 bytes, is open to group or
- *  others, or is empty; a secret shorter than 16 bytes, or one that still ends with a line end,
- *  is used with a warning through `warn`. */
-veltrix::vxBytes readSecret(const std::string& path, const warningSink& warn);
 
 /** A TCP socket bound to `where` and listening (non-blocking); a bind log the library must
  *  leave alone is reported through `warn`. */

@@ -54,22 +54,6 @@ void require(bool ok, const std::string& what)
     }
 }
 
-std::string errnoText()
-{
-    return std::strerror(errno);
-}
-
-std::string sharedFileProblem(const std::string& what, const std::string& path, unsigned mode)
-{
-    if ((mode & 077U) == 0) {
-        return {};
-    }
-    char octal[8];
-    (void)std::snprintf(octal, sizeof octal, "%04o", mode & 07777U);
-    return "the " + what + " " + path + " is open to group or others (mode " + octal +
-           "); run chmod 600 " + path;
-}
-
 cliFrame::cliFrame(globalOptions options, std::string command)
     : settings(std::move(options)), commandLabel(std::move(command))
 {}

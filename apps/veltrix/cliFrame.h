@@ -2,6 +2,7 @@
 // failures reported as one line, and the exit statuses.
 #pragma once
 
+#include "eventLoop.h"
 #include "vxMain.h"
 
 #include <functional>
@@ -19,13 +20,10 @@ enum exitStatus : int
     exitUsage = 2
 };
 
-/** A command failed: the text is one line saying what failed and why, with the file or address
- *  involved. The frame prints it after "veltrix <command>: ". */
-class failure : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
+// The engine's descriptors, queues and failures are the program's own vocabulary. A failure's
+// text is one line saying what failed and why, with the file or address involved; the frame
+// prints it after "veltrix <command>: ".
+using namespace veltrix::engine;
 
 /** Options that come before the command. */
 struct globalOptions
@@ -39,13 +37,6 @@ std::string trailReason();
 
 /** Throws failure("<what>: <newest trail message>") when `ok` is false. */
 void require(bool ok, const std::string& what);
-
-/** The text of the current errno. */
-std::string errnoText();
-
-/** Empty when a file of mode `mode` is open to its owner alone, else the one-line reason to
- *  refuse it: "the <what> <path> is open to group or others (mode 0644); run chmod 600 <path>". */
-std::string sharedFileProblem(const std::string& what, const std::string& path, unsigned mode);
 
 /** The root of the object tree while a command runs. */
 class cliFrame : public veltrix::vxMain

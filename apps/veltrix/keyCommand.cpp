@@ -5,6 +5,7 @@
 #include "commands.h"
 #include "cryptoapi.h"
 #include "digestKeyFiles.h"
+#include "secretFile.h"
 #include "vxGlobal.h"
 
 #include <fcntl.h>

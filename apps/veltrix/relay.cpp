@@ -64,66 +64,6 @@ void resetOnClose(int fd)
     (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
 }
 
-packetPipe::packetPipe(int& librarySide)
-{
-    int pair[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0) {
-        throw failure("cannot set up the relay: " + errnoText());
-    }
-    librarySide = pair[0];
-    outer = pair[1];
-}
-
-packetPipe::packetPipe(int& librarySide, int& moved)
-{
-    int pair[2] = {-1, -1};
-    moved = fcntl(librarySide, F_DUPFD_CLOEXEC, 0);
-    if (moved < 0 ||
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0 ||
-        dup2(pair[0], librarySide) < 0) {
-        throw failure("cannot set up the relay: " + errnoText());
-    }
-    (void)close(pair[0]);
-    outer = pair[1];
-}
-
-packetPipe::~packetPipe()
-{
-    (void)close(outer);
-}
-
-void packetPipe::drain(byteQueue& out) const
-{
-    if (drainInto(outer, out) == ioResult::failed) {
-        throw failure("the relay's socket pair failed: " + errnoText());
-    }
-}
-
-void packetPipe::drain(byteQueue& out, size_t count) const
-{
-    // The library's send has completed, so all of it is there: one read takes it.
-    unsigned char packet[stream::wireSize(stream::kMaxBlocks)];
-    size_t got = 0;
-    if (count > sizeof packet || readInto(outer, packet, count, got) != ioResult::progress ||
-        got != count) {
-        throw failure("the relay's socket pair failed: " + errnoText());
-    }
-    out.append(packet, got);
-}
-
-void packetPipe::feed(const unsigned char* bytes, size_t count) const
-{
-    // The pair is empty and holds far more than a packet, so the write is whole or failed.
-    if (write(outer, bytes, count) != static_cast<ssize_t>(count)) {
-        throw failure("the relay's socket pair failed: " + errnoText());
-    }
-}
-
-void packetPipe::endFeed() const
-{
-    (void)shutdown(outer, SHUT_WR);
-}
-
 streamRelay::streamRelay(eventLoop& owner, vxNetEncryptedSocket& keyed, const packetPipe& packets,
                          int network, plainSide plainEnd, bool isInitiator,
                          const relayLimits& chosen)

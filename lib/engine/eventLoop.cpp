@@ -1,8 +1,6 @@
 // The wait of one thread for many descriptors, and non-blocking reads and writes.
 #include "eventLoop.h"
 
-#include "cliFrame.h"
-
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -10,8 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
-namespace vxcli {
+namespace veltrix::engine {
 
 namespace {
 
@@ -220,4 +219,9 @@ int millisUntil(steadyClock::time_point when)
     return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest.count(), 0, 3600000));
 }
 
-} // namespace vxcli
+std::string errnoText()
+{
+    return std::strerror(errno);
+}
+
+} // namespace veltrix::engine

@@ -1,4 +1,5 @@
-// One thread's wait for many descriptors (epoll), and the non-blocking byte moves around it.
+// One thread's wait for many descriptors (epoll), and the non-blocking byte moves around it:
+// what drives many encrypted connections on one thread without letting any peer hold it.
 #pragma once
 
 #include "vxBase.h"
@@ -6,10 +7,21 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-namespace vxcli {
+namespace veltrix::engine {
+
+/** Something that cannot go on: the text is one line saying what failed and why. */
+class failure : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/** The text of the current errno. */
+std::string errnoText();
 
 using steadyClock = std::chrono::steady_clock;
 
@@ -115,4 +127,4 @@ void writeQuietly(int fd, const void* bytes, size_t count);
 /** Milliseconds from now until `when`, rounded up; -1 for time_point::max(). */
 int millisUntil(steadyClock::time_point when);
 
-} // namespace vxcli
+} // namespace veltrix::engine
