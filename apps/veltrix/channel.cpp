@@ -22,8 +22,6 @@ namespace vxcli {
 
 using namespace veltrix;
 
-const std::set<std::string> kCipherModes = {"none", "aes128", "aes192", "aes256"};
-const std::set<std::string> kHandshakeHashModes = {"md5", "sha256-128"};
 
 namespace {
 

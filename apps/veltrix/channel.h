@@ -4,6 +4,7 @@
 #pragma once
 
 #include "cliFrame.h"
+#include "modeNames.h"
 #include "optionTable.h"
 #include "secretFile.h"
 #include "vxBytes.h"
@@ -16,7 +17,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -49,11 +49,6 @@ struct socketAddress
 /** The addresses `where` stands for, in the order the resolver prefers (numeric ones without a
  *  lookup); throws failure "cannot resolve NAME: why". `listening`: addresses to bind. */
 std::vector<socketAddress> resolve(const endpoint& where, bool listening = false);
-
-/** The cipher modes, and the hash modes a handshake can use: it needs a 16-byte digest, and the
- *  library's other hash modes fail its validation. */
-extern const std::set<std::string> kCipherModes;
-extern const std::set<std::string> kHandshakeHashModes;
 
 /** How long a relay waits on its peer, in seconds; 0 = no limit. */
 struct relayLimits

@@ -31,22 +31,6 @@ std::string programDirectory()
 
 } // namespace
 
-std::string trailReason()
-{
-    const auto lock = ::vxGlobal.stackTrace.hold();
-    const auto& events = ::vxGlobal.stackTrace.events;
-    // The first event holds the innermost failure, which says why; the later ones only say which
-    // callers passed it on ("Boolean return value failed.").
-    for (const vxHistoryEvent& event : events) {
-        for (const vxHistoryLine& line : event.lines) {
-            if (!line.message.empty()) {
-                return line.message;
-            }
-        }
-    }
-    return "no reason recorded";
-}
-
 void require(bool ok, const std::string& what)
 {
     if (!ok) {

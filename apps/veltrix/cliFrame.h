@@ -32,9 +32,6 @@ struct globalOptions
     std::string pluginPath; ///< empty: the build tree's plug-ins, or the library's default path
 };
 
-/** The newest message of the error trail, or "no reason recorded". */
-std::string trailReason();
-
 /** Throws failure("<what>: <newest trail message>") when `ok` is false. */
 void require(bool ok, const std::string& what);
 

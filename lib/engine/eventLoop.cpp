@@ -1,6 +1,8 @@
 // The wait of one thread for many descriptors, and non-blocking reads and writes.
 #include "eventLoop.h"
 
+#include "vxGlobal.h"
+
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -217,6 +219,22 @@ int millisUntil(steadyClock::time_point when)
     }
     const auto rest = std::chrono::ceil<std::chrono::milliseconds>(when - steadyClock::now());
     return static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(rest.count(), 0, 3600000));
+}
+
+std::string trailReason()
+{
+    const auto lock = ::vxGlobal.stackTrace.hold();
+    const auto& events = ::vxGlobal.stackTrace.events;
+    // The first event holds the innermost failure, which says why; the later ones only say which
+    // callers passed it on ("Boolean return value failed.").
+    for (const veltrix::vxHistoryEvent& event : events) {
+        for (const veltrix::vxHistoryLine& line : event.lines) {
+            if (!line.message.empty()) {
+                return line.message;
+            }
+        }
+    }
+    return "no reason recorded";
 }
 
 std::string errnoText()

@@ -23,6 +23,10 @@ public:
 /** The text of the current errno. */
 std::string errnoText();
 
+/** Why the library's last call failed: the innermost message of the error trail, or "no reason
+ *  recorded". */
+std::string trailReason();
+
 using steadyClock = std::chrono::steady_clock;
 
 /** Something that waits for a descriptor. */
