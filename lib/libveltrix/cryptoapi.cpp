@@ -5,7 +5,12 @@
 #include "vxGuard.h"
 #include "vxVersions.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -686,6 +691,49 @@ std::string keyHeader(uint32_t keyBytes, bool isPrivate)
     return std::to_string(keyBytes * 8U) + " BIT " + (isPrivate ? "PRIVATE" : "PUBLIC");
 }
 
+/** A private key's file is for its owner only; a public key's gets what the umask leaves, as
+ *  any other file the process creates. */
+constexpr mode_t privateKeyMode = 0600;
+constexpr mode_t publicKeyMode = 0666;
+
+/** Writes all of `text`, going on after a signal or a partial write. */
+bool writeAll(int fd, const std::string& text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t written = write(fd, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false; // quiet: a full or failing disk is the caller's to report
+        }
+        done += static_cast<size_t>(written);
+    }
+    return true;
+}
+
+/** Creates or replaces the key file at `path` with `text`. Nothing returns between open and
+ *  close, so the descriptor never leaks. */
+bool writeKeyFile(const std::string& path, const std::string& text, bool isPrivate)
+{
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
+                        isPrivate ? privateKeyMode : publicKeyMode);
+    if (fd == -1) {
+        return false; // quiet: an unwritable path is the caller's to report
+    }
+    // The creation mode only applies to a new file, and the umask may narrow it further: an
+    // old file keeps its own mode through the truncation, so it is restricted here, before any
+    // private number is written. A file system without modes, or another user's file, refuses;
+    // the key is then written as before rather than not at all.
+    if (isPrivate) {
+        (void)fchmod(fd, privateKeyMode);
+    }
+    const bool written = writeAll(fd, text);
+    const bool closed = close(fd) == 0; // a delayed write error shows here
+    return written && closed;
+}
+
 } // namespace
 
 vxRsa::vxRsa() : fingerprint(defaultFingerprint)
@@ -867,19 +915,14 @@ bool vxRsa::WriteKeyToDisk(const std::string& path)
     }
     const std::string hex = hexString(std::vector<unsigned char>(body.begin(), body.end())).text;
 
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (!file) {
-        return false; // quiet: an unwritable path is the caller's to report
-    }
-    file << "---- BEGIN KEYSEAL " << header << " KEY ----\n";
-    file << "---- FINGERPRINT    " << fingerprint << '\n';
+    std::string text = "---- BEGIN KEYSEAL " + header + " KEY ----\n";
+    text.append("---- FINGERPRINT    ").append(fingerprint).push_back('\n');
     for (size_t i = 0; i < hex.size(); i += keyLineWidth) {
-        file << hex.substr(i, keyLineWidth) << '\n';
+        text.append(hex, i, keyLineWidth).push_back('\n');
     }
     // The end marker keeps its blank after the dashes; readers skip both markers.
-    file << "---- END KEYSEAL " << header << " KEY ---- \n";
-    file.close();
-    return !file.fail();
+    text.append("---- END KEYSEAL ").append(header).append(" KEY ---- \n");
+    return writeKeyFile(path, text, isPrivate);
 }
 
 bool vxRsa::ReadKeyFromDisk(const std::string& path)

@@ -2,6 +2,7 @@
 #include "vxNetServer.h"
 
 #include "vxGuard.h"
+#include "vxNetSocketInternal.h"
 
 #include <iostream>
 #include <sstream>
@@ -56,6 +57,9 @@ bool vxNetConnectedClient::SetSocketFd(int32_t& fd)
 {
     LVX_GUARD();
     socket.sockFd = fd;
+    // Accepted elsewhere, the descriptor has not had the option the library's own accept sets:
+    // without it, each message body waits for the acknowledgement of its header.
+    sendSegmentsAtOnce(fd);
     return true;
 }
 

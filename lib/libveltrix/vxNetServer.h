@@ -43,7 +43,8 @@ public:
     bool SetClientId(const uint32_t& id);
     /** Fails with "__clientIdSet == true" when no id was set. */
     bool GetClientId(uint32_t& id);
-    /** Adopts a descriptor accepted elsewhere. */
+    /** Adopts a descriptor accepted elsewhere and switches on TCP_NODELAY for it, as Accept does
+     *  for its own; a descriptor that refuses the option (not TCP) is adopted all the same. */
     bool SetSocketFd(int32_t& fd);
     /** The socket's descriptor into `fd`; runs the standard guard. */
     bool GetSocketFd(int32_t& fd);
@@ -93,15 +94,25 @@ public:
     /** Opens `cc` with the two mode names. */
     bool func_LVX_CALL_OPENP(vxNetConnectedClient* cc, std::string cipher, std::string hash);
     /** Accepts a connection into the open record `cc` (or, when `fd` is not -1, adopts that
-     *  descriptor), gives its receives a first-readiness time-out of `timeout` seconds unless 0,
-     *  applies the kept options and runs the handshake. The record stays the caller's. */
+     *  descriptor, as SetSocketFd), gives its receives a first-readiness time-out of `timeout`
+     *  seconds unless 0, applies the kept options and runs the handshake. The record stays the
+     *  caller's. With `fd` -1 this is the unambiguous way to accept with a time-out:
+     *  `acceptNewClient(secret, cc, -1, 30)` waits at most 30 seconds per first readiness. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, int32_t fd,
                          uint32_t timeout);
-    /** The same, accepting a new connection, without a time-out. */
+    /** The same, accepting a new connection, without a time-out. Adding a time-out as a
+     *  plain third argument, `acceptNewClient(secret, cc, 30)`, adopts descriptor 30 instead
+     *  (see below): write `30U` or use the four-argument form with `fd` -1. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc);
-    /** The same, accepting a new connection. */
+    /** The same, accepting a new connection with a time-out of `timeout` seconds. Chosen only
+     *  for an unsigned argument (`30U`, a uint32_t variable): `acceptNewClient(secret, cc, 30)`,
+     *  or any `int` there, calls the overload below and adopts descriptor 30 instead. Write
+     *  `acceptNewClient(secret, cc, 30U)` or `acceptNewClient(secret, cc, -1, 30)`. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, uint32_t timeout);
-    /** The same, adopting `fd`, without a time-out. */
+    /** The same, adopting `fd`, without a time-out. Beware: this is the overload a plain `int`
+     *  third argument picks, so `acceptNewClient(secret, cc, 30)`, meant as a 30-second
+     *  time-out, adopts descriptor 30 and runs the handshake on whatever it is. For a time-out
+     *  pass an unsigned value (`30U`) or use the four-argument form with `fd` -1. */
     bool acceptNewClient(const vxBytes& secret, vxNetConnectedClient* cc, int32_t fd);
     /** Accepts and handshakes a new connection that the server then owns and lists; on failure
      *  nothing is listed. */

@@ -3,6 +3,7 @@
 #include "vxNetSocket.h"
 
 #include "vxGuard.h"
+#include "vxNetSocketInternal.h"
 #include "vxSecret.h"
 
 #include <arpa/inet.h>
@@ -63,16 +64,6 @@ bool changeFlags(int fd, int flag, bool on)
     return fcntl(fd, F_SETFL, on ? (flags | flag) : (flags & ~flag)) != -1;
 }
 
-/** Every encrypted message is written as two sends, header and body. With the coalescing of
- *  small segments on, the body waits for the peer's delayed acknowledgement of the header (some
- *  40 ms on Linux) on every message that answers another. The bytes on the wire are the same
- *  either way; a descriptor that refuses the option only loses speed. */
-void sendSegmentsAtOnce(int fd)
-{
-    const int on = 1;
-    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
 /** The bind log: each line appended and written at once. When the file cannot be opened (its
  *  directory is missing) the lines are lost and binding goes on. The log sits in a directory
  *  anyone may write to, so whatever another user planted there is left alone: a symbolic link
@@ -129,6 +120,18 @@ private:
 };
 
 } // namespace
+
+/** Every encrypted message is written as two sends, header and body. With the coalescing of
+ *  small segments on, the body waits for the peer's delayed acknowledgement of the header (some
+ *  40 ms on Linux) on every message that answers another. The bytes on the wire are the same
+ *  either way. Used on connected, accepted and adopted descriptors alike. */
+void sendSegmentsAtOnce(int fd)
+{
+    const int saved = errno; // a refusal is no failure, so it leaves no errno behind either
+    const int on = 1;
+    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    errno = saved;
+}
 
 vxNetSocket::vxNetSocket()
 {

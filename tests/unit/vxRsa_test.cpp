@@ -5,6 +5,8 @@
 #include "cryptoapi.h"
 #include "vxTest.h"
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <functional>
 #include <stdexcept>
@@ -100,6 +102,28 @@ keyNumbers cliNumbers(const std::string& pem)
 }
 
 const keyNumbers fixedKey{fixedN, fixedE, fixedP, fixedQ, fixedD};
+
+/** The permission bits of the file at `path`; 07777 when it cannot be examined. */
+mode_t permissionsOf(const std::string& path)
+{
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? (status.st_mode & 07777) : 07777;
+}
+
+/** Sets the process's umask for the life of the object. */
+class scopedUmask
+{
+public:
+    explicit scopedUmask(mode_t mask) : saved(umask(mask)) {}
+
+    scopedUmask(const scopedUmask&) = delete;
+    scopedUmask& operator=(const scopedUmask&) = delete;
+
+    ~scopedUmask() { (void)umask(saved); }
+
+private:
+    mode_t saved;
+};
 
 class vxRsaTest : public vxtest::vxCryptoTest
 {
@@ -406,6 +430,35 @@ TEST_F(vxRsaTest, KeyFilesAreExactlyTheDocumentedTextRoundTripAndWrapAtEighty)
         EXPECT_EQ(vxtest::readFile(dir.path("fixed.key")), expected) << round;
     }
     testFrame::closeAll(golden);
+}
+
+TEST_F(vxRsaTest, PrivateKeyFilesAreForTheOwnerOnlyPublicOnesFollowTheUmask)
+{
+    vxRsa key;
+    vxRsa copy;
+    ASSERT_TRUE(openFixedPair(key, copy));
+    // The usual umask, then none at all: a private key's file is 0600 under either.
+    for (const mode_t mask : {mode_t{022}, mode_t{0}}) {
+        const scopedUmask umaskFor(mask);
+        const std::string tag = std::to_string(mask);
+        ASSERT_TRUE(key.WriteKeyToDisk(dir.path("private" + tag + ".key")));
+        EXPECT_EQ(permissionsOf(dir.path("private" + tag + ".key")), 0600U) << mask;
+        ASSERT_TRUE(copy.WriteKeyToDisk(dir.path("public" + tag + ".key")));
+        EXPECT_EQ(permissionsOf(dir.path("public" + tag + ".key")), 0666U & ~mask) << mask;
+    }
+    // An existing readable file loses its group and other bits when a private key replaces it.
+    const std::string old = dir.path("old.key");
+    vxtest::writeFile(old, "an older, longer text that the key replaces entirely\n");
+    ASSERT_EQ(chmod(old.c_str(), 0644), 0);
+    ASSERT_TRUE(key.WriteKeyToDisk(old));
+    EXPECT_EQ(permissionsOf(old), 0600U);
+    EXPECT_EQ(vxtest::readFile(old),
+              keyFileText("1024 BIT PRIVATE", ::fingerprintOf(fixedN), fixedKey.body()));
+    // A public key replacing a file leaves its mode alone, as any rewrite does.
+    ASSERT_EQ(chmod(old.c_str(), 0640), 0);
+    ASSERT_TRUE(copy.WriteKeyToDisk(old));
+    EXPECT_EQ(permissionsOf(old), 0640U);
+    testFrame::closeAll(key, copy);
 }
 
 TEST_F(vxRsaTest, ReaderRulesLeadingSpacesAndBodyLineWithoutAWord)
