@@ -1,6 +1,8 @@
 #!/bin/sh
-# Builds the example client and server against an installed libveltrix, once through its CMake
-# package and once through pkg-config, and runs a session between them on loopback for each build.
+# Builds the example clients and servers against an installed libveltrix, once through its CMake
+# package and once through pkg-config, and runs sessions between them on loopback for each build:
+# the library's client and server, the session layer's server with both clients and a client
+# holding the wrong secret, and the session layer's client against the library's server.
 #
 #   examples/build-and-run.sh ROOT PREFIX
 #
@@ -49,6 +51,8 @@ done
     fail "no CMake package: $libdir/cmake/veltrix/veltrixConfig.cmake is missing"
 [ -f "$libdir/pkgconfig/libveltrix.pc" ] ||
     fail "no pkg-config file: $libdir/pkgconfig/libveltrix.pc is missing"
+[ -f "$libdir/pkgconfig/libveltrix-session.pc" ] ||
+    fail "no pkg-config file: $libdir/pkgconfig/libveltrix-session.pc is missing"
 plugin_dir="$base/lib/secure"
 [ -f "$plugin_dir/libveltrix_openssl.so" ] ||
     fail "no plug-in: $plugin_dir/libveltrix_openssl.so is missing"
@@ -92,8 +96,6 @@ mkdir "$work/pkg-config"
     make -C "$work/pkg-config" -f "$examples/Makefile" CXXFLAGS="-O2 -g -Werror"
 ) >"$work/pkg-config.log" 2>&1 || { show "$work/pkg-config.log"; fail "the pkg-config build failed"; }
 
-messages="hello from the example|a second message|Mixed Case, 3 words!"
-
 # After a failed client: gives the server two seconds to fail in turn and print its trail, then
 # ends it.
 stop_server() {
@@ -107,17 +109,15 @@ stop_server() {
     server_pid=""
 }
 
-# Runs the server of build $1 on a port the system picks, then the client with the messages, and
-# checks that each reply is its message upper-cased and that both ends finished cleanly.
-run_session() {
+# Starts server program $2 of build $1 (with the arguments after it) on a port the system picks,
+# and sets $port once it listens.
+start_server() {
     build="$1"
-    bin="$work/$build"
-    server_out="$work/$build-server.out"
-    client_out="$work/$build-client.out"
-
+    program="$2"
+    shift 2
+    server_out="$work/$build-$program.out"
     : >"$server_out" # exists before the background shell opens it
-    LD_LIBRARY_PATH="$libdir" timeout 60 "$bin/vxexample-server" --plugin-dir "$plugin_dir" \
-        >"$server_out" 2>&1 &
+    LD_LIBRARY_PATH="$libdir" timeout 60 "$work/$build/$program" "$@" >"$server_out" 2>&1 &
     server_pid=$!
     port=""
     waited=0
@@ -129,42 +129,98 @@ run_session() {
             wait "$server_pid" || status=$?
             server_pid=""
             show "$server_out"
-            fail "$build: the server exited with status $status before listening"
+            fail "$build: $program exited with status $status before listening"
         fi
         waited=$((waited + 1))
-        [ "$waited" -le 300 ] || { show "$server_out"; fail "$build: the server is not listening after 30 s"; }
+        [ "$waited" -le 300 ] || { show "$server_out"; fail "$build: $program is not listening after 30 s"; }
         sleep 0.1
     done
+}
 
-    old_ifs="$IFS"
-    IFS="|"
-    set -f # split on | into one argument per message, without expanding file names
-    # shellcheck disable=SC2086
-    set -- $messages
-    set +f
-    IFS="$old_ifs"
+# Waits for the server to exit by itself, which must be with status 0.
+server_finished() {
+    status=0
+    wait "$server_pid" || status=$?
+    server_pid=""
+    [ "$status" -eq 0 ] || { show "$server_out"; fail "$1: the server exited with status $status"; }
+}
+
+# Checks that client output $2 holds each message's reply, the message upper-cased.
+check_replies() {
+    for message in "hello from the example" "a second message" "Mixed Case, 3 words!"; do
+        reply="$(printf '%s' "$message" | LC_ALL=C tr '[:lower:]' '[:upper:]')"
+        grep -qxF "sent \"$message\", reply \"$reply\"" "$2" ||
+            { show "$2"; fail "$1: no reply \"$reply\" to \"$message\""; }
+    done
+}
+
+secret="$work/example.psk"
+printf 'a secret both ends were given beforehand\n' >"$secret"
+chmod 600 "$secret"
+
+# The library's client and server: the server answers one client and exits once it disconnects.
+run_session() {
+    build="$1"
+    bin="$work/$build"
+    client_out="$work/$build-client.out"
+    shift
+    start_server "$build" vxexample-server --plugin-dir "$plugin_dir" --secret-file "$secret"
     if ! LD_LIBRARY_PATH="$libdir" timeout 60 "$bin/vxexample-client" --plugin-dir "$plugin_dir" \
-        "$port" "$@" >"$client_out" 2>&1; then
+        --secret-file "$secret" "$port" "$@" >"$client_out" 2>&1; then
         stop_server
         show "$client_out"
         show "$server_out"
         fail "$build: the client failed"
     fi
-    status=0
-    wait "$server_pid" || status=$?
-    server_pid=""
-    [ "$status" -eq 0 ] || { show "$server_out"; fail "$build: the server exited with status $status"; }
-
-    for message in "$@"; do
-        reply="$(printf '%s' "$message" | LC_ALL=C tr '[:lower:]' '[:upper:]')"
-        grep -qxF "sent \"$message\", reply \"$reply\"" "$client_out" ||
-            { show "$client_out"; fail "$build: no reply \"$reply\" to \"$message\""; }
-    done
+    server_finished "$build"
+    check_replies "$build" "$client_out"
     grep -qxF "client disconnected; connections left: 0" "$server_out" ||
         { show "$server_out"; fail "$build: the server did not see the client disconnect"; }
     echo "$build build: $# messages answered, the server pruned the connection"
 }
 
-run_session find_package
-run_session pkg-config
-echo "examples: find_package and pkg-config builds both ran a session"
+# The session layer's server with three clients: the library's, the session layer's, and one
+# with the wrong secret, which fails alone. The session programs find the plug-in beside the
+# installed library by themselves. Then the session layer's client against the library's server.
+run_session_layer() {
+    build="$1"
+    bin="$work/$build"
+    shift
+    start_server "$build" vxexample-session-server "$secret" 0 3
+    LD_LIBRARY_PATH="$libdir" timeout 60 "$bin/vxexample-client" --plugin-dir "$plugin_dir" \
+        --secret-file "$secret" "$port" "$@" >"$work/$build-library-client.out" 2>&1 ||
+        { stop_server; show "$work/$build-library-client.out"; show "$server_out"; fail "$build: the library's client failed against the session server"; }
+    LD_LIBRARY_PATH="$libdir" timeout 60 "$bin/vxexample-session-client" "$secret" "$port" "$@" \
+        >"$work/$build-session-client.out" 2>&1 ||
+        { stop_server; show "$work/$build-session-client.out"; show "$server_out"; fail "$build: the session client failed"; }
+    wrong="$work/wrong.psk"
+    printf 'another secret\n' >"$wrong"
+    chmod 600 "$wrong"
+    if LD_LIBRARY_PATH="$libdir" timeout 60 "$bin/vxexample-session-client" "$wrong" "$port" \
+        "never answered" >"$work/$build-wrong-client.out" 2>&1; then
+        stop_server
+        fail "$build: a client with the wrong secret was answered"
+    fi
+    grep -q "different secrets" "$work/$build-wrong-client.out" ||
+        { stop_server; show "$work/$build-wrong-client.out"; fail "$build: the wrong secret was not named"; }
+    server_finished "$build"
+    check_replies "$build" "$work/$build-library-client.out"
+    check_replies "$build" "$work/$build-session-client.out"
+    [ "$(grep -c ": the client disconnected$" "$server_out")" -eq 2 ] &&
+        grep -q "wrong secret or modes: " "$server_out" ||
+        { show "$server_out"; fail "$build: the session server did not report each session's end"; }
+
+    start_server "$build" vxexample-server --plugin-dir "$plugin_dir" --secret-file "$secret"
+    LD_LIBRARY_PATH="$libdir" timeout 60 "$bin/vxexample-session-client" "$secret" "$port" "$@" \
+        >"$work/$build-session-client2.out" 2>&1 ||
+        { stop_server; show "$work/$build-session-client2.out"; show "$server_out"; fail "$build: the session client failed against the library's server"; }
+    server_finished "$build"
+    check_replies "$build" "$work/$build-session-client2.out"
+    echo "$build build: the session server served both clients and refused the wrong secret alone; the session client talked to the library's server"
+}
+
+for build in find_package pkg-config; do
+    run_session "$build" "hello from the example" "a second message" "Mixed Case, 3 words!"
+    run_session_layer "$build" "hello from the example" "a second message" "Mixed Case, 3 words!"
+done
+echo "examples: find_package and pkg-config builds both ran their sessions"

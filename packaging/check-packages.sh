@@ -115,17 +115,17 @@ expect_depends libveltrix-openssl "libveltrix $exact" 'libssl3 \(>= 3'
 expect_depends libveltrix-dev "libveltrix $exact"
 expect_depends veltrix "libveltrix $exact" "libveltrix-openssl $exact" "procps"
 
-expect_files libveltrix "usr/lib/$triplet/libveltrix.so" \
+expect_files libveltrix "usr/lib/$triplet/libveltrix.so" "usr/lib/$triplet/libveltrix-session.so" \
     usr/share/doc/libveltrix/copyright usr/share/doc/libveltrix/changelog.Debian.gz
 expect_files libveltrix-openssl usr/lib/secure/libveltrix_openssl.so \
     usr/share/doc/libveltrix-openssl/copyright usr/share/doc/libveltrix-openssl/changelog.Debian.gz
 expect_files libveltrix-dev usr/include/veltrix/vxBase.h usr/include/veltrix/vxNetClient.h \
-    usr/include/veltrix/vxNetServer.h usr/include/veltrix/vxExport.h 'usr/include/veltrix/*.h' \
+    usr/include/veltrix/vxNetServer.h usr/include/veltrix/vxExport.h usr/include/veltrix/session.h 'usr/include/veltrix/*.h' \
     "usr/lib/$triplet/cmake/veltrix/veltrixConfig.cmake" \
     "usr/lib/$triplet/cmake/veltrix/veltrixConfigVersion.cmake" \
     "usr/lib/$triplet/cmake/veltrix/libveltrixTargets.cmake" \
     "usr/lib/$triplet/cmake/veltrix/libveltrixTargets-*.cmake" \
-    "usr/lib/$triplet/pkgconfig/libveltrix.pc" \
+    "usr/lib/$triplet/pkgconfig/libveltrix.pc" "usr/lib/$triplet/pkgconfig/libveltrix-session.pc" \
     usr/share/doc/libveltrix-dev/copyright usr/share/doc/libveltrix-dev/changelog.Debian.gz
 expect_files veltrix usr/bin/veltrix usr/share/man/man1/veltrix.1.gz \
     'usr/lib/systemd/system/veltrix-tunnel@.service' etc/veltrix/example.conf \

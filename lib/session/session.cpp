@@ -253,7 +253,7 @@ struct client::state
     }
 };
 
-client::client(context& /*loaded*/, secret key, modes chosen)
+client::client(const context& /*loaded*/, secret key, modes chosen)
     : self(std::make_unique<state>(std::move(chosen), std::move(key)))
 {
     detail::checkModes(self->chosen);

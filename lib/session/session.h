@@ -76,8 +76,8 @@ struct modes
     std::string hash = "md5";      ///< "md5" or "sha256-128": the handshake needs 16-byte digests
 };
 
-/** Whether the library's process-wide error latch is set (then every library call refuses until
- *  vxBase::lvxClearLastError). The session layer never leaves it set. */
+/** Whether the library's process-wide error latch is set (then every guarded library call
+ *  refuses until vxBase::lvxClearLastError). The session layer never leaves it set. */
 [[nodiscard]] VX_SESSION_API bool errorLatched();
 
 /** The crypto plug-in, loaded once for the process. Create one before any client or server and
@@ -119,9 +119,13 @@ public:
     /** `size` bytes at `data`; throws error(setup) for none. */
     static secret fromBytes(const void* data, size_t size);
 
+    /** A copy of `other`'s bytes. */
     secret(const secret& other) = default;
+    /** Takes a copy of `other`'s bytes. */
     secret& operator=(const secret& other) = default;
+    /** Takes `other`'s bytes. */
     secret(secret&& other) noexcept = default;
+    /** Takes `other`'s bytes. */
     secret& operator=(secret&& other) noexcept = default;
     ~secret();
 
@@ -141,7 +145,7 @@ class VX_SESSION_API client
 public:
     /** A client that will prove it holds `key`, with `chosen` modes. Throws error(setup) for an
      *  unknown mode name. */
-    client(context& loaded, secret key, modes chosen = modes());
+    client(const context& loaded, secret key, modes chosen = modes());
     client(const client&) = delete;
     client& operator=(const client&) = delete;
     client(client&&) = delete;
@@ -244,7 +248,7 @@ public:
     std::function<void(connection&, const error* why)> onEnd;
 
     /** A server proving it holds `key`. Throws error(setup) for an unknown mode name. */
-    server(context& loaded, secret key, serverOptions limits = serverOptions());
+    server(const context& loaded, secret key, serverOptions limits = serverOptions());
     server(const server&) = delete;
     server& operator=(const server&) = delete;
     server(server&&) = delete;

@@ -403,7 +403,7 @@ void server::state::sweep()
     sessions.remove_if([](const std::unique_ptr<live>& session) { return session->finished; });
 }
 
-server::server(context& /*loaded*/, secret key, serverOptions limits)
+server::server(const context& /*loaded*/, secret key, serverOptions limits)
     : self(std::make_unique<state>(*this, std::move(key), std::move(limits)))
 {
     detail::checkModes(self->limits.chosen);
