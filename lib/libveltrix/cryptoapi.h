@@ -338,7 +338,8 @@ public:
     bool SetFingerprint();
     /** Copies `fingerprint` into `text`; always true. */
     bool GetFingerprint(std::string& text);
-    /** Writes the key file; false without a message when the file cannot be opened. */
+    /** Writes the key file; false without a message when the file cannot be opened. A private
+     *  key's file is created (or brought to) mode 0600; a public key's follows the umask. */
     bool WriteKeyToDisk(const std::string& path);
     /** Reads a key file into this opened object; fails with "Unable to locate key: <path>".
      *  False without a message when the plug-in rejects the numbers. A body line without any

@@ -27,6 +27,7 @@ struct example
     std::string where; ///< "veltrix.1:812"
     std::string text;
     bool clientMachine; ///< the whole block runs on 10.0.0.2
+    bool cpp = false;   ///< C++ source, compiled instead of run
 };
 
 std::string replaceAll(std::string text, const std::string& from, const std::string& to)
@@ -88,7 +89,8 @@ std::vector<example> readmeExamples()
         if (line.rfind("```", 0) == 0) {
             inside = !inside && line.size() > 3;
             if (inside) {
-                found.push_back({"README.md:" + std::to_string(number), "", false});
+                found.push_back(
+                    {"README.md:" + std::to_string(number), "", false, line == "```cpp"});
             }
         } else if (inside) {
             found.back().text += line + "\n";
@@ -210,6 +212,23 @@ protected:
             }
             std::filesystem::remove(file.path());
         }
+    }
+
+    /** Compiles a C++ example against the headers as an application includes them
+     *  (<veltrix/session.h>), with every warning an error. */
+    void compileCpp(const example& one)
+    {
+        const std::string include = dir.file("include");
+        if (!std::filesystem::exists(include + "/veltrix")) {
+            std::filesystem::create_directories(include);
+            std::filesystem::create_directory_symlink(VX_SOURCE_DIR "/lib/session",
+                                                      include + "/veltrix");
+        }
+        const std::string source = dir.file("example" + std::to_string(++shells) + ".cpp");
+        writeFile(source, one.text, 0644);
+        const runResult run = runProgram({VX_CXX_COMPILER, "-std=c++17", "-fsyntax-only", "-Wall",
+                                          "-Wextra", "-Werror", "-I" + include, source});
+        EXPECT_EQ(run.status, 0) << one.where << "\n" << one.text << run.out << run.err;
     }
 
     /** Runs a shell example in a directory of its own, with the files it works on; checks what
@@ -337,6 +356,11 @@ TEST_F(docsTest, EveryExampleRuns)
     size_t ran = 0;
     for (const example& one : all) {
         const std::string& text = one.text;
+        if (one.cpp) {
+            ++ran;
+            compileCpp(one);
+            continue;
+        }
         const bool config = std::regex_search(text, std::regex(R"(^\[[A-Za-z0-9._-]+\]$)",
                                                                std::regex::multiline)) &&
                             text.find("<<EOF") == std::string::npos;
