@@ -214,13 +214,13 @@ struct client::state
     [[noreturn]] void end(const error& why)
     {
         ended = why;
-        throw why;
+        throw error(why);
     }
 
     void usable() const
     {
         if (ended) {
-            throw *ended;
+            throw error(*ended);
         }
         if (!link || !link->keyed()) {
             throw error(cause::setup, "the client is not connected: call connect first");
@@ -248,7 +248,7 @@ struct client::state
                 throw error(cause::peerClosed,
                             peerName + " ended the session (disconnect command)");
             }
-            detail::fill(fd, arrived, until, peerName, waiting);
+            detail::fill(fd, arrived, link->wanted(), until, peerName, waiting);
         }
     }
 };

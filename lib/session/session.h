@@ -153,8 +153,10 @@ public:
     /** close(), with any error it meets dropped. */
     ~client();
 
-    /** Connects to `host` (a name or a numeric address) at `port` and runs the handshake, all
-     *  within `timeout`. Causes: refused, timedOut, wrongSecretOrModes, peerClosed, protocol. */
+    /** Connects to `host` (a name or a numeric address) at `port` and runs the handshake, both
+     *  within `timeout` (a host name's lookup comes first and is bounded by the resolver's own
+     *  time-outs). Each address a name stands for is tried in turn. Causes: refused, timedOut,
+     *  wrongSecretOrModes, peerClosed, protocol, setup (a name that cannot be resolved). */
     void connect(const std::string& host, const std::string& port,
                  milliseconds timeout = std::chrono::seconds(10));
 

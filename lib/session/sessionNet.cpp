@@ -18,7 +18,8 @@ namespace veltrix::session::detail {
 
 namespace {
 
-constexpr size_t kReadChunk = size_t{64} * 1024;
+/** The least one read asks for, and the most an empty inbox keeps. */
+constexpr size_t kSmallRead = 4096;
 
 /** Waits until `fd` is ready for `events` or `until` passed; false on the time-out. */
 bool waitFor(int fd, short events, const deadline& until)
@@ -121,16 +122,20 @@ void inbox::consume(size_t count)
     if (head == data.size()) {
         data.clear();
         head = 0;
+        if (data.capacity() > kSmallRead) {
+            std::vector<unsigned char>().swap(data);
+        }
     }
 }
 
-engine::ioResult inbox::readFrom(int fd, size_t limit)
+engine::ioResult inbox::readFor(int fd, size_t unit)
 {
     if (head > 0) {
         data.erase(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(head));
         head = 0;
     }
     const size_t had = data.size();
+    const size_t limit = std::max(unit > had ? unit - had : 0, kSmallRead);
     data.resize(had + limit);
     size_t got = 0;
     const engine::ioResult result = engine::readInto(fd, data.data() + had, limit, got);
@@ -213,10 +218,11 @@ void flush(int fd, engine::byteQueue& queue, const deadline& until, const std::s
     }
 }
 
-void fill(int fd, inbox& box, const deadline& until, const std::string& peer, const char* waiting)
+void fill(int fd, inbox& box, size_t unit, const deadline& until, const std::string& peer,
+          const char* waiting)
 {
     for (;;) {
-        switch (box.readFrom(fd, kReadChunk)) {
+        switch (box.readFor(fd, unit)) {
         case engine::ioResult::progress:
             return;
         case engine::ioResult::ended:

@@ -35,9 +35,13 @@ public:
 
     [[nodiscard]] const unsigned char* front() const { return data.data() + head; }
 
+    /** Drops `count` bytes from the front; an empty inbox gives a large buffer back, so that an
+     *  idle session holds little memory. */
     void consume(size_t count);
-    /** Reads what `fd` holds now, at most `limit` bytes; ioResult as engine::readInto. */
-    engine::ioResult readFrom(int fd, size_t limit);
+    /** Reads what `fd` holds now toward the next unit of `unit` bytes: the rest of that unit,
+     *  but at least 4 KiB, so that small messages arrive several to a read. ioResult as
+     *  engine::readInto. */
+    engine::ioResult readFor(int fd, size_t unit);
 
 private:
     std::vector<unsigned char> data;
@@ -62,8 +66,10 @@ void tuneConnection(int fd);
  *  error(peerClosed) naming `peer`. */
 void flush(int fd, engine::byteQueue& queue, const deadline& until, const std::string& peer);
 
-/** Reads more of what `fd` holds into `box`, waiting until `until`; throws error(timedOut)
- *  ("... while waiting for <waiting>") or error(peerClosed). */
-void fill(int fd, inbox& box, const deadline& until, const std::string& peer, const char* waiting);
+/** Reads more of what `fd` holds into `box` toward a unit of `unit` bytes, waiting until
+ *  `until`; throws error(timedOut) ("... while this end waited for <waiting>") or
+ *  error(peerClosed). */
+void fill(int fd, inbox& box, size_t unit, const deadline& until, const std::string& peer,
+          const char* waiting);
 
 } // namespace veltrix::session::detail

@@ -28,7 +28,6 @@ using engine::steadyClock;
 
 /** Bytes read from one session before the loop turns to the others. */
 constexpr size_t kReadRound = size_t{256} * 1024;
-constexpr size_t kReadChunk = size_t{64} * 1024;
 
 std::string peerOf(const sockaddr_storage& address)
 {
@@ -185,7 +184,7 @@ private:
         size_t taken = 0;
         while (taken < kReadRound && !finished) {
             const size_t before = arrived.size();
-            const engine::ioResult result = arrived.readFrom(fd, kReadChunk);
+            const engine::ioResult result = arrived.readFor(fd, link->wanted());
             if (result == engine::ioResult::blocked) {
                 break;
             }
