@@ -39,47 +39,26 @@
 //
 //   net_bench    (no options; 7 to 12 s)
 
-#include "benchCommon.h"
+#include "benchNet.h"
 #include "vxNetAuth.h"
-#include "vxNetClient.h"
-#include "vxNetServer.h"
 #include "vxNetSocket.h"
 #include "vxNetTransport.h"
 
-#include <malloc.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <ctime>
-#include <fstream>
-#include <functional>
-#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 using namespace veltrix;
 using namespace vxbench;
 
 namespace {
-
-const char* const kCipher = "aes256";
-const char* const kHash = "md5";
-const char* const kLoopback = "127.0.0.1";
-const char* const kSecret = "the secret both ends of every benchmark connection share";
 
 constexpr size_t kPayloadSize = 16384;
 constexpr int kRepetitions = 3;
@@ -95,54 +74,12 @@ constexpr size_t kWarmupHandshakes = 10;
 constexpr size_t kHandshakes = 300;
 
 constexpr size_t kIdleConnections = 1000;
-constexpr rlim_t kSpareDescriptors = 64; // the listener, pipes, standard streams, the plug-in
 constexpr double kMemoryGoal = 64 * 1024;
-
-constexpr int kAcceptWaitMs = 10000;
-constexpr uint32_t kReceiveTimeoutSeconds = 30; // the client's guard against a stuck server
-constexpr int kChildGraceMs = 2000; // a failed run waits this long for its server to exit
-constexpr int kChildPollMs = 10;
 
 // The handshake's version message, as the library builds it.
 constexpr uint32_t kMessageSize = 16;
 constexpr uint32_t kVersionOffsets = 12;
 constexpr uint32_t kProtocolVersion = 1;
-
-using steadyClock = std::chrono::steady_clock;
-
-double secondsBetween(steadyClock::time_point from, steadyClock::time_point to)
-{
-    return std::chrono::duration<double>(to - from).count();
-}
-
-/** CPU seconds this process has used so far. */
-double processCpuSeconds()
-{
-    return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
-}
-
-/** Reports why the run stops; main prints the library's error trail once. */
-bool fail(const std::string& what)
-{
-    std::cerr << "net_bench: " << what << "\n";
-    return false;
-}
-
-std::string fixed(double value, int decimals)
-{
-    std::ostringstream out;
-    out.setf(std::ios::fixed);
-    out.precision(decimals);
-    out << value;
-    return out.str();
-}
-
-vxBytes bytesOf(const std::string& text)
-{
-    vxBytes bytes;
-    (void)bytes.Replace(text);
-    return bytes;
-}
 
 std::string textOf(const vxBytes& bytes)
 {
@@ -156,286 +93,6 @@ vxBytes sixteenBytes(unsigned char start)
         out.bytes.push_back(static_cast<unsigned char>(start + i));
     }
     return out;
-}
-
-/** Closes, last first, whichever of `objects` are open; false when a close fails. */
-bool closeAll(std::initializer_list<vxBase*> objects)
-{
-    bool closed = true;
-    for (auto it = std::rbegin(objects); it != std::rend(objects); ++it) {
-        if ((*it)->opened) {
-            closed = benchFrame::close(**it) && closed;
-        }
-    }
-    return closed;
-}
-
-// ---- The result table --------------------------------------------------------------------------
-
-struct resultRow
-{
-    std::string label;
-    std::string measured;
-    std::string reference;
-    double ratio = 0;
-    std::string goal;    ///< "-" for none
-    std::string verdict; ///< "within", "OVER" or "-"
-};
-
-void printTable(const std::vector<resultRow>& rows)
-{
-    char line[240];
-    std::cout << "\nresults (ratio = measured / reference)\n";
-    (void)std::snprintf(line, sizeof line, "%-44s %-24s %-30s %6s %8s\n", "measurement", "measured",
-                        "reference", "ratio", "goal");
-    std::cout << line;
-    for (const resultRow& row : rows) {
-        (void)std::snprintf(line, sizeof line, "%-44s %-24s %-30s %6.2f %8s  %s\n",
-                            row.label.c_str(), row.measured.c_str(), row.reference.c_str(),
-                            row.ratio, row.goal.c_str(), row.verdict.c_str());
-        std::cout << line;
-    }
-}
-
-// ---- Descriptors and memory --------------------------------------------------------------------
-
-/** Raises the soft limit on open files to the hard limit; returns the limit now in force. A forked
- *  server inherits it. */
-rlim_t raiseDescriptorLimit()
-{
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return 0;
-    }
-    if (limit.rlim_cur < limit.rlim_max) {
-        rlimit raised = limit;
-        raised.rlim_cur = limit.rlim_max;
-        if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
-            limit = raised;
-        }
-    }
-    return limit.rlim_cur;
-}
-
-struct memorySample
-{
-    long long resident = 0; ///< bytes, from /proc/self/statm
-    long long heap = 0;     ///< bytes allocated by malloc, arena and mapped blocks
-};
-
-bool sampleMemory(memorySample& sample)
-{
-    std::ifstream statm("/proc/self/statm");
-    long long pages = 0;
-    long long residentPages = 0;
-    if (!(statm >> pages >> residentPages)) {
-        return false;
-    }
-    sample.resident = residentPages * sysconf(_SC_PAGESIZE);
-    const struct mallinfo2 info = mallinfo2();
-    sample.heap = static_cast<long long>(info.uordblks + info.hblkhd);
-    return true;
-}
-
-// ---- The server process ------------------------------------------------------------------------
-
-/** Reads one line from `fd` (without its newline); false at end of file before a newline. */
-bool readLine(int fd, std::string& line)
-{
-    line.clear();
-    char c = 0;
-    while (read(fd, &c, 1) == 1) {
-        if (c == '\n') {
-            return true;
-        }
-        line.push_back(c);
-    }
-    return false;
-}
-
-bool writeLine(int fd, const std::string& text)
-{
-    const std::string line = text + "\n";
-    return write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
-}
-
-/** Waits until the non-blocking listening socket has a connection pending, then accepts and
- *  handshakes it as a managed connection. */
-bool acceptManaged(vxNetServer& server)
-{
-    pollfd pending{server.socket.sockFd, POLLIN, 0};
-    if (poll(&pending, 1, kAcceptWaitMs) != 1) {
-        return fail("the server saw no connection in time");
-    }
-    if (!server.acceptNewManagedClient(bytesOf(kSecret))) {
-        return fail("the server could not accept and handshake a connection");
-    }
-    return true;
-}
-
-/** Receives on `peer` until the disconnect command (or the peer's close) arrives. Data messages
- *  are dropped. */
-bool drainUntilDisconnect(vxNetConnectedClient& peer)
-{
-    vxBytes message;
-    while (!peer.socket.doDisconnect) {
-        if (!peer.encryptedSocket.RecvEncrypted(message)) {
-            return fail("the server could not receive");
-        }
-    }
-    return true;
-}
-
-/** What the server does once it listens: its side of one measurement. `reports` is the pipe to
- *  the benchmark process. */
-using serveFunction = std::function<bool(vxNetServer& server, int reports)>;
-
-/** Binds 127.0.0.1 on a port the system picks and tells the benchmark process which. */
-bool listenOnLoopback(vxNetServer& server, int reports)
-{
-    if (!server.SetCipherMode(kCipher) || !server.SetHashMode(kHash) ||
-        !server.socket.setPort("0") || !server.socket.setAddress(kLoopback) ||
-        !server.socket.BindAndListen()) {
-        return fail("the server could not listen on the loopback address");
-    }
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    if (getsockname(server.socket.sockFd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
-        return fail("the server could not read back its port");
-    }
-    return writeLine(reports, std::to_string(ntohs(bound.sin_port)));
-}
-
-/** The whole life of a server process; the result becomes its exit status. */
-bool runServer(benchFrame& frame, const std::string& what, const serveFunction& serve, int reports)
-{
-    vxNetServer server;
-    const bool served =
-        frame.open(server) && listenOnLoopback(server, reports) && serve(server, reports);
-    if (!served) {
-        // Before the server goes: its destructor closes the connections, and the benchmark
-        // process, seeing them close, fails too and terminates this one.
-        std::cerr << "net_bench: the " << what << " server failed; its error trail:\n";
-        vxBase::DumpStackTrace(std::cerr);
-    }
-    // Whatever the server still manages is closed by its destructor.
-    return served && closeAll({&server});
-}
-
-/** A server in a forked child process, and the pipe it reports through. A server still running
- *  when this goes (the benchmark process failed) is terminated and reaped. */
-class childServer
-{
-public:
-    childServer() = default;
-    childServer(const childServer&) = delete;
-    childServer& operator=(const childServer&) = delete;
-    childServer(childServer&&) = delete;
-    childServer& operator=(childServer&&) = delete;
-
-    ~childServer()
-    {
-        closeReports();
-        if (pid > 0 && !exitedWithin(kChildGraceMs)) {
-            (void)kill(pid, SIGTERM);
-            (void)waitpid(pid, nullptr, 0);
-        }
-    }
-
-    /** Forks the server and reads the port it listens on. */
-    bool start(benchFrame& frame, const std::string& what, const serveFunction& serve)
-    {
-        int ends[2] = {-1, -1};
-        if (pipe(ends) != 0) {
-            return fail("cannot create a pipe for the " + what + " server");
-        }
-        std::cout.flush();
-        std::cerr.flush();
-        pid = fork();
-        if (pid == 0) {
-            (void)::close(ends[0]);
-            const bool served = runServer(frame, what, serve, ends[1]);
-            std::cout.flush();
-            std::cerr.flush();
-            _exit(served ? 0 : 1); // nothing of the benchmark process may run twice
-        }
-        (void)::close(ends[1]);
-        reports = ends[0];
-        if (pid < 0) {
-            return fail("cannot start the " + what + " server");
-        }
-        if (!readLine(reports, port) || port.empty()) {
-            return fail("the " + what + " server did not report its port");
-        }
-        return true;
-    }
-
-    /** Waits for the server to exit; true when it exited successfully. */
-    bool finish()
-    {
-        closeReports();
-        int status = 0;
-        const bool reaped = waitpid(pid, &status, 0) == pid;
-        pid = -1;
-        if (!reaped || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-            return fail("the server process did not finish cleanly");
-        }
-        return true;
-    }
-
-    std::string port;
-    int reports = -1; ///< read end of the pipe
-
-private:
-    /** A server that failed too is given the time to report and exit by itself. */
-    bool exitedWithin(int milliseconds) const
-    {
-        for (int waited = 0; waited < milliseconds; waited += kChildPollMs) {
-            if (waitpid(pid, nullptr, WNOHANG) == pid) {
-                return true;
-            }
-            (void)poll(nullptr, 0, kChildPollMs);
-        }
-        return false;
-    }
-
-    void closeReports()
-    {
-        if (reports != -1) {
-            (void)::close(reports);
-            reports = -1;
-        }
-    }
-
-    pid_t pid = -1;
-};
-
-// ---- The client side ---------------------------------------------------------------------------
-
-/** Opens `client`, connects it to the server's port and runs the handshake. */
-bool connectClient(benchFrame& frame, vxNetClient& client, const std::string& port)
-{
-    uint32_t timeout = kReceiveTimeoutSeconds;
-    // The port is set before the address: the address is resolved with it.
-    if (!frame.open(client) || !client.socket.setPort(port) ||
-        !client.socket.setAddress(kLoopback) || !client.socket.setTimeOut(timeout) ||
-        !client.Connect()) {
-        return fail("the client could not connect");
-    }
-    if (!frame.open(client.encryptedSocket, kCipher, kHash, &client.socket) ||
-        !client.PerformKeyExchange(bytesOf(kSecret))) {
-        return fail("the client's handshake failed");
-    }
-    return true;
-}
-
-/** The disconnect command, then the close at once: the server waits for it. */
-bool disconnectClient(vxNetClient& client)
-{
-    if (!client.SendClientDisconnect() || !closeAll({&client, &client.encryptedSocket})) {
-        return fail("the client could not disconnect");
-    }
-    return true;
 }
 
 // ---- 1. Throughput -----------------------------------------------------------------------------
@@ -686,8 +343,8 @@ bool measureThroughput(benchFrame& frame, std::vector<resultRow>& rows)
     const size_t packets = packetsFor(cost);
     std::cout << "1. throughput of " << kPayloadSize << "-byte payloads, " << packets
               << " per repetition (MB = 10^6 payload bytes)\n";
-    childServer server;
-    if (!server.start(frame, "throughput",
+    childProcess server;
+    if (!startLibrary(server, frame, "throughput server", 0,
                       [packets](vxNetServer& s, int) { return sinkPayloads(s, packets); })) {
         return false;
     }
@@ -712,9 +369,8 @@ bool measureThroughput(benchFrame& frame, std::vector<resultRow>& rows)
         return false;
     }
     const repetition& middle = medianRepetition(all);
-    rows.push_back({"loopback 16 KiB one way, end to end", rateText(middle.endToEnd()),
-                    rateText(middle.reference()), middle.ratio(), ">= " + fixed(kThroughputGoal, 2),
-                    middle.ratio() >= kThroughputGoal ? "within" : "OVER"});
+    rows.push_back(atLeast("loopback 16 KiB one way, end to end", rateText(middle.endToEnd()),
+                           rateText(middle.reference()), middle.ratio(), kThroughputGoal));
     return true;
 }
 
@@ -746,8 +402,8 @@ bool oneHandshake(benchFrame& frame, const std::string& port)
 /** Seconds per handshake over the network, after a few untimed ones. */
 bool timeHandshakes(benchFrame& frame, double& perHandshake)
 {
-    childServer server;
-    if (!server.start(frame, "handshake", [](vxNetServer& s, int) {
+    childProcess server;
+    if (!startLibrary(server, frame, "handshake server", 0, [](vxNetServer& s, int) {
             return serveHandshakes(s, kWarmupHandshakes + kHandshakes);
         })) {
         return false;
@@ -901,93 +557,36 @@ bool measureHandshakes(benchFrame& frame, std::vector<resultRow>& rows)
               << " us opening and closing the two encrypted sockets = "
               << fixed(crypto.total() * 1e6, 1) << " us (" << fixed(share * 100, 1)
               << "% of a handshake)\n";
-    rows.push_back({"handshakes per second (ratio: crypto share)",
-                    fixed(1 / perHandshake, 0) + " /s",
-                    fixed(1 / crypto.total(), 0) + " /s crypto alone", share, "-", "-"});
+    rows.push_back(noGoal("handshakes per second (ratio: crypto share)",
+                          fixed(1 / perHandshake, 0) + " /s",
+                          fixed(1 / crypto.total(), 0) + " /s crypto alone", share));
     return true;
 }
 
 // ---- 3. Memory per idle connection -------------------------------------------------------------
 
-/** The server of the memory test: `count` connections accepted and left idle, memory sampled
- *  before the first, after the first and after the last and reported as one line; then every
- *  connection received until its disconnect, and pruned. */
-bool holdIdle(vxNetServer& server, size_t count, int reports)
-{
-    memorySample before;
-    memorySample first;
-    memorySample last;
-    if (!sampleMemory(before)) {
-        return fail("the server cannot read its memory use");
-    }
-    for (size_t i = 0; i < count; ++i) {
-        if (!acceptManaged(server) || (i == 0 && !sampleMemory(first))) {
-            return false;
-        }
-    }
-    if (!sampleMemory(last)) {
-        return fail("the server cannot read its memory use");
-    }
-    std::ostringstream line;
-    line << before.resident << ' ' << first.resident << ' ' << last.resident << ' ' << before.heap
-         << ' ' << first.heap << ' ' << last.heap;
-    if (!writeLine(reports, line.str())) {
-        return false;
-    }
-    for (const auto& peer : server.connectedClients) {
-        if (!drainUntilDisconnect(*peer)) {
-            return false;
-        }
-    }
-    (void)server.pruneCClist();
-    return server.connectedClients.empty() || fail("the server could not prune the connections");
-}
-
-/** How many idle connections the descriptor limit allows, said aloud when fewer than wanted. */
-size_t idleConnectionCount(rlim_t descriptorLimit)
-{
-    if (descriptorLimit >= kIdleConnections + kSpareDescriptors) {
-        return kIdleConnections;
-    }
-    const size_t count = descriptorLimit > kSpareDescriptors + 2
-                             ? static_cast<size_t>(descriptorLimit - kSpareDescriptors)
-                             : 2;
-    std::cout << "   the limit on open files is " << descriptorLimit << ": " << count
-              << " connections instead of " << kIdleConnections << "\n";
-    return count;
-}
-
 void addMemoryRow(std::vector<resultRow>& rows, const char* label, double perConnection)
 {
-    const double ratio = perConnection / kMemoryGoal;
-    rows.push_back({label, fixed(perConnection / 1024, 1) + " KiB",
-                    fixed(kMemoryGoal / 1024, 1) + " KiB (budget)", ratio, "<= 1.00",
-                    ratio <= 1.0 ? "within" : "OVER"});
+    rows.push_back(atMost(label, fixed(perConnection / 1024, 1) + " KiB",
+                          fixed(kMemoryGoal / 1024, 1) + " KiB (budget)",
+                          perConnection / kMemoryGoal, 1.0));
 }
 
 bool reportMemory(const std::string& line, size_t count, std::vector<resultRow>& rows)
 {
-    std::istringstream in(line);
-    memorySample before;
-    memorySample first;
-    memorySample last;
-    if (!(in >> before.resident >> first.resident >> last.resident >> before.heap >> first.heap >>
-          last.heap)) {
+    memoryReport report;
+    if (!report.parse(line)) {
         return fail("the memory report of the server is unreadable: " + line);
     }
-    const auto others = static_cast<double>(count - 1);
-    const double resident = static_cast<double>(last.resident - first.resident) / others;
-    const double heap = static_cast<double>(last.heap - first.heap) / others;
+    const auto kib = [](long long bytes) { return fixed(static_cast<double>(bytes) / 1024, 1); };
     std::cout << "   the first connection: resident +"
-              << fixed(static_cast<double>(first.resident - before.resident) / 1024, 1)
-              << " KiB, heap +" << fixed(static_cast<double>(first.heap - before.heap) / 1024, 1)
-              << " KiB (one-time costs included)\n"
+              << kib(report.first.resident - report.before.resident) << " KiB, heap +"
+              << kib(report.first.heap - report.before.heap) << " KiB (one-time costs included)\n"
               << "   the " << count - 1 << " after it: resident +"
-              << fixed(static_cast<double>(last.resident - first.resident) / 1024, 1)
-              << " KiB, heap +" << fixed(static_cast<double>(last.heap - first.heap) / 1024, 1)
-              << " KiB in all\n";
-    addMemoryRow(rows, "server memory per idle connection, resident", resident);
-    addMemoryRow(rows, "server memory per idle connection, heap", heap);
+              << kib(report.last.resident - report.first.resident) << " KiB, heap +"
+              << kib(report.last.heap - report.first.heap) << " KiB in all\n";
+    addMemoryRow(rows, "server memory per idle connection, resident", report.residentEach(count));
+    addMemoryRow(rows, "server memory per idle connection, heap", report.heapEach(count));
     return true;
 }
 
@@ -1044,10 +643,10 @@ bool printRecordBreakdown(benchFrame& frame)
 bool measureIdleMemory(benchFrame& frame, rlim_t descriptorLimit, std::vector<resultRow>& rows)
 {
     std::cout << "3. server memory per idle connection\n";
-    const size_t count = idleConnectionCount(descriptorLimit);
-    childServer server;
-    if (!server.start(frame, "memory", [count](vxNetServer& s, int reports) {
-            return holdIdle(s, count, reports);
+    const size_t count = connectionsWithin(descriptorLimit, kIdleConnections, 1, "connections");
+    childProcess server;
+    if (!startLibrary(server, frame, "memory server", 0, [count](vxNetServer& s, int reports) {
+            return holdIdle(s, count, reports, false);
         })) {
         return false;
     }
@@ -1060,7 +659,7 @@ bool measureIdleMemory(benchFrame& frame, rlim_t descriptorLimit, std::vector<re
         }
     }
     std::string report;
-    if (!readLine(server.reports, report)) {
+    if (!server.readLine(report)) {
         return fail("the memory server did not report");
     }
     for (const auto& client : clients) {
@@ -1084,19 +683,11 @@ bool measureAll(benchFrame& frame, std::vector<resultRow>& rows)
 
 int main()
 {
-    benchFrame frame;
-    if (!frame.loadPlugin(VX_PLUGIN_DIR)) {
-        std::cerr << "net_bench: cannot load the plug-in from " << VX_PLUGIN_DIR << "\n";
-        vxBase::DumpStackTrace(std::cerr);
-        return 1;
-    }
-    std::vector<resultRow> rows;
-    const bool measured = measureAll(frame, rows);
-    printTable(rows);
-    if (!measured || vxGlobal.stackTrace.errorLatch.load()) {
-        std::cerr << "net_bench: stopped; not everything could be measured\n";
-        vxBase::DumpStackTrace(std::cerr);
-        return 1;
-    }
-    return closeAll({&frame.api}) ? 0 : 1;
+    const tableLayout table{"results (ratio = measured / reference)",
+                            {"measured", 24},
+                            {"reference", 30},
+                            6,      // the ratio's width
+                            false,  // a tiny ratio reads 0.00
+                            false}; // no run time under the table
+    return runMeasurements("net_bench", VX_PLUGIN_DIR, table, measureAll);
 }
