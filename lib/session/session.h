@@ -37,7 +37,8 @@ enum class cause
     payloadSize,        ///< a payload of 0 bytes or of more than maxPayload
     protocol,           ///< the peer's bytes are not the transport's: altered, another protocol,
                         ///< or another cipher mode
-    slowPeer,           ///< the peer does not take what it is sent (serverOptions::maxQueued)
+    slowPeer,           ///< the peer does not take what it is sent: more than maxQueued bytes
+                        ///< wait for it, or it took none of them within receiveTimeout
     system,             ///< a system call failed (out of descriptors, memory, ...)
     setup,              ///< a bad argument, plug-in, secret file or mode name
     stopped             ///< the server was stopped, or the session closed by this end
@@ -230,7 +231,8 @@ struct serverOptions
 {
     modes chosen;                               ///< the modes every client must use
     milliseconds handshakeTimeout{10000};       ///< from the accept to the end of the handshake
-    milliseconds receiveTimeout{30000};         ///< for the rest of a packet once it began
+    milliseconds receiveTimeout{30000};         ///< for the rest of a packet once it began, and
+                                                ///< for the peer to take some of what waits for it
     milliseconds idleTimeout{0};                ///< with nothing from the peer in between
     size_t maxSessions = 1000;                  ///< further connections are closed at once
     size_t maxQueued = size_t{4} * 1024 * 1024; ///< bytes queued for one slow peer

@@ -143,11 +143,17 @@ public:
         if (finished || now < deadline()) {
             return;
         }
+        const std::string who = "session " + std::to_string(number) + " with " + peerName;
+        if (now >= after(sendStalled, host.limits.receiveTimeout)) {
+            end(error(cause::slowPeer, who + ": the peer took nothing of what it was sent (" +
+                                           std::to_string(link->outbound.size()) +
+                                           " bytes queued) in time"));
+            return;
+        }
         const char* what = !link || !link->keyed()                          ? "the handshake"
                            : partialSince != steadyClock::time_point::max() ? "the rest of a packet"
                                                                             : "a message (idle)";
-        end(error(cause::timedOut, "session " + std::to_string(number) + " with " + peerName +
-                                       ": " + what + " did not arrive in time"));
+        end(error(cause::timedOut, who + ": " + what + " did not arrive in time"));
     }
 
     [[nodiscard]] steadyClock::time_point deadline() const
@@ -158,8 +164,9 @@ public:
         if (!link || !link->keyed()) {
             return handshakeEnd;
         }
-        return std::min(after(partialSince, host.limits.receiveTimeout),
-                        after(lastTraffic, host.limits.idleTimeout));
+        return std::min({after(partialSince, host.limits.receiveTimeout),
+                         after(lastTraffic, host.limits.idleTimeout),
+                         after(sendStalled, host.limits.receiveTimeout)});
     }
 
     /** Ends the session with `why` (null: the peer disconnected) and tells the application. */
@@ -269,10 +276,19 @@ private:
         if (finished) {
             return;
         }
-        if (engine::writeFrom(fd, true, link->outbound) == engine::ioResult::failed) {
+        const engine::ioResult sent = engine::writeFrom(fd, true, link->outbound);
+        if (sent == engine::ioResult::failed) {
             throw error(cause::peerClosed, "session " + std::to_string(number) + " with " +
                                                peerName + ": the peer broke the connection (" +
                                                engine::errnoText() + ")");
+        }
+        // A peer that takes nothing of what is queued for it within the receive limit is as
+        // stuck as one that stops halfway through a packet.
+        if (link->outbound.empty() || sent == engine::ioResult::progress) {
+            sendStalled =
+                link->outbound.empty() ? steadyClock::time_point::max() : steadyClock::now();
+        } else if (sendStalled == steadyClock::time_point::max()) {
+            sendStalled = steadyClock::now();
         }
         if (link->outbound.size() > host.limits.maxQueued) {
             throw error(cause::slowPeer, "session " + std::to_string(number) + " with " + peerName +
@@ -330,6 +346,7 @@ private:
     steadyClock::time_point handshakeEnd;
     steadyClock::time_point partialSince = steadyClock::time_point::max();
     steadyClock::time_point lastTraffic = steadyClock::now();
+    steadyClock::time_point sendStalled = steadyClock::time_point::max(); ///< since then unsent
 
 public:
     /** The handlers may have queued messages for this session: send them. */
