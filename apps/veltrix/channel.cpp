@@ -22,7 +22,6 @@ namespace vxcli {
 
 using namespace veltrix;
 
-
 namespace {
 
 const std::set<std::string> kOtherHashes = {"sha1", "sha256", "sha384", "sha512"};
