@@ -130,8 +130,7 @@ void channel::release() noexcept
 
 bool channel::take(const unsigned char* data)
 {
-    const std::lock_guard<std::mutex> hold(libraryLock());
-    try {
+    return locked([&] {
         switch (awaiting) {
         case step::version:
         case step::challengeRequest:
@@ -144,11 +143,8 @@ bool channel::take(const unsigned char* data)
         case step::body:
             return bodyStep(data);
         }
-    } catch (const engine::failure& broken) {
-        vxBase::lvxClearLastError();
-        throw error(cause::system, broken.what());
-    }
-    return false;
+        return false;
+    });
 }
 
 void channel::handshakeStep(const unsigned char* data)
@@ -249,30 +245,22 @@ bool channel::bodyStep(const unsigned char* data)
 void channel::seal(const void* data, size_t size)
 {
     checkPayloadSize(size);
-    const std::lock_guard<std::mutex> hold(libraryLock());
     const auto* first = static_cast<const unsigned char*>(data);
-    outgoing.bytes.assign(first, first + size);
-    try {
+    locked([&] {
+        outgoing.bytes.assign(first, first + size);
         expect(encrypted.SendEncrypted(outgoing), cause::system,
                "cannot send a message to " + peerName);
         pipe->drain(outbound);
-    } catch (const engine::failure& broken) {
-        vxBase::lvxClearLastError();
-        throw error(cause::system, broken.what());
-    }
+    });
 }
 
 void channel::sealDisconnect()
 {
-    const std::lock_guard<std::mutex> hold(libraryLock());
-    try {
+    locked([&] {
         expect(encrypted.SendClientDisconnect(), cause::system,
                "cannot send the disconnect command to " + peerName);
         pipe->drain(outbound);
-    } catch (const engine::failure& broken) {
-        vxBase::lvxClearLastError();
-        throw error(cause::system, broken.what());
-    }
+    });
 }
 
 } // namespace veltrix::session::detail

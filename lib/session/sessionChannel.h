@@ -21,6 +21,19 @@ namespace veltrix::session::detail {
  *  call and the clearing of the latch must not let another thread's call in between. */
 std::mutex& libraryLock();
 
+/** Runs `action` under libraryLock(). A failing local socket pair (engine::failure) becomes
+ *  error(system), with the latch cleared before the lock is released. */
+template <class Action> auto locked(const Action& action) -> decltype(action())
+{
+    const std::lock_guard<std::mutex> hold(libraryLock());
+    try {
+        return action();
+    } catch (const engine::failure& broken) {
+        vxBase::lvxClearLastError();
+        throw error(cause::system, broken.what());
+    }
+}
+
 /** Opens and closes library objects under the object protocol, as the owner of every object
  *  the session layer makes. */
 class anchor : public vxBase

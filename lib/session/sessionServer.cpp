@@ -248,10 +248,7 @@ private:
     {
         try {
             call();
-        } catch (const error& thrown) {
-            throw error(cause::setup,
-                        "the application's handler failed: " + std::string(thrown.what()));
-        } catch (const std::exception& thrown) {
+        } catch (const std::exception& thrown) { // a session::error too
             throw error(cause::setup,
                         "the application's handler failed: " + std::string(thrown.what()));
         }
