@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -31,51 +32,39 @@ struct registryField
     void (*bind)(vxReg& registry, void* function);
 };
 
-#define VX_REG_BINDER(entry, result, params)                     \
+#define VX_REG_BINDER(entry, asked, result, params)              \
     {#entry, [](vxReg& registry, void* function) {               \
          registry.entry = reinterpret_cast<entry##_t>(function); \
      }},
 const registryField registryFields[] = {VX_PLUGIN_ENTRY_POINTS(VX_REG_BINDER)};
 #undef VX_REG_BINDER
 
-/** The entry points the library accepts, in the order it asks for them. */
-const char* const acceptedNames[] = {"vxPluginMdOpen",
-                                     "vxPluginMdInit",
-                                     "vxPluginMdClose",
-                                     "vxPluginMdFinal",
-                                     "vxPluginMdUpdate",
-                                     "vxPluginMdDigest",
-                                     "vxPluginMdDigestSize",
-                                     "vxPluginRsaOpen",
-                                     "vxPluginRsaSign",
-                                     "vxPluginRsaClose",
-                                     "vxPluginRsaVerify",
-                                     "vxPluginRsaKeySize",
-                                     "vxPluginRsaKeyCheck",
-                                     "vxPluginRsaIsPublic",
-                                     "vxPluginRsaIsPrivate",
-                                     "vxPluginRsaBlindingOn",
-                                     "vxPluginRsaBlindingOff",
-                                     "vxPluginRsaGetExponent",
-                                     "vxPluginRsaPublicEncrypt",
-                                     "vxPluginRsaPrivateDecrypt",
-                                     "vxPluginRsaGeneratePrivate",
-                                     "vxPluginRsaMakeKeyFromExps",
-                                     "vxPluginCipherOpen",
-                                     "vxPluginCipherClose",
-                                     "vxPluginCipherSetKey",
-                                     "vxPluginCipherGetKeySize",
-                                     "vxPluginCipherEncryptBlock",
-                                     "vxPluginCipherDecryptBlock",
-                                     "vxPluginCipherGetBlockSize",
-                                     "vxPluginRandOpen",
-                                     "vxPluginRandRead",
-                                     "vxPluginRandClose",
-                                     "vxPluginRandGetBytes",
-                                     "vxPluginRandGetNumFromZero",
-                                     "vxPluginMdDigestPair",
-                                     "vxPluginCipherEncryptBlocks",
-                                     "vxPluginCipherDecryptBlocks"};
+/** The entry points in the order the library asks a plug-in for them: each name at its `asked`
+ *  place. A place out of range does not compile; two entries on one place leave another empty,
+ *  which the assertion below catches. */
+constexpr std::array<const char*, std::size(registryFields)> askedOrder()
+{
+    std::array<const char*, std::size(registryFields)> names{};
+#define VX_ASKED_NAME(entry, asked, result, params) names[asked] = #entry;
+    VX_PLUGIN_ENTRY_POINTS(VX_ASKED_NAME)
+#undef VX_ASKED_NAME
+    return names;
+}
+
+constexpr auto askedNames = askedOrder();
+
+constexpr bool everyPlaceTaken()
+{
+    for (const char* name : askedNames) {
+        if (name == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static_assert(everyPlaceTaken(),
+              "every entry point needs a place of its own in the order of asking");
 
 const vxReg& plugin()
 {
@@ -96,15 +85,7 @@ void releaseLeftState(vxPluginStorage& storage, vxPluginMdClose_t vxReg::*close)
 
 // ---- registry and front object ----
 
-vxReg::vxReg()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxReg::~vxReg()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxReg)
 
 bool vxReg::linkResolvedSymbols(vxPluginAccepts& accepts)
 {
@@ -158,33 +139,23 @@ bool vxApi::makeSymbol(std::string symbol)
 
 bool vxApi::populatePluginAccepts()
 {
-    for (const char* symbol : acceptedNames) {
-        (void)makeSymbol(symbol);
+    for (const char* entry : askedNames) {
+        (void)makeSymbol(entry);
     }
     return true;
 }
 
 // ---- algorithm identifiers ----
 
-vxHashId::vxHashId()
-{
-    LVX_INIT_OBJECT();
-}
+/** The case label of one algorithm's id; defined for the two Open operations below only. */
+#define VX_ALGORITHM_CASE(identifier, id, name, bytes) case identifier:
 
-vxHashId::~vxHashId()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxHashId)
 
 bool vxHashId::Open(uint32_t id)
 {
     switch (id) {
-    case md5:
-    case sha1:
-    case sha256:
-    case sha512:
-    case sha384:
-    case sha256_128:
+        VX_DIGEST_ALGORITHMS(VX_ALGORITHM_CASE)
         value = id;
         return true;
     default:
@@ -198,24 +169,20 @@ bool vxHashId::GetValue(uint32_t& id) const
     return true;
 }
 
-vxCipherId::vxCipherId()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxCipherId::~vxCipherId()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxCipherId)
 
 bool vxCipherId::Open(uint32_t id)
 {
-    if (id < none || id > aes256) {
+    switch (id) {
+        VX_CIPHER_ALGORITHMS(VX_ALGORITHM_CASE)
+        value = id;
+        return true;
+    default:
         return false; // quiet: the owner reports an unknown algorithm
     }
-    value = id;
-    return true;
 }
+
+#undef VX_ALGORITHM_CASE
 
 bool vxCipherId::GetValue(uint32_t& id) const
 {
@@ -225,16 +192,7 @@ bool vxCipherId::GetValue(uint32_t& id) const
 
 // ---- message digest ----
 
-vxMd::vxMd()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxMd::~vxMd()
-{
-    LVX_DESTRUCT();
-    releaseLeftState(storage, &vxReg::vxPluginMdClose);
-}
+LVX_DEFINE_LIFECYCLE_RELEASING(vxMd, releaseLeftState(storage, &vxReg::vxPluginMdClose))
 
 bool vxMd::Open(const vxHashId& id)
 {
@@ -379,15 +337,7 @@ std::ostream& operator<<(std::ostream& out, const vxMd& md)
 
 // ---- keyed digest ----
 
-vxHmacMd::vxHmacMd()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxHmacMd::~vxHmacMd()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxHmacMd)
 
 bool vxHmacMd::Open(vxHashId& id)
 {
@@ -407,14 +357,14 @@ bool vxHmacMd::SetKey(const vxBytes& key)
     const unsigned char* from = key.bytes.data();
     unsigned char* innerPad = innerKey.bytes.data();
     unsigned char* outerPad = outerKey.bytes.data();
-    constexpr uint64_t innerMask = 0x3636363636363636ULL;
-    constexpr uint64_t outerMask = 0x5C5C5C5C5C5C5C5CULL;
+    constexpr uint64_t kInnerMask = 0x3636363636363636ULL;
+    constexpr uint64_t kOuterMask = 0x5C5C5C5C5C5C5C5CULL;
     size_t i = 0;
     for (; i + sizeof(uint64_t) <= size; i += sizeof(uint64_t)) {
         uint64_t word = 0;
         std::memcpy(&word, from + i, sizeof word);
-        const uint64_t innerWord = word ^ innerMask;
-        const uint64_t outerWord = word ^ outerMask;
+        const uint64_t innerWord = word ^ kInnerMask;
+        const uint64_t outerWord = word ^ kOuterMask;
         std::memcpy(innerPad + i, &innerWord, sizeof innerWord);
         std::memcpy(outerPad + i, &outerWord, sizeof outerWord);
     }
@@ -472,16 +422,7 @@ bool vxHmacMd::Close()
 
 // ---- block cipher ----
 
-vxCipher::vxCipher()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxCipher::~vxCipher()
-{
-    LVX_DESTRUCT();
-    releaseLeftState(storage, &vxReg::vxPluginCipherClose);
-}
+LVX_DEFINE_LIFECYCLE_RELEASING(vxCipher, releaseLeftState(storage, &vxReg::vxPluginCipherClose))
 
 bool vxCipher::Open(const vxCipherId& id)
 {
@@ -569,16 +510,7 @@ bool vxCipher::Close()
 
 // ---- random source ----
 
-vxRand::vxRand()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxRand::~vxRand()
-{
-    LVX_DESTRUCT();
-    releaseLeftState(storage, &vxReg::vxPluginRandClose);
-}
+LVX_DEFINE_LIFECYCLE_RELEASING(vxRand, releaseLeftState(storage, &vxReg::vxPluginRandClose))
 
 bool vxRand::Open(bool flag)
 {
@@ -636,15 +568,7 @@ bool vxRand::Close()
 
 // ---- sequence ----
 
-vxSequence::vxSequence()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxSequence::~vxSequence()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxSequence)
 
 bool vxSequence::Open(uint32_t outputs)
 {
@@ -679,12 +603,12 @@ namespace veltrix {
 
 namespace {
 
-const char* const defaultFingerprint =
+const char* const kDefaultFingerprint =
     "de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de:de:ad:c0:de";
-constexpr uint32_t largeKeyBytes = 512; // a 4096-bit key takes its fingerprint from SHA-512
-constexpr size_t fingerprintDigits = 64;
-constexpr size_t keyLineWidth = 80;
-const char* const keyLabels = "NEPQD"; // body labels in file order, indices 1 to 5
+constexpr uint32_t kLargeKeyBytes = 512; // a 4096-bit key takes its fingerprint from SHA-512
+constexpr size_t kFingerprintDigits = 64;
+constexpr size_t kKeyLineWidth = 80;
+const char* const kKeyLabels = "NEPQD"; // body labels in file order, indices 1 to 5
 
 std::string keyHeader(uint32_t keyBytes, bool isPrivate)
 {
@@ -693,8 +617,8 @@ std::string keyHeader(uint32_t keyBytes, bool isPrivate)
 
 /** A private key's file is for its owner only; a public key's gets what the umask leaves, as
  *  any other file the process creates. */
-constexpr mode_t privateKeyMode = 0600;
-constexpr mode_t publicKeyMode = 0666;
+constexpr mode_t kPrivateKeyMode = 0600;
+constexpr mode_t kPublicKeyMode = 0666;
 
 /** Writes all of `text`, going on after a signal or a partial write. */
 bool writeAll(int fd, const std::string& text)
@@ -718,7 +642,7 @@ bool writeAll(int fd, const std::string& text)
 bool writeKeyFile(const std::string& path, const std::string& text, bool isPrivate)
 {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                        isPrivate ? privateKeyMode : publicKeyMode);
+                        isPrivate ? kPrivateKeyMode : kPublicKeyMode);
     if (fd == -1) {
         return false; // quiet: an unwritable path is the caller's to report
     }
@@ -727,7 +651,7 @@ bool writeKeyFile(const std::string& path, const std::string& text, bool isPriva
     // private number is written. A file system without modes, or another user's file, refuses;
     // the key is then written as before rather than not at all.
     if (isPrivate) {
-        (void)fchmod(fd, privateKeyMode);
+        (void)fchmod(fd, kPrivateKeyMode);
     }
     const bool written = writeAll(fd, text);
     const bool closed = close(fd) == 0; // a delayed write error shows here
@@ -736,7 +660,7 @@ bool writeKeyFile(const std::string& path, const std::string& text, bool isPriva
 
 } // namespace
 
-vxRsa::vxRsa() : fingerprint(defaultFingerprint)
+vxRsa::vxRsa() : fingerprint(kDefaultFingerprint)
 {
     LVX_INIT_OBJECT();
 }
@@ -877,7 +801,7 @@ bool vxRsa::SetFingerprint()
     LVX_CHECK(GetKeySize(size));
     vxHashId id;
     vxMd md;
-    LVX_CALL_OPEN(id, size == largeKeyBytes ? vxHashId::sha512 : vxHashId::sha256);
+    LVX_CALL_OPEN(id, size == kLargeKeyBytes ? vxHashId::sha512 : vxHashId::sha256);
     LVX_CALL_OPEN(md, id);
     LVX_CHECK(md.Init());
     LVX_CHECK(md.Update(modulus));
@@ -886,7 +810,7 @@ bool vxRsa::SetFingerprint()
     std::string digest;
     LVX_CHECK(md.GetString(digest));
     // The first 32 digest bytes as hex pairs joined by ":"; a SHA-512 digest's rest is unused.
-    for (size_t i = 0; i < fingerprintDigits; i += 2) {
+    for (size_t i = 0; i < kFingerprintDigits; i += 2) {
         fingerprint.append(digest, i, 2).push_back(':');
     }
     fingerprint.pop_back();
@@ -911,14 +835,14 @@ bool vxRsa::WriteKeyToDisk(const std::string& path)
     const std::string header = keyHeader(keyBytes, isPrivate);
     std::string body;
     for (int index = 1; index <= (isPrivate ? 5 : 2); ++index) {
-        body.append(1, keyLabels[index - 1]).append(": ").append(exponent(index)).push_back('\n');
+        body.append(1, kKeyLabels[index - 1]).append(": ").append(exponent(index)).push_back('\n');
     }
     const std::string hex = hexString(std::vector<unsigned char>(body.begin(), body.end())).text;
 
     std::string text = "---- BEGIN KEYSEAL " + header + " KEY ----\n";
     text.append("---- FINGERPRINT    ").append(fingerprint).push_back('\n');
-    for (size_t i = 0; i < hex.size(); i += keyLineWidth) {
-        text.append(hex, i, keyLineWidth).push_back('\n');
+    for (size_t i = 0; i < hex.size(); i += kKeyLineWidth) {
+        text.append(hex, i, kKeyLineWidth).push_back('\n');
     }
     // The end marker keeps its blank after the dashes; readers skip both markers.
     text.append("---- END KEYSEAL ").append(header).append(" KEY ---- \n");
@@ -952,11 +876,11 @@ bool vxRsa::ReadKeyFromDisk(const std::string& path)
         std::string value;
         words >> label >> value;
         // A line without any word throws std::out_of_range here.
-        const char* const letter = std::strchr(keyLabels, label.at(0));
+        const char* const letter = std::strchr(kKeyLabels, label.at(0));
         if (letter == nullptr || *letter == '\0') {
             break; // an unknown label ends the body
         }
-        numbers[letter - keyLabels] = value;
+        numbers[letter - kKeyLabels] = value;
     }
     storage.isopen = plugin().vxPluginRsaMakeKeyFromExps(&storage, &numbers[0], &numbers[1],
                                                          &numbers[2], &numbers[3], &numbers[4]);

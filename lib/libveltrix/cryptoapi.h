@@ -16,7 +16,7 @@ class VX_API vxReg : public vxBase
 {
 public:
     /** Declares the field of one entry point; defined for the list below only. */
-#define VX_REG_FIELD(name, result, params) name##_t name = nullptr;
+#define VX_REG_FIELD(name, asked, result, params) name##_t name = nullptr;
     /** @name Entry points
      *  One field per entry point of VX_PLUGIN_ENTRY_POINTS, in registry order. */
     ///@{
@@ -33,7 +33,7 @@ public:
 
     /** Copies each accepted entry's address into the field of the same name (empty addresses
      *  too). Fails with "Unable to resolve symbol: <name>" for a name that has no field. */
-    bool linkResolvedSymbols(vxPluginAccepts& accepts);
+    [[nodiscard]] bool linkResolvedSymbols(vxPluginAccepts& accepts);
 };
 
 /** The one process-wide registry; set by vxApi::Open, cleared by vxApi::Close. */
@@ -56,31 +56,31 @@ public:
     using vxBase::Open;
     /** Loads the plug-in `name` from the search path and creates the registry. Fails with
      *  "Plugin already loaded." when a registry exists, or with the loader's texts. */
-    bool Open(const std::string& name);
+    [[nodiscard]] bool Open(const std::string& name);
     /** Destroys the registry (the plug-in stays mapped); true. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
     /** Replaces the search path; takes effect at the next Open. */
     void setSearchPath(const std::string& path) { searchPath = path; }
 
     /** Adds `symbol` to the accepted entry points, without an address yet; true. */
-    bool makeSymbol(std::string symbol);
-    /** Lists the 34 entry points the library accepts. */
-    bool populatePluginAccepts();
+    [[nodiscard]] bool makeSymbol(std::string symbol);
+    /** Lists every entry point of VX_PLUGIN_ENTRY_POINTS, in the order of asking (each one's
+     *  `asked` place). */
+    [[nodiscard]] bool populatePluginAccepts();
 };
 
-/** A digest algorithm: 1 MD5, 2 SHA-1, 3 SHA-256, 4 SHA-512, 5 SHA-384, 19 SHA-256/128. */
+/** Declares the identifier of one algorithm; defined for the two lists below only. */
+#define VX_ALGORITHM_ID(identifier, id, name, bytes) identifier = (id),
+
+/** A digest algorithm of VX_DIGEST_ALGORITHMS. */
 class VX_API vxHashId : public vxBase
 {
 public:
+    /** vxHashId::md5 and so on: the id of each digest algorithm. */
     enum : uint32_t
     {
-        md5 = 1,
-        sha1 = 2,
-        sha256 = 3,
-        sha512 = 4,
-        sha384 = 5,
-        sha256_128 = 19
+        VX_DIGEST_ALGORITHMS(VX_ALGORITHM_ID)
     };
 
     uint32_t value = 0; ///< the identifier; 0 until Open
@@ -90,22 +90,21 @@ public:
     ~vxHashId() override;
 
     using vxBase::Open;
-    /** Accepts the six identifiers only; false (no message, no latch) for any other value. */
-    bool Open(uint32_t id);
+    /** Accepts the ids of VX_DIGEST_ALGORITHMS only; false (no message, no latch) for any
+     *  other value. */
+    [[nodiscard]] bool Open(uint32_t id);
     /** The identifier into `id`; always true. */
-    bool GetValue(uint32_t& id) const;
+    [[nodiscard]] bool GetValue(uint32_t& id) const;
 };
 
-/** A block cipher: 1 none, 2 AES-128, 3 AES-192, 4 AES-256. */
+/** A block cipher of VX_CIPHER_ALGORITHMS. */
 class VX_API vxCipherId : public vxBase
 {
 public:
+    /** vxCipherId::none and so on: the id of each cipher. */
     enum : uint32_t
     {
-        none = 1,
-        aes128 = 2,
-        aes192 = 3,
-        aes256 = 4
+        VX_CIPHER_ALGORITHMS(VX_ALGORITHM_ID)
     };
 
     uint32_t value = 0; ///< the identifier; 0 until Open
@@ -115,11 +114,13 @@ public:
     ~vxCipherId() override;
 
     using vxBase::Open;
-    /** Accepts 1 to 4 only; false (no message, no latch) otherwise. */
-    bool Open(uint32_t id);
+    /** Accepts the ids of VX_CIPHER_ALGORITHMS only; false (no message, no latch) otherwise. */
+    [[nodiscard]] bool Open(uint32_t id);
     /** The identifier into `id`; always true. */
-    bool GetValue(uint32_t& id) const;
+    [[nodiscard]] bool GetValue(uint32_t& id) const;
 };
+
+#undef VX_ALGORITHM_ID
 
 /** A message digest computed by the plug-in. */
 class VX_API vxMd : public vxBase
@@ -138,33 +139,33 @@ public:
     using vxBase::Open;
     /** Binds the algorithm. False without a message when no plug-in is loaded or the plug-in
      *  refuses the id. */
-    bool Open(const vxHashId& id);
+    [[nodiscard]] bool Open(const vxHashId& id);
     /** Starts a message; no guard. */
-    bool Init();
+    [[nodiscard]] bool Init();
     /** Fails with "finalized == false" after Final until the next Init. */
-    bool Update(const char* data, uint32_t size);
+    [[nodiscard]] bool Update(const char* data, uint32_t size);
     /** Feeds the characters of `text`; as above. */
-    bool Update(const std::string& text);
+    [[nodiscard]] bool Update(const std::string& text);
     /** Feeds the characters of `text`; as above. */
-    bool Update(std::string&& text);
+    [[nodiscard]] bool Update(std::string&& text);
     /** Feeds the characters of `*text`; as above. */
-    bool Update(const std::string* text);
+    [[nodiscard]] bool Update(const std::string* text);
     /** Feeds the bytes of `data`; as above. */
-    bool Update(const vxBytes& data);
+    [[nodiscard]] bool Update(const vxBytes& data);
     /** Finishes the message; no guard. */
-    bool Final();
+    [[nodiscard]] bool Final();
     /** The message bytes fed since the last Init into `size`; always true. */
-    bool GetLength(uint32_t& size);
+    [[nodiscard]] bool GetLength(uint32_t& size);
     /** The digest bytes; false without a message when the storage is not open. Final is not
      *  required. */
-    bool GetBytes(vxBytes& digest);
+    [[nodiscard]] bool GetBytes(vxBytes& digest);
     /** The digest as upper-case hex; fails with "( finalized == true )" before Final. */
-    bool GetString(std::string& text);
+    [[nodiscard]] bool GetString(std::string& text);
     /** Releases the plug-in state. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
 private:
-    VX_NO_EXPORT bool update(const unsigned char* data, uint32_t size);
+    [[nodiscard]] VX_NO_EXPORT bool update(const unsigned char* data, uint32_t size);
     VX_NO_EXPORT void appendDigest(std::vector<unsigned char>& out);
 };
 
@@ -189,20 +190,20 @@ public:
 
     using vxBase::Open;
     /** Opens both digests with `id`. */
-    bool Open(vxHashId& id);
+    [[nodiscard]] bool Open(vxHashId& id);
     /** Derives both pads from the key; takes effect at the next Init. Always true. */
-    bool SetKey(const vxBytes& key);
+    [[nodiscard]] bool SetKey(const vxBytes& key);
     /** The same with the characters of `key`; refuses while latched. */
-    bool SetKey(const std::string& key);
+    [[nodiscard]] bool SetKey(const std::string& key);
     /** Starts a message and feeds the inner pad. */
-    bool Init();
+    [[nodiscard]] bool Init();
     /** Feeds `data` to the inner digest. */
-    bool Update(const vxBytes& data);
+    [[nodiscard]] bool Update(const vxBytes& data);
     /** Finishes the inner digest (the value) and computes the outer one. */
-    bool Final();
+    [[nodiscard]] bool Final();
     /** Copies the value of the last Final; always true. */
-    bool GetBytes(vxBytes& mac);
-    bool Close() override;
+    [[nodiscard]] bool GetBytes(vxBytes& mac);
+    [[nodiscard]] bool Close() override;
 };
 
 /** One block of the plug-in's cipher at a time. Not reopenable after Close. */
@@ -219,18 +220,18 @@ public:
     using vxBase::Open;
     /** Fails with "storage.isopen == false" (opened before), "cryptoRegistry != NULL" (no
      *  plug-in), "storage.isopen == true" (the plug-in refused the id). */
-    bool Open(const vxCipherId& id);
+    [[nodiscard]] bool Open(const vxCipherId& id);
     /** Fails with "Plugin layer SetKey failed" when the plug-in refuses the key. */
-    bool SetKey(const vxBytes& key);
+    [[nodiscard]] bool SetKey(const vxBytes& key);
     /** The plug-in's block size in bytes into `size`; runs the standard guard. */
-    bool GetBlockSize(uint32_t& size);
+    [[nodiscard]] bool GetBlockSize(uint32_t& size);
     /** The plug-in's key size in bytes into `size`; runs the standard guard. */
-    bool GetKeySize(uint32_t& size);
+    [[nodiscard]] bool GetKeySize(uint32_t& size);
     /** Exactly one block, unchecked; the plug-in's result. */
-    bool Encrypt(const vxBytes& in, vxBytes& out);
+    [[nodiscard]] bool Encrypt(const vxBytes& in, vxBytes& out);
     /** The inverse of Encrypt: exactly one block, unchecked; the plug-in's result. */
-    bool Decrypt(const vxBytes& in, vxBytes& out);
-    bool Close() override;
+    [[nodiscard]] bool Decrypt(const vxBytes& in, vxBytes& out);
+    [[nodiscard]] bool Close() override;
 };
 
 /** Random bytes from the plug-in. */
@@ -249,18 +250,18 @@ public:
     using vxBase::Open;
     /** Opens the plug-in's generator state, handing `flag` to the plug-in's open entry point;
      *  false without a message when the plug-in refuses. Each Read hands over `testMode`. */
-    bool Open(bool flag);
+    [[nodiscard]] bool Open(bool flag);
     /** Makes every later Read use the plug-in's reproducible generator. Cannot be undone. */
-    bool SetTestMode();
+    [[nodiscard]] bool SetTestMode();
     /** Draws `count` bytes; false without a message when not open. */
-    bool Read(uint32_t count);
+    [[nodiscard]] bool Read(uint32_t count);
     /** The bytes of the last Read into `out`; refuses while latched. */
-    bool GetBytes(vxBytes& out);
+    [[nodiscard]] bool GetBytes(vxBytes& out);
     /** As GetBytes, but false (no message) when the last draw was empty. */
-    bool GetHashedBytes(vxBytes& out);
+    [[nodiscard]] bool GetHashedBytes(vxBytes& out);
     /** A number in [0, limit); false without a message when not open. */
-    bool GetNumFromZero(int limit, uint32_t& number);
-    bool Close() override;
+    [[nodiscard]] bool GetNumFromZero(int limit, uint32_t& number);
+    [[nodiscard]] bool Close() override;
 };
 
 /** A small deterministic sequence computed in the library; both ends of a connection derive the
@@ -278,9 +279,9 @@ public:
 
     using vxBase::Open;
     /** Starts the sequence at state 1 with `outputs` distinct values; no guard. */
-    bool Open(uint32_t outputs);
+    [[nodiscard]] bool Open(uint32_t outputs);
     /** Fails with "inValue.bytes.size() >= 4" for fewer than four bytes. */
-    bool Seed(const vxBytes& value);
+    [[nodiscard]] bool Seed(const vxBytes& value);
     /** Advances the state (state * 1103515245 + 12345, modulo 2^32) and returns
      *  (state / divisor) % range; 0 when the range is 0. */
     uint32_t Next();
@@ -298,53 +299,59 @@ public:
     ~vxRsa() override;
 
     /** Fails with "cryptoRegistry" (no plug-in) or "storage.isopen == false" (opened before). */
-    bool Open() override;
-    bool Close() override;
+    [[nodiscard]] bool Open() override;
+    [[nodiscard]] bool Close() override;
     /** Fails with "storage.isopen == true" when not open. */
-    bool GeneratePrivate(uint32_t bits);
+    [[nodiscard]] bool GeneratePrivate(uint32_t bits);
     /** A public key when p, q and d are empty. */
-    bool MakeKeyFromExps(const std::string& n, const std::string& e, const std::string& p,
-                         const std::string& q, const std::string& d);
+    [[nodiscard]] bool MakeKeyFromExps(const std::string& n, const std::string& e,
+                                       const std::string& p, const std::string& q,
+                                       const std::string& d);
     /** p, q and d are empty for a public key. */
-    bool GetExponents(std::string& n, std::string& e, std::string& p, std::string& q,
-                      std::string& d);
+    [[nodiscard]] bool GetExponents(std::string& n, std::string& e, std::string& p, std::string& q,
+                                    std::string& d);
     /** Gives `target` (opened by the caller) the public half of this private key; false without a
      *  message when this key is not private. */
-    bool SpawnPublicCopy(vxRsa& target);
+    [[nodiscard]] bool SpawnPublicCopy(vxRsa& target);
     /** RSASSA-PKCS1-v1_5 with SHA-256 in the OpenSSL plug-in. */
-    bool Sign(const vxBytes& message, vxBytes& signature);
+    [[nodiscard]] bool Sign(const vxBytes& message, vxBytes& signature);
     /** A signature that does not verify latches the error: callers treat it as fatal. */
-    bool Verify(const vxBytes& message, const vxBytes& signature);
+    [[nodiscard]] bool Verify(const vxBytes& message, const vxBytes& signature);
     /** Modulus size in bytes. */
-    bool GetKeySize(uint32_t& size);
+    [[nodiscard]] bool GetKeySize(uint32_t& size);
     /** The plug-in's consistency check of the key; its answer. */
-    bool KeyCheck();
+    [[nodiscard]] bool KeyCheck();
     /** The plug-in's answer whether it holds a key that can act as a public key (in the OpenSSL
      *  plug-in, any key it holds). */
-    bool IsPublic();
+    [[nodiscard]] bool IsPublic();
     /** The plug-in's answer whether it holds a private key. */
-    bool IsPrivate();
+    [[nodiscard]] bool IsPrivate();
     /** Asks the plug-in to blind private-key operations; its answer. */
-    bool BlindingOn();
+    [[nodiscard]] bool BlindingOn();
     /** Asks the plug-in to stop blinding; its answer. Fails with "storage.isopen == true" when
      *  not open. */
-    bool BlindingOff();
+    [[nodiscard]] bool BlindingOff();
     /** OAEP in the OpenSSL plug-in; `to` must hold the key size in bytes. */
-    bool PublicEncrypt(uint32_t length, const unsigned char* from, unsigned char* to);
+    [[nodiscard]] bool PublicEncrypt(uint32_t length, const unsigned char* from, unsigned char* to);
     /** `from` is one key-size block. */
-    bool PrivateDecrypt(const unsigned char* from, unsigned char* to);
+    [[nodiscard]] bool PrivateDecrypt(const unsigned char* from, unsigned char* to);
     /** The first 32 bytes of SHA-256 (SHA-512 for a 4096-bit key) over the modulus text, as 32
      *  hex pairs joined by ":". */
-    bool SetFingerprint();
+    [[nodiscard]] bool SetFingerprint();
     /** Copies `fingerprint` into `text`; always true. */
-    bool GetFingerprint(std::string& text);
+    [[nodiscard]] bool GetFingerprint(std::string& text);
     /** Writes the key file; false without a message when the file cannot be opened. A private
      *  key's file is created (or brought to) mode 0600; a public key's follows the umask. */
-    bool WriteKeyToDisk(const std::string& path);
+    [[nodiscard]] bool WriteKeyToDisk(const std::string& path);
     /** Reads a key file into this opened object; fails with "Unable to locate key: <path>".
      *  False without a message when the plug-in rejects the numbers. A body line without any
-     *  word throws std::out_of_range. */
-    bool ReadKeyFromDisk(const std::string& path);
+     *  word throws std::out_of_range. The numbers the body holds decide what is loaded, not the
+     *  marker lines: empty P, Q and D make a public key, so a private key's file cut short
+     *  before its P line (or whose body an unknown label ends there) loads as the public key of
+     *  its N and E, with a true result. Check IsPrivate() when a private key is expected. A
+     *  file cut inside P or Q (leaving D empty), or mid-line to an odd count of hex digits,
+     *  gives the quiet false. */
+    [[nodiscard]] bool ReadKeyFromDisk(const std::string& path);
 
 private:
     VX_NO_EXPORT std::string exponent(int index);

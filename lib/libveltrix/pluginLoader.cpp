@@ -12,25 +12,9 @@
 
 namespace veltrix {
 
-vxPluginAccepts::vxPluginAccepts()
-{
-    LVX_INIT_OBJECT();
-}
+LVX_DEFINE_LIFECYCLE(vxPluginAccepts)
 
-vxPluginAccepts::~vxPluginAccepts()
-{
-    LVX_DESTRUCT();
-}
-
-vxPluginProvides::vxPluginProvides()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxPluginProvides::~vxPluginProvides()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxPluginProvides)
 
 bool vxPluginProvides::AddSymbol(const char* symbol)
 {
@@ -41,15 +25,7 @@ bool vxPluginProvides::AddSymbol(const char* symbol)
     return true;
 }
 
-pluginLoader::pluginLoader()
-{
-    LVX_INIT_OBJECT();
-}
-
-pluginLoader::~pluginLoader()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(pluginLoader)
 
 bool pluginLoader::loadPlugin(const std::string& searchPath, const std::string& pluginName,
                               vxPluginAccepts& accepts)

@@ -43,7 +43,7 @@ public:
 
     /** Announces an entry point. Fails with "Plugin name not set" or "Plugin version not set"
      *  when `name` or `version` is still empty. */
-    bool AddSymbol(const char* symbol);
+    [[nodiscard]] bool AddSymbol(const char* symbol);
 };
 
 /** Loads one plug-in file. The file stays mapped until unloadPlugin (which nothing in the library
@@ -66,24 +66,25 @@ public:
      *  `accepts`. Failure texts: "Handle already exists", "Illegal string component",
      *  "No such file or directory: <file>", the dlerror() text, "Unable to locate vx_init",
      *  "vx_init function pointer failed", "Boolean return value failed.". */
-    bool loadPlugin(const std::string& searchPath, const std::string& name,
-                    vxPluginAccepts& accepts);
+    [[nodiscard]] bool loadPlugin(const std::string& searchPath, const std::string& name,
+                                  vxPluginAccepts& accepts);
     /** dlopen()s `path`; fails with the dlerror() text. */
-    bool openPluginInternal();
+    [[nodiscard]] bool openPluginInternal();
     /** Runs the plug-in's vx_init, binds what it provides into `accepts` and adds the plug-in to
      *  the version table. Fails with "Unable to locate vx_init" or "vx_init function pointer
      *  failed". */
-    bool loadSymbols(vxPluginAccepts& accepts);
+    [[nodiscard]] bool loadSymbols(vxPluginAccepts& accepts);
     /** Binds every provided entry point through resolveSymbol. */
-    bool linkSymbols(vxPluginAccepts& accepts);
+    [[nodiscard]] bool linkSymbols(vxPluginAccepts& accepts);
     /** Binds one provided entry point; an entry point the library does not accept is ignored. */
-    bool resolveSymbol(std::pair<std::string, std::string>& symbol, vxPluginAccepts& accepts);
+    [[nodiscard]] bool resolveSymbol(std::pair<std::string, std::string>& symbol,
+                                     vxPluginAccepts& accepts);
     /** dlclose()s the file when it is loaded; addresses bound from it become invalid. */
     void unloadPlugin();
 
 private:
     /** Walks the search path; true with `path` set to the first candidate that exists. */
-    VX_NO_EXPORT bool findPlugin(const std::string& searchPath);
+    [[nodiscard]] VX_NO_EXPORT bool findPlugin(const std::string& searchPath);
 };
 
 } // namespace veltrix

@@ -11,7 +11,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -27,7 +26,7 @@ namespace veltrix {
 
 namespace {
 
-constexpr size_t messageSize = 1024;
+constexpr size_t kMessageSize = 1024;
 
 std::string cleanFilename(const std::string& file)
 {
@@ -41,7 +40,9 @@ std::string cleanFilename(const std::string& file)
 
 std::string decimal(int value)
 {
-    char text[7]; // six digits at most, as the trail has always shown them
+    // Six characters at most: a line number no source file reaches cannot widen the trail's
+    // Line column.
+    char text[7];
     (void)snprintf(text, sizeof text, "%d", value);
     return text;
 }
@@ -61,7 +62,7 @@ bool demangle(const std::string& mangled, std::string& readable)
 
 __attribute__((format(printf, 1, 0))) std::string vformat(const char* format, va_list args)
 {
-    char text[messageSize];
+    char text[kMessageSize];
     (void)vsnprintf(text, sizeof text, format, args);
     return text;
 }
@@ -257,13 +258,6 @@ void vxBase::addMessageAt(const std::string& file, unsigned int line, const char
     vxGlobal.stackTrace.addMessage(file, vformat(format, args), line);
 }
 
-std::string lvxErrnoText(int error)
-{
-    char reason[128] = "";
-    // The GNU strerror_r may return a static text instead of filling the buffer.
-    return strerror_r(error, reason, sizeof reason);
-}
-
 void vxBase::addMessageWithErrno(const char* format, ...) const
 {
     const std::string reason = lvxErrnoText(errno);
@@ -284,34 +278,6 @@ void vxBase::recordEvent(const char* function, const char* file, int line, const
     const auto lock = vxGlobal.stackTrace.hold();
     addHistory(function, file, line);
     vxGlobal.stackTrace.addMessage(text);
-}
-
-bool lvxRefuse(const vxBase& object, const char* function, const char* file, int line)
-{
-    object.recordEvent(function, file, line, "%s", LVX_MSG_UNABLE);
-    return false; // recorded: at the caller's place
-}
-
-bool lvxFail(const vxBase& object, const char* function, const char* file, int line,
-             const char* text)
-{
-    object.recordEvent(function, file, line, "%s", text);
-    LVX_LATCH();
-    return false; // recorded: at the caller's place
-}
-
-bool lvxCloseMember(const vxBase& owner, vxBase& child, const char* function, const char* file,
-                    int line)
-{
-    for (bool (vxBase::*step)() : {&vxBase::PreClose, &vxBase::Close, &vxBase::PostClose}) {
-        if (LVX_LATCHED()) {
-            return lvxRefuse(owner, function, file, line);
-        }
-        if (!(child.*step)()) {
-            return lvxFail(owner, function, file, line, LVX_MSG_BOOL_FAILED);
-        }
-    }
-    return true;
 }
 
 void vxBase::addOpenedByHistory(vxBase* object) const
@@ -355,9 +321,9 @@ void vxBase::DumpStackTrace(std::ostream& out)
         for (const vxHistoryEvent& event : vxGlobal.stackTrace.events) {
             for (const vxHistoryLine& entry : event.lines) {
                 libuiTable::uiRow& row = table.createRow();
-                row.Insert(file, entry.file.empty() ? event.file : entry.file);
-                row.Insert(line, entry.line.empty() ? event.line : entry.line);
-                row.Insert(hints, entry.message);
+                (void)row.Insert(file, entry.file.empty() ? event.file : entry.file);
+                (void)row.Insert(line, entry.line.empty() ? event.line : entry.line);
+                (void)row.Insert(hints, entry.message);
             }
             if (event.lines.size() > 1) {
                 table.createRow(); // an empty separator row closes a multi-line event
@@ -367,15 +333,7 @@ void vxBase::DumpStackTrace(std::ostream& out)
     table.Display(out);
 }
 
-vxDebug::vxDebug()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxDebug::~vxDebug()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxDebug)
 
 void vxDebug::dumpVec(const std::vector<unsigned char>& data)
 {

@@ -137,10 +137,10 @@ public:
     vxBase& operator=(vxBase&& /*other*/) noexcept { return *this; }
 
     /** Does nothing; true. */
-    virtual bool Open() { return true; }
+    [[nodiscard]] virtual bool Open() { return true; }
 
     /** Does nothing; true. */
-    virtual bool Close() { return true; }
+    [[nodiscard]] virtual bool Close() { return true; }
 
     /** Still open and the latch clear: adds "Object: ( <address> ) was not closed." to the newest
      *  event and latches. */
@@ -159,6 +159,25 @@ public:
     [[nodiscard]] bool PreClose();
     /** Marks the object closed, keeping its links so it may be opened again. */
     [[nodiscard]] bool PostClose();
+
+    /** Opens `child` under this object, as its owner: the open protocol of LVX_CALL_OPEN
+     *  (PreOpen, the child's Open(args...), PostOpen), for an owner that opens its children
+     *  outside a guarded operation of its own, such as an application frame. A failure is
+     *  recorded at this operation's place, and the child's "Opened by" line names it. */
+    template <class Child, class... Args> [[nodiscard]] bool openChild(Child& child, Args&&... args)
+    {
+        return callOpen(__PRETTY_FUNCTION__, __FILE__, __LINE__, child,
+                        std::forward<Args>(args)...);
+    }
+
+    /** The close protocol on `child`: PreClose, Close and PostClose, false at the first step
+     *  that fails. Records nothing of its own (each step records its own failure), so it suits
+     *  an owner outside a guarded operation; inside one, LVX_CALL_CLOSE also records the
+     *  owner's place. */
+    [[nodiscard]] static bool closeChild(vxBase& child)
+    {
+        return child.PreClose() && child.Close() && child.PostClose();
+    }
 
     /** Starts a new event of the error trail, recorded at (function, file, line); `file` is
      *  reduced to its last path component. */
@@ -186,7 +205,7 @@ public:
     void addOpenedByHistory(vxBase* object) const;
 
     /** True when the error trail holds at least one event. */
-    static bool HaveStackTrace();
+    [[nodiscard]] static bool HaveStackTrace();
     /** Clears the latch and empties the trail, so that guarded operations work again. */
     static void lvxClearLastError();
     /** Prints the trail as a "Filename" / "Line" / "Message Hints" table; the trail is kept. */

@@ -10,18 +10,9 @@
 
 namespace veltrix {
 
-vxBytes::vxBytes()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxBytes::~vxBytes()
-{
-    LVX_DESTRUCT();
-    // Any buffer may have carried a key, a chain key or a secret: none leaves its bytes behind
-    // in freed memory.
-    wipeSecret(bytes);
-}
+// Any buffer may have carried a key, a chain key or a secret: none leaves its bytes behind in
+// freed memory.
+LVX_DEFINE_LIFECYCLE_RELEASING(vxBytes, wipeSecret(bytes))
 
 void vxBytes::Scrub()
 {
@@ -125,11 +116,11 @@ unsigned char pairValue(char high, char low)
 
 hexString::hexString(std::vector<unsigned char> input) : valid(true), bytes(std::move(input))
 {
-    static const char digits[] = "0123456789ABCDEF";
+    static const char kDigits[] = "0123456789ABCDEF";
     text.reserve(bytes.size() * 2);
     for (const unsigned char byte : bytes) {
-        text.push_back(digits[byte >> 4U]);
-        text.push_back(digits[byte & 0x0FU]);
+        text.push_back(kDigits[byte >> 4U]);
+        text.push_back(kDigits[byte & 0x0FU]);
     }
 }
 

@@ -25,7 +25,7 @@ public:
      *  copying nothing; refuses while the error latch is set. */
     [[nodiscard]] bool ExportToC(const uint32_t& maxSize, unsigned char* out) const;
     /** Appends the printable bytes to `out`, skipping the rest; always true. */
-    bool ExportToString(std::string& out);
+    [[nodiscard]] bool ExportToString(std::string& out);
     /** Appends source.bytes[offset1, offset2). Fails with "offset2 > offset1"; an index past the
      *  source throws std::out_of_range. */
     [[nodiscard]] bool CopyOffsets(uint32_t offset1, uint32_t offset2, const vxBytes& source);
@@ -33,13 +33,13 @@ public:
      *  "offset2 > offset1". */
     [[nodiscard]] bool CopyOffsets(uint32_t offset1, uint32_t offset2, const unsigned char* source);
     /** Replaces the contents with `size` bytes from `source`; always true. */
-    bool ImportFromC(const uint32_t& size, const unsigned char* source);
+    [[nodiscard]] bool ImportFromC(const uint32_t& size, const unsigned char* source);
     /** Replaces the contents with `source`; always true. */
-    bool ImportFromV(std::vector<unsigned char> source);
+    [[nodiscard]] bool ImportFromV(std::vector<unsigned char> source);
     /** Appends all of `source`; always true. */
-    bool CopyBack(const vxBytes& source);
+    [[nodiscard]] bool CopyBack(const vxBytes& source);
     /** Replaces the contents with the characters of `text`; always true. */
-    bool Replace(const std::string& text);
+    [[nodiscard]] bool Replace(const std::string& text);
 };
 
 /** Bytes as upper-case hexadecimal text, and text back to bytes. Never touches the error trail:

@@ -25,7 +25,7 @@ public:
     static void dumpVec(const std::vector<unsigned char>& data);
     /** Writes "<message> : <MD5 of data>" to the trace log. Needs this object open; fails with the
      *  standard guard's texts. */
-    bool TraceMd(const vxBytes& data, const char* format, ...)
+    [[nodiscard]] bool TraceMd(const vxBytes& data, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
 };
 

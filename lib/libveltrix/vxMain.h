@@ -20,13 +20,14 @@ public:
     ~vxMain() override;
 
     /** The application's main routine. */
-    virtual bool main(int argc, char** argv) = 0;
+    [[nodiscard]] virtual bool main(int argc, char** argv) = 0;
 
     /** Records the application, opens the debug and signal objects and runs main(). A second call
      *  fails ("Object in incorrect state:  Expected closed, ..."). */
-    bool InitAndRun(const std::string& appName, const std::string& version, int argc, char** argv);
+    [[nodiscard]] bool InitAndRun(const std::string& appName, const std::string& version, int argc,
+                                  char** argv);
     /** Loads the crypto plug-in `name` (up to its first NUL) through `api`. */
-    bool LoadPlugin(const std::string& name);
+    [[nodiscard]] bool LoadPlugin(const std::string& name);
     /** Writes "*** Error: <message>" to stderr and exits with status 1. */
     [[noreturn]] static void Die(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

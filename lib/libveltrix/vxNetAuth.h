@@ -48,50 +48,50 @@ public:
     using vxBase::Open;
     /** Opens the digest `hashValue`, the keyed digest on it, the keys with `cipher` and
      *  `server`, and the buffers. */
-    bool Open(const vxCipherId& cipher, uint32_t hashValue, bool server);
+    [[nodiscard]] bool Open(const vxCipherId& cipher, uint32_t hashValue, bool server);
     /** The same with the digest of `hash`: the form the endpoints use. */
-    bool Open(const vxCipherId& cipher, const vxHashId& hash, bool server);
+    [[nodiscard]] bool Open(const vxCipherId& cipher, const vxHashId& hash, bool server);
     /** The same with MD5. */
-    bool Open(const vxCipherId& cipher, bool server);
+    [[nodiscard]] bool Open(const vxCipherId& cipher, bool server);
     /** Wipes and closes everything. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
     /** Appends `value` to the secret (a second call extends it), digests the whole secret and
      *  sets the handshake keys' IVs and keys from the raw secret. */
-    bool SetSecret(const vxBytes& value);
+    [[nodiscard]] bool SetSecret(const vxBytes& value);
     /** Server: 16 random bytes with the version 1 hidden in them. */
-    bool SendProtocolVersion(vxNetSocket& socket);
+    [[nodiscard]] bool SendProtocolVersion(vxNetSocket& socket);
     /** Client: receives the version into `protocolVersion`. A message that does not decrypt to 16
      *  bytes is reported on standard output ("RecvProtocolVersion : error receiving protocol::
      *  encrypted size=..., decrypted size=...") and the call goes on. */
-    bool RecvProtocolVersion(vxNetSocket& socket);
+    [[nodiscard]] bool RecvProtocolVersion(vxNetSocket& socket);
     /** A new random challenge, encrypted for sending, and the answer expected to it. */
-    bool GenerateChallengeRequest();
+    [[nodiscard]] bool GenerateChallengeRequest();
     /** Sends the challenge that GenerateChallengeRequest prepared. */
-    bool SendChallengeRequest(vxNetSocket& socket);
+    [[nodiscard]] bool SendChallengeRequest(vxNetSocket& socket);
     /** Receives the peer's challenge into `receivedChallenge` and adds it to `peerChallenges`. */
-    bool RecvChallengeRequest(vxNetSocket& socket);
+    [[nodiscard]] bool RecvChallengeRequest(vxNetSocket& socket);
     /** The answer to the received challenge, encrypted for sending. */
-    bool GenerateChallengeResponse();
+    [[nodiscard]] bool GenerateChallengeResponse();
     /** Sends the answer that GenerateChallengeResponse prepared. */
-    bool SendChallengeResponse(vxNetSocket& socket);
+    [[nodiscard]] bool SendChallengeResponse(vxNetSocket& socket);
     /** Receives the peer's answer into `decrypted`, for ValidateChallengeResponse. */
-    bool RecvChallengeResponse(vxNetSocket& socket);
+    [[nodiscard]] bool RecvChallengeResponse(vxNetSocket& socket);
     /** Fails with "( decrypted == correctResponse )" unless the received answer is the expected
      *  one. */
-    bool ValidateChallengeResponse();
+    [[nodiscard]] bool ValidateChallengeResponse();
     /** Re-seeds `encSocket`'s keys with the server's challenge first and the client's second. */
-    bool SeedInitialKeys(vxNetEncryptedSocket& encSocket);
+    [[nodiscard]] bool SeedInitialKeys(vxNetEncryptedSocket& encSocket);
     /** Appends `b` to `peerChallenges` when `fromPeer`, else to `localChallenges`; true. */
-    bool UpdateEntropyPool(bool fromPeer, const vxBytes& b);
+    [[nodiscard]] bool UpdateEntropyPool(bool fromPeer, const vxBytes& b);
 
 private:
     /** 16 bytes from a fresh random source. */
-    VX_NO_EXPORT bool randomBlock(vxBytes& out);
+    [[nodiscard]] VX_NO_EXPORT bool randomBlock(vxBytes& out);
     /** HMAC(key `secretDigest`, `data`) into `out`. */
-    VX_NO_EXPORT bool answer(const vxBytes& data, vxBytes& out);
+    [[nodiscard]] VX_NO_EXPORT bool answer(const vxBytes& data, vxBytes& out);
     /** A 16-byte message into `wireBytes`, then `decrypted`. */
-    VX_NO_EXPORT bool receiveMessage(vxNetSocket& socket, vxBytes& plain);
+    [[nodiscard]] VX_NO_EXPORT bool receiveMessage(vxNetSocket& socket, vxBytes& plain);
 };
 
 } // namespace veltrix

@@ -15,7 +15,8 @@ bool vxNetClient::Open()
 
 bool vxNetClient::Close()
 {
-    // As the server's record does: a handshake a failure left open is closed and wiped here.
+    // A failed handshake leaves its object open, holding the secret: closed (and wiped) here, so
+    // that the client does not report it, and latch again, when it is destroyed.
     if (handshake.opened) {
         LVX_CALL_CLOSE(handshake);
     }

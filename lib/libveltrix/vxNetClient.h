@@ -34,27 +34,27 @@ public:
     ~vxNetClient() override;
 
     /** Opens the socket (as the client's end). */
-    bool Open() override;
+    [[nodiscard]] bool Open() override;
     /** Closes the socket, and the handshake when a failure left it open; the encrypted socket is
      *  left as it is. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
     /** Connects the socket to the port and address set on it. A connect time-out (see
      *  vxNetSocket::setConnectTimeout) is a quiet false that leaves the latch clear. */
-    bool Connect();
+    [[nodiscard]] bool Connect();
     /** setAddress(address), then setPort(port), then Connect, in that order: the address is
      *  resolved with the port set before, so on a fresh client this fails with "The port must be
      *  set before the address.", and the connection goes to the earlier port, never to `port`. */
-    bool Connect(const std::string& address, const std::string& port);
+    [[nodiscard]] bool Connect(const std::string& address, const std::string& port);
     /** The client's side of the handshake with `secret`; on success `encryptedSocket` is keyed
      *  for the session. */
-    bool PerformKeyExchange(const vxBytes& secret);
+    [[nodiscard]] bool PerformKeyExchange(const vxBytes& secret);
     /** Sends the disconnect command through the encrypted socket. */
-    bool SendClientDisconnect();
+    [[nodiscard]] bool SendClientDisconnect();
 
 private:
     /** socket.Connect, quiet when it timed out. */
-    VX_NO_EXPORT bool connectSocket();
+    [[nodiscard]] VX_NO_EXPORT bool connectSocket();
 };
 
 } // namespace veltrix

@@ -98,7 +98,7 @@ vxNetServer::~vxNetServer()
     LVX_DESTRUCT();
     for (const auto& cc : connectedClients) {
         if (cc->opened) {
-            (void)(cc->PreClose() && cc->Close() && cc->PostClose());
+            (void)closeChild(*cc); // best effort: a destructor has no caller to tell
         }
     }
 }
@@ -155,7 +155,8 @@ bool vxNetServer::ApplyInheritedProperties(int32_t fd)
     return true;
 }
 
-// The mode names are taken by value, as copies of the server's: the interface says so.
+// The mode names are taken by value: the exported signature passes copies, and references
+// would change the library's binary interface.
 // NOLINTBEGIN(performance-unnecessary-value-param)
 bool vxNetServer::func_LVX_CALL_OPENP(vxNetConnectedClient* cc, std::string cipher,
                                       std::string hash)

@@ -133,16 +133,7 @@ void sendSegmentsAtOnce(int fd)
     errno = saved;
 }
 
-vxNetSocket::vxNetSocket()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxNetSocket::~vxNetSocket()
-{
-    LVX_DESTRUCT();
-    release();
-}
+LVX_DEFINE_LIFECYCLE_RELEASING(vxNetSocket, release())
 
 bool vxNetSocket::Open(bool isOrigin)
 {
@@ -554,8 +545,6 @@ bool vxNetSockoptProperties::Apply(int32_t fd)
 
 namespace {
 
-/** The command mark in the upper half of a header's size field. */
-constexpr uint32_t kCommandMark = 0xC0DEU;
 constexpr uint32_t kCmdDisconnect = 1;
 constexpr uint32_t kCmdReKeyRequest = 2;
 /** The bytes a receiver reads and drops after a command header. */
@@ -569,10 +558,10 @@ struct modeName
     uint32_t number;
 };
 
-constexpr modeName kCipherModes[] = {{"none", 1}, {"aes128", 2}, {"aes192", 3}, {"aes256", 4}};
-// "sha512" is 4 and "sha384" 5: the digest identifiers' own numbering.
-constexpr modeName kHashModes[] = {{"md5", 1},    {"sha1", 2},   {"sha256", 3},
-                                   {"sha512", 4}, {"sha384", 5}, {"sha256-128", 19}};
+#define VX_MODE_NAME(identifier, id, name, bytes) {name, id},
+constexpr modeName kCipherModes[] = {VX_CIPHER_ALGORITHMS(VX_MODE_NAME)};
+constexpr modeName kHashModes[] = {VX_DIGEST_ALGORITHMS(VX_MODE_NAME)};
+#undef VX_MODE_NAME
 
 template <size_t N>
 bool modeNumber(const modeName (&table)[N], const std::string& text, uint32_t& number)
@@ -658,7 +647,7 @@ bool vxNetEncryptedSocket::RecvEncrypted(vxBytes& bytes)
     bodyBuffer.bytes.clear();
     uint32_t padded = 0;
     LVX_CHECK(header.GetSizeWithPadding(padded));
-    if ((padded >> 16U) == kCommandMark) {
+    if ((padded >> 16U) == (kCommandMark >> 16U)) {
         LVX_CHECK(ProcessCommandPacket(padded));
         return true;
     }
@@ -697,7 +686,7 @@ bool vxNetEncryptedSocket::ProcessCommandPacket(uint32_t sizeField)
         return true;
     }
     workBuffer.bytes.clear();
-    // The receiver rounded the hidden 0xC0DE0000 | code up to a multiple of 16: codes 1 to 16
+    // The receiver rounded the hidden kCommandMark | code up to a multiple of 16: codes 1 to 16
     // all read back as 1 here.
     const uint32_t code = (sizeField - 15U) & 0xFFFFU;
     if (code == kCmdDisconnect) {

@@ -2,9 +2,15 @@
 /// The plain TCP socket (fixed-size blocks in the clear, a receive that a wake-up pipe can
 /// release), one socket option kept for later descriptors, and the encrypted socket on top.
 ///
-/// Every failure in these classes sets the process-wide error latch: from then on every guarded
-/// operation in the process refuses with "Unable to continue from previous error" until the
-/// application clears the trail. A broken connection is therefore the end of the session.
+/// A failure these classes record in the trail also sets the process-wide error latch: from then
+/// on every guarded operation in the process refuses with "Unable to continue from previous
+/// error" until the application clears the trail. The results documented below as a quiet false
+/// (a connect time-out, an accept with nothing pending, an unknown mode name, a send after the
+/// peer closed, a failed fcntl or pipe) record nothing themselves and leave the latch as it was;
+/// a caller that checks the result (the open protocol, an encrypted send) may record it. On the
+/// plain socket a peer that closes is no failure either: the receive sets `doDisconnect`. On the
+/// encrypted socket a peer that closes without the disconnect command, or a lost, altered or
+/// reordered packet, is a recorded failure, so it ends the session.
 #pragma once
 
 #include "network.h"
@@ -61,42 +67,42 @@ public:
     using vxBase::Open;
     /** Resets every setting and allocates the packet buffer. Fails with "Object in incorrect
      *  state:  Expected closed, Inited: %d,  Opened: %d" when already open. */
-    bool Open(bool isOrigin);
+    [[nodiscard]] bool Open(bool isOrigin);
     /** Frees the buffer and the resolver list; shuts down and closes the descriptor. The wake-up
      *  pipe stays open. Always true. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
     /** Stores the port that setAddress resolves with; always true. */
-    bool setPort(const std::string& port);
+    [[nodiscard]] bool setPort(const std::string& port);
     /** Stores `secret` in `soSecret`, wiping the one before; always true. */
-    bool setSecret(const std::string& secret);
+    [[nodiscard]] bool setSecret(const std::string& secret);
     /** Sets `soTimeout`, the receive time-out in seconds; always true. */
-    bool setTimeOut(uint32_t& seconds);
+    [[nodiscard]] bool setTimeOut(uint32_t& seconds);
     /** Sets `connectTimeout` in seconds; always true. */
-    bool setConnectTimeout(uint32_t seconds);
+    [[nodiscard]] bool setConnectTimeout(uint32_t seconds);
     /** Sets the listen backlog for BindAndListen; always true. */
-    bool setSoBacklog(uint32_t& backlog);
+    [[nodiscard]] bool setSoBacklog(uint32_t& backlog);
     /** Accepts only mode 2; false without a message otherwise. */
-    bool setKeyExchangeMode(uint8_t mode);
+    [[nodiscard]] bool setKeyExchangeMode(uint8_t mode);
 
     /** Resolves a numeric IPv4 or IPv6 address (never a host name) with the port set before.
      *  Fails with "The port must be set before the address." or "Socket error: " and the
      *  resolver's text. */
-    bool setAddress(const std::string& address);
+    [[nodiscard]] bool setAddress(const std::string& address);
     /** Set or clear O_NONBLOCK; false without a message when fcntl fails. */
-    bool setNonBlocking();
+    [[nodiscard]] bool setNonBlocking();
     /** Clears O_NONBLOCK; as setNonBlocking. */
-    bool setBlocking();
+    [[nodiscard]] bool setBlocking();
     /** A SOL_SOCKET option switched on or off. Fails with "setsockopt failed: " and the errno
      *  text. */
-    bool setSockOpt(uint32_t name, bool on);
+    [[nodiscard]] bool setSockOpt(uint32_t name, bool on);
     /** Creates the descriptor (SO_KEEPALIVE on) and connects to the resolved address. With a
      *  connect time-out, a peer that does not answer in time gives a quiet false (no message,
      *  latch clear, socket left non-blocking) that the caller may retry. A refused connection
      *  is not reported here: it shows on the first receive. Fails with "Unable to create
      *  socket: ", "connect() failed: " or "select() failed: " and the errno text, or "Address is
      *  not set." without a resolved address. */
-    bool Connect();
+    [[nodiscard]] bool Connect();
     /** Binds the resolved address and listens (SO_LINGER 1 s, SO_REUSEADDR, SO_KEEPALIVE), and
      *  leaves the listening descriptor non-blocking: wait until it is readable before Accept.
      *  Appends its progress to VX_SOCKET_LOG_PATH when that directory exists (the lines are lost
@@ -104,46 +110,46 @@ public:
      *  which is then left alone; binding goes on). Fails with "Port is not set.", "Address is
      *  not set.", or "Unable to create socket: ", "setsockopt() failed: ", "bind() failed: ",
      *  "listen() failed: " and the errno text. */
-    bool BindAndListen();
+    [[nodiscard]] bool BindAndListen();
     /** Accepts one connection into `conn`, which must be open, and records the peer's IPv4
      *  address as its node name. Nothing pending (the listening socket is non-blocking) or any
      *  other accept error gives a quiet false. */
-    bool Accept(vxNetSocket& conn);
+    [[nodiscard]] bool Accept(vxNetSocket& conn);
     /** The address in dotted decimal, without the port. */
-    bool setNodeName(const sockaddr_in& address);
+    [[nodiscard]] bool setNodeName(const sockaddr_in& address);
     /** Not implemented: the node name becomes "Unimplmeneted ipv6 name" and the result is
      *  false. */
-    bool setNodeName(const sockaddr_in6& address);
+    [[nodiscard]] bool setNodeName(const sockaddr_in6& address);
     /** Every field, one per line, on standard output. */
-    bool dumpSocketInfo();
+    [[nodiscard]] bool dumpSocketInfo();
 
     /** Makes a pipe, keeps its read end and hands out the write end: one byte written into it
      *  releases a blocked RecvPlaintext. False without a message when pipe() fails. */
-    bool createWakeupFd(uint32_t& writeEnd);
+    [[nodiscard]] bool createWakeupFd(uint32_t& writeEnd);
 
     /** Sends all of `v` in one send() (at most VX_MAX_PACKET_SIZE bytes). False without a message
      *  once the peer has closed (`doDisconnect`). Fails with "bytes.size() <= maxSize" or
      *  "rv == (int)v.bytes.size()". A send failing with EPIPE is retried a few times. */
-    bool SendPlaintext(const vxBytes& v);
+    [[nodiscard]] bool SendPlaintext(const vxBytes& v);
     /** Receives exactly `size` bytes (1 to VX_MAX_PACKET_SIZE) into `bytes`. True with `bytes`
      *  untouched when the wake-up pipe fired (`wakeupSeen`) or the peer closed (`doDisconnect`):
      *  check both flags after a true result. Fails with "size >= 1", "size <=
      *  veltrix::VX_MAX_PACKET_SIZE", "Select timeout expired." (after `soTimeout` seconds
      *  without data) or an empty message for a short block. */
-    bool RecvPlaintext(uint32_t size, vxBytes& bytes);
+    [[nodiscard]] bool RecvPlaintext(uint32_t size, vxBytes& bytes);
 
     /** The descriptor into `fd`; runs the standard guard. */
-    bool GetSocketFd(int32_t& fd);
+    [[nodiscard]] bool GetSocketFd(int32_t& fd);
     /** The peer's address recorded by Accept into `peerName`; runs the standard guard. */
-    bool GetNodeName(std::string& peerName);
+    [[nodiscard]] bool GetNodeName(std::string& peerName);
 
 private:
-    VX_NO_EXPORT bool waitFirstReadiness();
-    VX_NO_EXPORT bool takeWakeup();
+    [[nodiscard]] VX_NO_EXPORT bool waitFirstReadiness();
+    [[nodiscard]] VX_NO_EXPORT bool takeWakeup();
     /** The descriptor of the first resolved address, kept in `sockFd`. */
     VX_NO_EXPORT void newDescriptor();
     /** The wait of a connect with a time-out. */
-    VX_NO_EXPORT bool awaitConnect();
+    [[nodiscard]] VX_NO_EXPORT bool awaitConnect();
     /** Closes the descriptor and frees the resolver list. */
     VX_NO_EXPORT void release();
     VX_NO_EXPORT void releaseDescriptor();
@@ -163,13 +169,14 @@ public:
     ~vxNetSockoptProperties() override;
 
     /** Nothing to prepare; true. */
-    bool Open() override;
+    [[nodiscard]] bool Open() override;
     /** Frees the value. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
     /** Keeps a copy of `len` bytes at `optionValue`. False when the copy cannot be allocated. */
-    bool Set(int32_t optionLevel, int32_t optionName, const void* optionValue, uint32_t length);
+    [[nodiscard]] bool Set(int32_t optionLevel, int32_t optionName, const void* optionValue,
+                           uint32_t length);
     /** setsockopt on `fd`; true when it succeeded. */
-    bool Apply(int32_t fd);
+    [[nodiscard]] bool Apply(int32_t fd);
 };
 
 /** Encrypted, authenticated messages over a connected plain socket, which it borrows and never
@@ -200,18 +207,19 @@ public:
      *  false. The hash mode selects the handshake's digest, which must be 16 bytes long: only
      *  "md5" and "sha256-128" complete a handshake; the others fail its validation. `plain`
      *  must be the open, connected socket of this end. */
-    bool Open(const std::string& cipherMode, const std::string& hashMode, vxNetSocket* plain);
+    [[nodiscard]] bool Open(const std::string& cipherMode, const std::string& hashMode,
+                            vxNetSocket* plain);
     /** The same with hash mode "md5". */
-    bool Open(const std::string& cipherMode, vxNetSocket* plain);
+    [[nodiscard]] bool Open(const std::string& cipherMode, vxNetSocket* plain);
     /** Closes every member; the plain socket stays open. Its ciphers cannot be opened again, so
      *  neither can the encrypted socket: open a new one for the next connection. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
     /** Sends one message of 0 to 16384 bytes as a 48-byte header and a body padded to a
      *  multiple of 16, and counts two sent messages: the header and the body. A larger payload
      *  fails with "bytes.size() <= maxSize" after its header went out. The peer cannot receive an
      *  empty payload: its receive fails with "size >= 1". */
-    bool SendEncrypted(const vxBytes& payload);
+    [[nodiscard]] bool SendEncrypted(const vxBytes& payload);
     /** Receives one message into `bytes`. True with `bytes` untouched means one of: the wake-up
      *  pipe fired (socket's `wakeupSeen`), or the peer sent the disconnect command (socket's
      *  `doDisconnect`), or a key re-exchange request arrived. A peer that closed without the
@@ -219,16 +227,16 @@ public:
      *  VX_HEADER_WIRE_SIZE") and latch. After a command header 16 more bytes are read and
      *  dropped, so a peer that sent the disconnect command should close its socket next; until
      *  it does, this receive waits. */
-    bool RecvEncrypted(vxBytes& bytes);
+    [[nodiscard]] bool RecvEncrypted(vxBytes& bytes);
     /** Sends the disconnect command (a 48-byte header alone) and counts 64 sent bytes. Close the
      *  plain socket afterwards: the peer reads 16 bytes more and waits for them. */
-    bool SendClientDisconnect();
+    [[nodiscard]] bool SendClientDisconnect();
     /** Handles a command header whose size field is `sizeField`: reads and drops 16 bytes, then
      *  code (sizeField - 15) mod 65536: 1 marks the socket disconnected, 2 writes "Process a key
      *  re-exchange request." on standard output, any other writes "fail" and returns false. */
-    bool ProcessCommandPacket(uint32_t sizeField);
+    [[nodiscard]] bool ProcessCommandPacket(uint32_t sizeField);
     /** Consults the re-key policy and ignores its answer; always true. */
-    bool ProcessReKey();
+    [[nodiscard]] bool ProcessReKey();
 };
 
 } // namespace veltrix

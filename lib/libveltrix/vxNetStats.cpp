@@ -11,8 +11,6 @@ namespace veltrix {
 
 namespace {
 
-/** A count restarts here, one largest packet below 2^32, so no single update can overflow. */
-constexpr uint32_t kWrapLimit = 0xFFFFC000U;
 /** The re-key policy answers true once its sum passes this many bytes. */
 constexpr uint32_t kReKeyThreshold = 5000;
 
@@ -32,7 +30,7 @@ bool vxNetProtocolStatsCounter::Update(uint32_t n)
 {
     LVX_GUARD();
     const uint32_t sum = value + n;
-    if (sum >= kWrapLimit) {
+    if (sum >= kStatsWrapLimit) {
         value = n;
         ++wraps;
     } else {

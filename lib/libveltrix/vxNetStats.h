@@ -10,6 +10,10 @@
 
 namespace veltrix {
 
+/** A count restarts here, one largest packet below 2^32, so that no single update can
+ *  overflow it. */
+inline constexpr uint32_t kStatsWrapLimit = 0xFFFFC000U;
+
 /** A 32-bit running count that restarts before it can overflow. */
 class VX_API vxNetProtocolStatsCounter : public vxBase
 {
@@ -22,13 +26,14 @@ public:
     ~vxNetProtocolStatsCounter() override;
 
     /** Zeroes the count and the restarts; true. */
-    bool Open() override;
-    /** Adds `n`; a sum of 0xFFFFC000 or more restarts the count at `n` and counts a wrap. */
-    bool Update(uint32_t n);
+    [[nodiscard]] bool Open() override;
+    /** Adds `n`; a sum of kStatsWrapLimit or more restarts the count at `n` and counts a
+     *  wrap. */
+    [[nodiscard]] bool Update(uint32_t n);
     /** The count without its wraps. */
-    bool GetIntValue(uint32_t& v);
+    [[nodiscard]] bool GetIntValue(uint32_t& v);
     /** The count in decimal followed by " bytes.". */
-    bool GetStrValue(std::string& s);
+    [[nodiscard]] bool GetStrValue(std::string& s);
 };
 
 /** Messages and bytes in each direction, key re-exchanges (never updated: always 0) and the
@@ -48,23 +53,23 @@ public:
     ~vxNetProtocolStats() override;
 
     /** Opens the five counters at 0. */
-    bool Open() override;
-    bool Close() override;
+    [[nodiscard]] bool Open() override;
+    [[nodiscard]] bool Close() override;
     /** One sent message of `b`'s size. */
-    bool UpdateSendStats(const vxBytes& b);
+    [[nodiscard]] bool UpdateSendStats(const vxBytes& b);
     /** One sent message of `n` bytes. */
-    bool UpdateSendStats(uint32_t n);
+    [[nodiscard]] bool UpdateSendStats(uint32_t n);
     /** One received message of `n` bytes. */
-    bool UpdateRecvStats(uint32_t n);
+    [[nodiscard]] bool UpdateRecvStats(uint32_t n);
     /** Adds the whole running total of sent bytes (not the bytes since the last call) to the
      *  accumulator; true, and the accumulator back to 0, once it passes 5000. */
-    bool NeedReKey();
+    [[nodiscard]] bool NeedReKey();
     /** Writes the counters as an "Object" / "Value" table to standard output. */
-    bool Display();
+    [[nodiscard]] bool Display();
 
 private:
-    VX_NO_EXPORT bool countMessage(vxNetProtocolStatsCounter& messages,
-                                   vxNetProtocolStatsCounter& bytes, uint32_t n);
+    [[nodiscard]] VX_NO_EXPORT bool countMessage(vxNetProtocolStatsCounter& messages,
+                                                 vxNetProtocolStatsCounter& bytes, uint32_t n);
 };
 
 } // namespace veltrix

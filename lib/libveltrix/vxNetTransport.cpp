@@ -23,7 +23,6 @@ constexpr size_t kDigestSize = 16;           // MD5's, and so the mask's once it
 constexpr uint32_t kHaystackSize = 16;
 constexpr uint32_t kCribTop = 12; // the largest offset of a hidden value in a haystack
 constexpr uint32_t kFieldSize = 16;
-constexpr uint32_t kCommandMark = 0xC0DE0000U;
 constexpr uint32_t kPaddingLimit = 0xFFFFFFEFU; // above this, rounding up would overflow
 constexpr uint32_t kAlign = 16;
 
@@ -273,7 +272,9 @@ bool vxNetTransportKeyExpander::ExpandBytes(vxBytes& eb)
     LVX_CALL_OPEN(even);
     LVX_CALL_OPEN(odd);
     splitByPosition(eb, even, odd);
-    LVX_CHECK(digestParts(md, {&even, &odd}, eb)); // D1
+    // The first digest, H(even || odd), is a 16-byte key as it is. A 24- or 32-byte key takes a
+    // byte of a second digest, H(even || first || odd), and one of the first, in turn.
+    LVX_CHECK(digestParts(md, {&even, &odd}, eb));
     if (TargetSize == 24 || TargetSize == 32) {
         vxBytes d2;
         LVX_CHECK(digestParts(md, {&even, &eb, &odd}, d2));

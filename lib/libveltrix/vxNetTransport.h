@@ -19,6 +19,10 @@ namespace veltrix {
 
 class vxNetSocket;
 
+/** A command packet hides this mark | its code in the size field of its header. A receiver
+ *  knows one by the upper half of the size it reads back: kCommandMark >> 16. */
+inline constexpr uint32_t kCommandMark = 0xC0DE0000U;
+
 /** One byte string in two forms, native and network; the conversion reverses every group of
  *  four bytes. A form is converted only into an empty form, so a stale form survives until
  *  Clear. Only the latch is checked, never the open state. */
@@ -34,24 +38,24 @@ public:
 
     /** Replaces `native`. False without a message for a length that is not a multiple of 4;
      *  refuses while latched. */
-    bool SetNative(const vxBytes& b);
+    [[nodiscard]] bool SetNative(const vxBytes& b);
     /** The same from `len` bytes at `p`. */
-    bool SetNative(const unsigned char* p, uint32_t len);
+    [[nodiscard]] bool SetNative(const unsigned char* p, uint32_t len);
     /** Replaces `network`; as SetNative. */
-    bool SetNetwork(const vxBytes& b);
+    [[nodiscard]] bool SetNetwork(const vxBytes& b);
     /** The same from `len` bytes at `p`. */
-    bool SetNetwork(const unsigned char* p, uint32_t len);
+    [[nodiscard]] bool SetNetwork(const unsigned char* p, uint32_t len);
     /** The native form, converted from `network` when `native` is empty. False without a
      *  message when both forms are empty; refuses while latched. */
-    bool GetNative(vxBytes& out);
+    [[nodiscard]] bool GetNative(vxBytes& out);
     /** The network form, converted from `native` when `network` is empty; as GetNative. */
-    bool GetNetwork(vxBytes& out);
+    [[nodiscard]] bool GetNetwork(vxBytes& out);
     /** Empties both forms. */
     void Clear();
 
 private:
-    VX_NO_EXPORT bool setForm(vxBytes& form, const unsigned char* p, size_t len);
-    VX_NO_EXPORT bool getForm(vxBytes& form, const vxBytes& other, vxBytes& out);
+    [[nodiscard]] VX_NO_EXPORT bool setForm(vxBytes& form, const unsigned char* p, size_t len);
+    [[nodiscard]] VX_NO_EXPORT bool getForm(vxBytes& form, const vxBytes& other, vxBytes& out);
 };
 
 /** A pair of byte strings and a side flag. The end opened with true calls `magicOne` its magic
@@ -71,13 +75,13 @@ public:
 
     using vxBase::Open;
     /** Stores the flag; true. Owners open it through LVX_CALL_OPEN like any member. */
-    bool Open(bool whichSide);
+    [[nodiscard]] bool Open(bool whichSide);
     /** A whole copy of the member of this side; true. */
-    bool GetMagic(vxBytes& out);
+    [[nodiscard]] bool GetMagic(vxBytes& out);
     /** A whole copy of the other member; true. */
-    bool GetInverseMagic(vxBytes& out);
+    [[nodiscard]] bool GetInverseMagic(vxBytes& out);
     /** Replaces the member of this side; true. */
-    bool SetMagic(const vxBytes& in);
+    [[nodiscard]] bool SetMagic(const vxBytes& in);
 };
 
 /** Stretches key material of any length to the cipher's key size with 16-byte MD5 digests. */
@@ -94,13 +98,13 @@ public:
 
     using vxBase::Open;
     /** Opens the MD5 digest and stores the target size (16, 24 or 32). */
-    bool Open(uint32_t targetSize);
+    [[nodiscard]] bool Open(uint32_t targetSize);
     /** Replaces `eb` by its expansion: unchanged when it already has the target size, else
      *  D1 = H(even bytes || odd bytes), and for 24 or 32 bytes D2 = H(even || D1 || odd)
      *  interleaved with D1 as D2[0] D1[0] D2[1] D1[1] ... Fails with the standard guard's texts
      *  or "eb.bytes.size() == TargetSize" for any other target size. */
-    bool ExpandBytes(vxBytes& eb);
-    bool Close() override;
+    [[nodiscard]] bool ExpandBytes(vxBytes& eb);
+    [[nodiscard]] bool Close() override;
 };
 
 /** The IV mask of one direction: XORed onto every cipher block after encryption, then replaced
@@ -120,18 +124,18 @@ public:
 
     using vxBase::Open;
     /** Stores the number of masked bytes (16 in the transport) and opens the MD5 keyed digest. */
-    bool Open(uint32_t maskSize);
+    [[nodiscard]] bool Open(uint32_t maskSize);
     /** Replaces the mask's bytes; true. */
-    bool SetIV(const vxBytes& newIv);
+    [[nodiscard]] bool SetIV(const vxBytes& newIv);
     /** Send side: `block` (the cipher output E) becomes its first `size` bytes XOR the mask, and
      *  the mask advances. A block or mask shorter than `size` throws std::out_of_range. Refuses
      *  while latched. */
-    bool Mutate(vxBytes& block);
+    [[nodiscard]] bool Mutate(vxBytes& block);
     /** Receive side, the inverse of Mutate: `block` becomes E again and the mask advances the
      *  same way. */
-    bool Restore(vxBytes& block);
+    [[nodiscard]] bool Restore(vxBytes& block);
     /** Closes the keyed digest and wipes the mask. */
-    bool Close() override;
+    [[nodiscard]] bool Close() override;
 
 private:
     friend class vxNetTransportKeys; // runs a packet's blocks through sendBlocks and receiveBlocks
@@ -144,9 +148,9 @@ private:
     /** The mask becomes the digest advance returned. */
     VX_NO_EXPORT void takeMask(const unsigned char* next);
     /** Mutate on `count` consecutive blocks of `size` bytes, in place. */
-    VX_NO_EXPORT bool sendBlocks(unsigned char* blocks, size_t count);
+    [[nodiscard]] VX_NO_EXPORT bool sendBlocks(unsigned char* blocks, size_t count);
     /** Restore on `count` consecutive blocks of `size` bytes, in place. */
-    VX_NO_EXPORT bool receiveBlocks(unsigned char* blocks, size_t count);
+    [[nodiscard]] VX_NO_EXPORT bool receiveBlocks(unsigned char* blocks, size_t count);
 
     vxBytes innerMessage;      ///< the message of the inner digest being computed
     vxBytes outerMessage;      ///< the message of the outer digest still to compute
@@ -168,19 +172,19 @@ public:
 
     using vxBase::Open;
     /** Stores the largest offset Hide accepts and opens the sequence with it. */
-    bool Open(uint32_t largest);
+    [[nodiscard]] bool Open(uint32_t largest);
     /** The sequence's Seed: fails with "inValue.bytes.size() >= 4". */
-    bool Seed(const vxBytes& seed);
+    [[nodiscard]] bool Seed(const vxBytes& seed);
     /** Writes `value` at the next offset; the haystack is cut to 16 bytes. A haystack shorter
      *  than 16 bytes throws std::out_of_range; an offset above `top` fails with
      *  "offset <= top". */
-    bool Hide(uint32_t hidden, vxBytes& haystack);
+    [[nodiscard]] bool Hide(uint32_t hidden, vxBytes& haystack);
     /** Reads the value at the next offset into `value`, missing bytes read as zero. Fails with
      *  "(haystack.bytes.size() > 1 )", "(haystack.bytes.size() <= 16)" or "(offset <= 12 )". */
-    bool Find(const vxBytes& haystack);
+    [[nodiscard]] bool Find(const vxBytes& haystack);
     /** The value of the last Find; true. */
-    bool GetValue(uint32_t& out);
-    bool Close() override;
+    [[nodiscard]] bool GetValue(uint32_t& out);
+    [[nodiscard]] bool Close() override;
 };
 
 /** The two block ciphers and the two IV masks of a connection. The end opened with true sends
@@ -204,26 +208,27 @@ public:
     using vxBase::Open;
     /** Opens both IVs with 16, both ciphers with `id`, reads the block and key sizes and opens
      *  the expander with the key size. */
-    bool Open(const vxCipherId& id, bool whichSide);
+    [[nodiscard]] bool Open(const vxCipherId& id, bool whichSide);
     /** Key A = H(even || odd || even), key B = H(odd || even || odd) of `material`'s even and odd
      *  indexed bytes, each expanded to the key size. */
-    bool SetInitialKeys(const vxBytes& material);
+    [[nodiscard]] bool SetInitialKeys(const vxBytes& material);
     /** IV A and IV B derived as the keys are, not expanded. */
-    bool SetInitialIVs(const vxBytes& material);
+    [[nodiscard]] bool SetInitialIVs(const vxBytes& material);
     /** The cipher of the sending or the receiving direction at this end. */
     vxCipher* GetLocalizedCB(bool sending);
     /** The IV mask of the sending or the receiving direction at this end. */
     vxNetTransportHmacIV* GetLocalizedIV(bool sending);
     /** The key size into `size`; runs the standard guard. */
-    bool GetKeySize(uint32_t& size);
+    [[nodiscard]] bool GetKeySize(uint32_t& size);
     /** The block size into `size`; runs the standard guard. */
-    bool GetBlockSize(uint32_t& size);
+    [[nodiscard]] bool GetBlockSize(uint32_t& size);
     /** The cipher number, in `id.value`. */
-    bool GetCipherID(vxCipherId& id);
-    bool Close() override;
+    [[nodiscard]] bool GetCipherID(vxCipherId& id);
+    [[nodiscard]] bool Close() override;
 
 private:
-    VX_NO_EXPORT bool deriveSplitPair(const vxBytes& material, vxBytes& first, vxBytes& second);
+    [[nodiscard]] VX_NO_EXPORT bool deriveSplitPair(const vxBytes& material, vxBytes& first,
+                                                    vxBytes& second);
 };
 
 /** The key state of one connection: ciphers with chained block encryption, the pair of HMAC
@@ -248,40 +253,40 @@ public:
     using vxBase::Open;
     /** Opens the MD5 digests, both pairs with `side`, the ciphers with `id` and `side`, and the
      *  expander with the ciphers' key size. */
-    bool Open(const vxCipherId& id, bool side);
+    [[nodiscard]] bool Open(const vxCipherId& id, bool side);
     /** Expands `key` and hands it to the ciphers' SetInitialKeys. */
-    bool SetInitialKey(const vxBytes& key);
+    [[nodiscard]] bool SetInitialKey(const vxBytes& key);
     /** Hands `iv` to the ciphers' SetInitialIVs. */
-    bool SetInitialIV(const vxBytes& iv);
+    [[nodiscard]] bool SetInitialIV(const vxBytes& iv);
     /** Encrypts the whole blocks of `in` into `out` in the sending direction; trailing bytes of a
      *  partial block are dropped. Fails with "cb != 0", "HmacIV != 0" or "Boolean return value
      *  failed.". */
-    bool Encrypt(const vxBytes& in, vxBytes& out);
+    [[nodiscard]] bool Encrypt(const vxBytes& in, vxBytes& out);
     /** The same with `*in`. */
-    bool Encrypt(const vxBytes* in, vxBytes& out);
+    [[nodiscard]] bool Encrypt(const vxBytes* in, vxBytes& out);
     /** Decrypts in the receiving direction; as Encrypt. */
-    bool Decrypt(const vxBytes& in, vxBytes& out);
+    [[nodiscard]] bool Decrypt(const vxBytes& in, vxBytes& out);
     /** magicOne = HMAC(key magicOne, magicOne || magicOne || data). */
-    bool UpdateHmacOne(const vxBytes& data);
+    [[nodiscard]] bool UpdateHmacOne(const vxBytes& data);
     /** magicTwo = HMAC(key magicTwo, magicTwo || magicTwo || data). */
-    bool UpdateHmacTwo(const vxBytes& data);
+    [[nodiscard]] bool UpdateHmacTwo(const vxBytes& data);
     /** Folds `data` into pool One. The digest is not read back, so the pool ends empty. */
-    bool UpdateEntropyPoolOne(const vxBytes& data);
+    [[nodiscard]] bool UpdateEntropyPoolOne(const vxBytes& data);
     /** Folds `data` into pool Two; as UpdateEntropyPoolOne. */
-    bool UpdateEntropyPoolTwo(const vxBytes& data);
+    [[nodiscard]] bool UpdateEntropyPoolTwo(const vxBytes& data);
     /** Replaces every key, IV, chain key and pool from the two seeds; both ends must pass them in
      *  the same order. Fails with "( seed0.bytes.size() > 0 )" or "( seed1.bytes.size() > 0 )". */
-    bool ReSeed(const vxBytes& seed0, const vxBytes& seed1);
+    [[nodiscard]] bool ReSeed(const vxBytes& seed0, const vxBytes& seed1);
     /** The ciphers' key size into `size`. */
-    bool GetKeySize(uint32_t& size);
-    bool Close() override;
+    [[nodiscard]] bool GetKeySize(uint32_t& size);
+    [[nodiscard]] bool Close() override;
 
 private:
     /** The block loop of both directions: sending, E = cipher(P) and then the mask; receiving,
      *  the mask removed and then the cipher inverted. */
-    VX_NO_EXPORT bool cryptBlocks(const vxBytes& in, vxBytes& out, bool sending);
-    VX_NO_EXPORT bool ratchet(vxBytes& chainKey, const vxBytes& data);
-    VX_NO_EXPORT bool foldEntropy(vxBytes& pool, const vxBytes& data);
+    [[nodiscard]] VX_NO_EXPORT bool cryptBlocks(const vxBytes& in, vxBytes& out, bool sending);
+    [[nodiscard]] VX_NO_EXPORT bool ratchet(vxBytes& chainKey, const vxBytes& data);
+    [[nodiscard]] VX_NO_EXPORT bool foldEntropy(vxBytes& pool, const vxBytes& data);
 };
 
 /** Builds and reads the 48-byte encrypted header of a packet: HMAC of the haystack under the
@@ -320,52 +325,53 @@ public:
     using vxBase::Open;
     /** Opens the MD5 identifier, the random source, both anti-cribs with 12 and the three keyed
      *  digests, then stores `side` (the same value the keys were opened with). */
-    bool Open(bool whichSide);
+    [[nodiscard]] bool Open(bool whichSide);
     /** Zeroes the sizes and empties every buffer. */
     void Clear();
     /** Send side of a data packet: sizes, random padding, hidden length, HMACs and the encrypted
      *  header, in that order. The caller then encrypts payload || padding with the same keys. */
-    bool CreateFromPayload(vxNetTransportKeys& keys, const vxBytes& payload);
-    /** Builds a command packet (0xC0DE0000 | cmd hidden) and sends it: the 48-byte header, then
+    [[nodiscard]] bool CreateFromPayload(vxNetTransportKeys& keys, const vxBytes& payload);
+    /** Builds a command packet (kCommandMark | cmd hidden) and sends it: the 48-byte header, then
      *  an empty body. Its body HMAC is HMAC(key K', K), since the body buffer is the one the chain
      *  key K is read into. */
-    bool CreateCmdMessage(uint32_t cmd, vxNetTransportKeys& keys, vxNetSocket* socket);
+    [[nodiscard]] bool CreateCmdMessage(uint32_t cmd, vxNetTransportKeys& keys,
+                                        vxNetSocket* socket);
     /** Pool One, the outgoing sequence seed, the HMACs and the encrypted header. */
-    bool CreateCommonHeader(vxNetTransportKeys& keys, const vxBytes& payload);
+    [[nodiscard]] bool CreateCommonHeader(vxNetTransportKeys& keys, const vxBytes& payload);
     /** Receives 48 bytes, decrypts and checks the header, finds the length and ratchets the
      *  chain key. True with the header left cleared when the socket was woken up. Fails with
      *  "tempBytes1.bytes.size() == VX_HEADER_WIRE_SIZE" (also when the peer closed, since no
      *  bytes came), "tempBytes3 == hMacHead" or the anti-crib's texts. */
-    bool ReadFromWire(vxNetTransportKeys& keys, vxNetSocket* socket);
+    [[nodiscard]] bool ReadFromWire(vxNetTransportKeys& keys, vxNetSocket* socket);
     /** The head HMAC under K, the ratchet of K with head HMAC || haystack, the body HMAC under K'.
      *  Leaves `hMacHead` empty and the head HMAC in the first 16 bytes of `plainHeader`. */
-    bool UpdateHmac(vxNetTransportKeys& keys, const vxBytes& payload);
+    [[nodiscard]] bool UpdateHmac(vxNetTransportKeys& keys, const vxBytes& payload);
     /** Fails with "tempBytes3 == hMacHead" unless HMAC(key, haystack) equals `hMacHead`. */
-    bool ValidateHmacHead(const vxBytes& key);
+    [[nodiscard]] bool ValidateHmacHead(const vxBytes& key);
     /** Fails with "tempBytes3 == hMacBody" unless HMAC(key, body) equals `hMacBody`. */
-    bool ValidateHmacBody(const vxBytes& key, const vxBytes& body);
+    [[nodiscard]] bool ValidateHmacBody(const vxBytes& key, const vxBytes& body);
     /** Stores the payload size and rounds it up to a multiple of 16; a size above 0xFFFFFFEF
      *  leaves `sizeWithPadding` as it was. */
     void SetPaddingSize(uint32_t size);
     /** sizeWithPadding - payloadSize random bytes. */
-    bool MakeBodyPadding();
+    [[nodiscard]] bool MakeBodyPadding();
     /** 16 random bytes with `value` hidden by the outbound anti-crib. */
-    bool HideSizeNeedle(uint32_t value);
+    [[nodiscard]] bool HideSizeNeedle(uint32_t value);
     /** The inbound anti-crib's value into `payloadSize`. */
-    bool FindSizeInHaystack();
+    [[nodiscard]] bool FindSizeInHaystack();
     /** A copy of `encryptedHeader`; runs the standard guard. */
-    bool GetEncryptedHeader(vxBytes& out);
+    [[nodiscard]] bool GetEncryptedHeader(vxBytes& out);
     /** A copy of `bodyPadding`; runs the standard guard. */
-    bool GetBodyPadding(vxBytes& out);
+    [[nodiscard]] bool GetBodyPadding(vxBytes& out);
     /** `payloadSize` into `size`; runs the standard guard. */
-    bool GetPayloadSize(uint32_t& size);
+    [[nodiscard]] bool GetPayloadSize(uint32_t& size);
     /** `sizeWithPadding` into `size`; runs the standard guard. */
-    bool GetSizeWithPadding(uint32_t& size);
-    bool Close() override;
+    [[nodiscard]] bool GetSizeWithPadding(uint32_t& size);
+    [[nodiscard]] bool Close() override;
 
 private:
-    VX_NO_EXPORT bool validate(const vxBytes& key, const vxBytes& message, const vxBytes& expected,
-                               const char* text);
+    [[nodiscard]] VX_NO_EXPORT bool validate(const vxBytes& key, const vxBytes& message,
+                                             const vxBytes& expected, const char* text);
 };
 
 } // namespace veltrix

@@ -12,15 +12,7 @@
 
 namespace veltrix {
 
-vxSignals::vxSignals()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxSignals::~vxSignals()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxSignals)
 
 void vxSignalHandlerDummy(int /*signo*/)
 {

@@ -16,10 +16,10 @@ public:
     ~vxSignals() override;
 
     /** Does nothing; true. */
-    bool Open() override { return true; }
+    [[nodiscard]] bool Open() override { return true; }
 
     /** No signal thread is needed; true. */
-    bool CreateMainThread() { return true; }
+    [[nodiscard]] bool CreateMainThread() { return true; }
 };
 
 /** Absorbs SIGINT and SIGHUP: re-installs itself for both. */

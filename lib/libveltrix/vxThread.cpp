@@ -25,15 +25,7 @@ void* runThread(void* argument)
 
 } // namespace
 
-vxMutex::vxMutex()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxMutex::~vxMutex()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxMutex)
 
 bool vxMutex::Open()
 {
@@ -53,15 +45,7 @@ bool vxMutex::UnLock()
     return true;
 }
 
-vxCondition::vxCondition()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxCondition::~vxCondition()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxCondition)
 
 bool vxCondition::Sleep()
 {
@@ -87,15 +71,7 @@ bool vxCondition::wakeup(int (*signalFunction)(pthread_cond_t*))
     return true;
 }
 
-vxThread::vxThread()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxThread::~vxThread()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxThread)
 
 bool vxThread::Open()
 {

@@ -21,11 +21,11 @@ public:
     ~vxMutex() override;
 
     /** Initialises the mutex; fails with "Int return value failed. (%d). ". */
-    bool Open() override;
+    [[nodiscard]] bool Open() override;
     /** pthread_mutex_lock; fails with "Int return value failed. (%d). " and its result. */
-    bool Lock();
+    [[nodiscard]] bool Lock();
     /** pthread_mutex_unlock; fails as Lock. */
-    bool UnLock();
+    [[nodiscard]] bool UnLock();
 };
 
 /** A POSIX condition variable and its mutex. */
@@ -39,17 +39,23 @@ public:
     LVX_NOT_COPYABLE(vxCondition);
     ~vxCondition() override;
 
-    bool Open() override { return true; }
+    [[nodiscard]] bool Open() override { return true; }
 
-    /** Waits with `mutex` held by the caller; returns with it released. */
-    bool Sleep();
-    /** Locks `mutex` and wakes one sleeper; returns with `mutex` held (release with UnLock). */
-    bool WakeupOne();
-    /** Locks `mutex` and wakes every sleeper; returns with `mutex` held. */
-    bool WakeupAll();
+    /** Waits on the condition with `mutex`, which the caller must hold, then unlocks `mutex`
+     *  and returns true. The latch is checked only after the wait: while it is set, the call
+     *  still waits, then refuses ("Unable to continue from previous error") and returns false
+     *  with `mutex` still held. A failed unlock is recorded ("Int return value failed. (%d). ")
+     *  and gives false. */
+    [[nodiscard]] bool Sleep();
+    /** Locks `mutex` and wakes one sleeper; returns with `mutex` held (release with UnLock).
+     *  While the latch is set it refuses before locking, and wakes nobody. */
+    [[nodiscard]] bool WakeupOne();
+    /** Locks `mutex` and wakes every sleeper; returns with `mutex` held. Refuses while latched,
+     *  as WakeupOne. */
+    [[nodiscard]] bool WakeupAll();
 
 private:
-    VX_NO_EXPORT bool wakeup(int (*signalFunction)(pthread_cond_t*));
+    [[nodiscard]] VX_NO_EXPORT bool wakeup(int (*signalFunction)(pthread_cond_t*));
 };
 
 /** A detached thread. Close neither stops the thread nor closes the members. */
@@ -67,16 +73,16 @@ public:
     ~vxThread() override;
 
     /** Prepares detached attributes and opens the member mutex and condition. */
-    bool Open() override;
+    [[nodiscard]] bool Open() override;
 
     /** Does nothing; true. */
-    bool Close() override { return true; }
+    [[nodiscard]] bool Close() override { return true; }
 
     /** Starts `entry` at once with this object as argument. Fails with "rv == 0" when the thread
      *  cannot be created, or with the latch text (the thread has started all the same). */
-    bool StartMain(void (*&entry)(void*));
+    [[nodiscard]] bool StartMain(void (*&entry)(void*));
     /** Stack size for threads started afterwards; fails with "rv == 0". */
-    bool SetStackSize(uint32_t size);
+    [[nodiscard]] bool SetStackSize(uint32_t size);
 };
 
 } // namespace veltrix

@@ -11,15 +11,7 @@
 
 namespace veltrix {
 
-vxTraceLog::vxTraceLog()
-{
-    LVX_INIT_OBJECT();
-}
-
-vxTraceLog::~vxTraceLog()
-{
-    LVX_DESTRUCT();
-}
+LVX_DEFINE_LIFECYCLE(vxTraceLog)
 
 bool vxTraceLog::AddMessage(const std::string& message)
 {

@@ -18,15 +18,15 @@ public:
 
     /** Writes "[%Y/%m/%d %H:%M:%S] -> message" and a line end to stderr; always true, also while
      *  the error latch is set. */
-    bool AddMessage(const std::string& message);
+    [[nodiscard]] bool AddMessage(const std::string& message);
     /** Passes the message to syslog (facility local5, priority info); always true. */
-    bool SysLog(const std::string& message);
+    [[nodiscard]] bool SysLog(const std::string& message);
     /** Trace flags are accepted and ignored: every message is written. */
-    bool RegisterTraceFlag(const std::string& flag);
+    [[nodiscard]] bool RegisterTraceFlag(const std::string& flag);
     /** Accepted and ignored; true. */
-    bool EnableTraceFlag(const std::string& flag);
+    [[nodiscard]] bool EnableTraceFlag(const std::string& flag);
     /** Accepted and ignored; true. */
-    bool DisableTraceFlag(const std::string& flag);
+    [[nodiscard]] bool DisableTraceFlag(const std::string& flag);
 };
 
 } // namespace veltrix

@@ -8,20 +8,9 @@
 
 namespace veltrix {
 
-vxVersions::vxVersions()
-{
-    LVX_INIT_OBJECT();
-}
+LVX_DEFINE_LIFECYCLE(vxVersions)
 
-vxVersions::vxVersions(bool /*flag*/)
-{
-    LVX_INIT_OBJECT();
-}
-
-vxVersions::~vxVersions()
-{
-    LVX_DESTRUCT();
-}
+vxVersions::vxVersions(bool /*flag*/) : vxVersions() {}
 
 bool vxVersions::AddApplication(const std::string& rowName, const std::string& version)
 {
@@ -51,9 +40,9 @@ void vxVersions::Display(const std::ostream& /*out*/)
     const auto addRow = [&](const std::string& rowName, const char* type,
                             const std::string& version) {
         libuiTable::uiRow& row = table.createRow();
-        row.Insert(nameColumn, rowName);
-        row.Insert(typeColumn, type);
-        row.Insert(versionColumn, version);
+        (void)row.Insert(nameColumn, rowName);
+        (void)row.Insert(typeColumn, type);
+        (void)row.Insert(versionColumn, version);
     };
     const auto addGroup = [&](const auto& group, const char* type) {
         if (group.empty()) {

@@ -24,14 +24,14 @@ public:
     LVX_NOT_COPYABLE(vxVersions);
     ~vxVersions() override;
 
-    bool Open() override { return true; }
+    [[nodiscard]] bool Open() override { return true; }
 
     /** Replaces the application row; always true. */
-    bool AddApplication(const std::string& name, const std::string& version);
+    [[nodiscard]] bool AddApplication(const std::string& name, const std::string& version);
     /** Appends a library row (duplicates kept); always true. */
-    bool AddLibraryInfo(const std::string& name, const std::string& version);
+    [[nodiscard]] bool AddLibraryInfo(const std::string& name, const std::string& version);
     /** Appends a plug-in row (duplicates kept); always true. */
-    bool AddPluginInfo(const std::string& name, const std::string& version);
+    [[nodiscard]] bool AddPluginInfo(const std::string& name, const std::string& version);
     /** Prints the "Name" / "Type" / "Version" table. It always goes to standard output; `out` is
      *  not written (kept so for existing callers). */
     void Display(const std::ostream& out);

@@ -29,7 +29,7 @@ public:
     /** Empties both sets and maxFd; keeps timeoutSeconds. */
     void reset();
     /** Whether `fd` is in the read set (after doSelect, whether it is readable). */
-    bool isSet(uint32_t fd);
+    [[nodiscard]] bool isSet(uint32_t fd);
     /** One select(); its result unchanged (ready count, 0 on time-out, -1 with errno). */
     int doSelect();
 

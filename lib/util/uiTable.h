@@ -49,7 +49,7 @@ public:
     /** A row of `owner` with an empty cell for each of its columns. */
     explicit uiRow(uiTable& owner);
     /** Sets the cell's text and widens its column as needed; always true. */
-    bool Insert(uiColumnId column, const std::string& text);
+    [[nodiscard]] bool Insert(uiColumnId column, const std::string& text);
 
 private:
     uiTable* table;

@@ -33,7 +33,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <exception>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <openssl/md5.h>
@@ -49,22 +49,8 @@ namespace {
 constexpr const char* kPluginName = "openssl";
 constexpr const char* kPluginVersion = "1.0";
 
-// Digest ids of the interface.
-constexpr uint32_t kMdMd5 = 1;
-constexpr uint32_t kMdSha1 = 2;
-constexpr uint32_t kMdSha256 = 3;
-constexpr uint32_t kMdSha512 = 4;
-constexpr uint32_t kMdSha384 = 5;
-constexpr uint32_t kMdSha256Half = 19;
-constexpr size_t kSha256HalfSize = 16;
-
-// Cipher ids of the interface; every cipher works on one 16-byte block.
-constexpr uint32_t kCipherNone = 1;
-constexpr uint32_t kCipherAes128 = 2;
-constexpr uint32_t kCipherAes192 = 3;
-constexpr uint32_t kCipherAes256 = 4;
+// Every cipher of the interface works on one 16-byte block.
 constexpr size_t kBlockSize = 16;
-constexpr uint32_t kNoneKeySize = 16;
 
 // Every RSA key made here uses the public exponent 65537.
 constexpr BN_ULONG kRsaPublicExponent = 65537;
@@ -115,6 +101,19 @@ bool fail()
     return false;
 }
 
+/** Runs `body` and returns its result, or `refused` when it runs out of memory: an entry point
+ *  answers a failed allocation with its own failure result, never with an exception thrown into
+ *  the library. */
+template <typename Body>
+std::invoke_result_t<Body&> catchNoMemory(std::invoke_result_t<Body&> refused, Body body)
+{
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return refused;
+    }
+}
+
 const unsigned char* dataOf(const vxByteVector& bytes)
 {
     return bytes.empty() ? kNoData : bytes.data();
@@ -127,6 +126,39 @@ const vxByteVector& noBytes()
 }
 
 // ---- Algorithms fetched once per process ------------------------------------------------------
+
+/** OpenSSL's name for each cipher of the interface, by its identifier in the interface's table;
+ *  null for the identity cipher. */
+namespace backendCipher {
+constexpr const char* none = nullptr;
+constexpr const char* aes128 = "AES-128-ECB";
+constexpr const char* aes192 = "AES-192-ECB";
+constexpr const char* aes256 = "AES-256-ECB";
+} // namespace backendCipher
+
+/** One cipher of the interface. */
+struct cipherChoice
+{
+    const char* backend; ///< OpenSSL's name for it; null for the identity cipher
+    uint32_t id;
+    uint32_t keySize;
+};
+
+#define VX_OPENSSL_CIPHER(identifier, number, name, bytes) \
+    {backendCipher::identifier, number, bytes},
+constexpr cipherChoice kCiphers[] = {VX_CIPHER_ALGORITHMS(VX_OPENSSL_CIPHER)};
+#undef VX_OPENSSL_CIPHER
+
+/** The cipher of an id, or null for an unknown id. */
+const cipherChoice* cipherOf(uint32_t id)
+{
+    for (const cipherChoice& choice : kCiphers) {
+        if (choice.id == id) {
+            return &choice;
+        }
+    }
+    return nullptr;
+}
 
 /** The ciphers of the interface, fetched from the default provider on first use. Fetching is
  *  costly (a locked lookup in the method store), and an implicit fetch would repeat it on every
@@ -142,19 +174,10 @@ public:
         return instance;
     }
 
-    /** The ECB cipher of an AES cipher id, or null. */
-    [[nodiscard]] const EVP_CIPHER* cipher(uint32_t id) const
+    /** The ECB cipher behind `choice`, or null. */
+    [[nodiscard]] const EVP_CIPHER* cipher(const cipherChoice& choice) const
     {
-        switch (id) {
-        case kCipherAes128:
-            return aes128.get();
-        case kCipherAes192:
-            return aes192.get();
-        case kCipherAes256:
-            return aes256.get();
-        default:
-            return nullptr;
-        }
+        return fetched[static_cast<size_t>(&choice - kCiphers)].get();
     }
 
     fetchedAlgorithms(const fetchedAlgorithms&) = delete;
@@ -165,15 +188,17 @@ public:
 
 private:
     fetchedAlgorithms()
-        : aes128(EVP_CIPHER_fetch(nullptr, "AES-128-ECB", nullptr)),
-          aes192(EVP_CIPHER_fetch(nullptr, "AES-192-ECB", nullptr)),
-          aes256(EVP_CIPHER_fetch(nullptr, "AES-256-ECB", nullptr))
     {
+        for (size_t at = 0; at < std::size(kCiphers); ++at) {
+            if (kCiphers[at].backend != nullptr) {
+                fetched[at].reset(EVP_CIPHER_fetch(nullptr, kCiphers[at].backend, nullptr));
+            }
+        }
         // An algorithm the provider lacks stays null and its id is refused at Open.
         ERR_clear_error();
     }
 
-    owned<EVP_CIPHER> aes128, aes192, aes256;
+    owned<EVP_CIPHER> fetched[std::size(kCiphers)]; ///< in the order of kCiphers
 };
 
 // ---- Digests ----------------------------------------------------------------------------------
@@ -226,33 +251,36 @@ using sha384Functions =
 using sha512Functions =
     lowLevel<SHA512_CTX, &digestContext::sha512, SHA512_Init, SHA512_Update, SHA512_Final>;
 
-constexpr digestAlgorithm kMd5 = md5Functions::algorithm(MD5_DIGEST_LENGTH, MD5_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha1 = sha1Functions::algorithm(SHA_DIGEST_LENGTH, SHA_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha256 =
+/** Each digest of the interface, by its identifier in the interface's table. */
+namespace digests {
+constexpr digestAlgorithm md5 = md5Functions::algorithm(MD5_DIGEST_LENGTH, MD5_DIGEST_LENGTH);
+constexpr digestAlgorithm sha1 = sha1Functions::algorithm(SHA_DIGEST_LENGTH, SHA_DIGEST_LENGTH);
+constexpr digestAlgorithm sha256 =
     sha256Functions::algorithm(SHA256_DIGEST_LENGTH, SHA256_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha256Half =
-    sha256Functions::algorithm(kSha256HalfSize, SHA256_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha384 =
+constexpr digestAlgorithm sha384 =
     sha384Functions::algorithm(SHA384_DIGEST_LENGTH, SHA384_DIGEST_LENGTH);
-constexpr digestAlgorithm kSha512 =
+constexpr digestAlgorithm sha512 =
     sha512Functions::algorithm(SHA512_DIGEST_LENGTH, SHA512_DIGEST_LENGTH);
+/** The first half of SHA-256. */
+constexpr digestAlgorithm sha256_128 =
+    sha256Functions::algorithm(SHA256_DIGEST_LENGTH / 2, SHA256_DIGEST_LENGTH);
+} // namespace digests
+
+#define VX_OPENSSL_DIGEST_SIZE(identifier, number, name, bytes) \
+    static_assert(digests::identifier.size == (bytes),          \
+                  "the size of " name " differs from the table");
+VX_DIGEST_ALGORITHMS(VX_OPENSSL_DIGEST_SIZE)
+#undef VX_OPENSSL_DIGEST_SIZE
 
 /** The algorithm of a digest id, or null for an unknown id. */
 const digestAlgorithm* digestOf(uint32_t id)
 {
     switch (id) {
-    case kMdMd5:
-        return &kMd5;
-    case kMdSha1:
-        return &kSha1;
-    case kMdSha256:
-        return &kSha256;
-    case kMdSha512:
-        return &kSha512;
-    case kMdSha384:
-        return &kSha384;
-    case kMdSha256Half:
-        return &kSha256Half;
+#define VX_OPENSSL_DIGEST(identifier, number, name, bytes) \
+    case number:                                           \
+        return &digests::identifier;
+        VX_DIGEST_ALGORITHMS(VX_OPENSSL_DIGEST)
+#undef VX_OPENSSL_DIGEST
     default:
         return nullptr;
     }
@@ -738,12 +766,10 @@ bool runCipherBlock(vxPluginStorage* st, const vxByteVector* in, vxByteVector* o
         (state->cipher != nullptr && !state->keyed)) {
         return false;
     }
-    try {
+    return catchNoMemory(false, [&] {
         out->resize(kBlockSize); // no-op when `out` is `in`, or already holds a block
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return runCipherBlocks(st, in->data(), out->data(), 1, encrypt);
+        return runCipherBlocks(st, in->data(), out->data(), 1, encrypt);
+    });
 }
 
 bool scheduleKey(EVP_CIPHER_CTX* ctx, const EVP_CIPHER* cipher, const unsigned char* key,
@@ -759,7 +785,8 @@ bool scheduleKey(EVP_CIPHER_CTX* ctx, const EVP_CIPHER* cipher, const unsigned c
 
 // Every entry point is declared from the interface's own table, so a signature cannot drift
 // from what the library calls; the static_asserts below check the definitions as well.
-#define VX_OPENSSL_DECLARE(entry, result, params) VX_PLUGIN_EXPORT result openssl_##entry params;
+#define VX_OPENSSL_DECLARE(entry, asked, result, params) \
+    VX_PLUGIN_EXPORT result openssl_##entry params;
 VX_PLUGIN_ENTRY_POINTS(VX_OPENSSL_DECLARE)
 #undef VX_OPENSSL_DECLARE
 
@@ -773,16 +800,14 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginMdOpen(vxPluginStorage* st, uint32_t algor
     if (st == nullptr || chosen == nullptr) {
         return false;
     }
-    try {
+    return catchNoMemory(false, [st, chosen] {
         auto state = std::make_unique<digestState>(*chosen);
         // Started at once, so that an Update before the first Init is still well defined.
         if (chosen->init(state->ctx) != 1) {
             return fail();
         }
         return installState(st, std::move(state));
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    });
 }
 
 VX_PLUGIN_EXPORT bool openssl_vxPluginMdInit(vxPluginStorage* st)
@@ -853,7 +878,7 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginMdDigestPair(vxPluginStorage* first,
         (secondData == nullptr && secondLength > 0)) {
         return false;
     }
-    if (one == two || &one->algorithm != &kMd5 || &two->algorithm != &kMd5) {
+    if (one == two || &one->algorithm != &digests::md5 || &two->algorithm != &digests::md5) {
         // Nothing to run side by side: the same digests one after the other.
         const auto whole = [](vxPluginStorage* st, const unsigned char* data, uint32_t length) {
             return openssl_vxPluginMdInit(st) && openssl_vxPluginMdUpdate(st, data, length) &&
@@ -885,28 +910,26 @@ VX_PLUGIN_EXPORT uint32_t openssl_vxPluginMdDigestSize(vxPluginStorage* st)
 
 VX_PLUGIN_EXPORT bool openssl_vxPluginCipherOpen(vxPluginStorage* st, uint32_t algorithm)
 {
-    if (st == nullptr) {
+    const cipherChoice* choice = cipherOf(algorithm);
+    if (st == nullptr || choice == nullptr) {
         return false;
     }
-    try {
-        if (algorithm == kCipherNone) {
-            return installState(st, std::make_unique<cipherState>(nullptr, kNoneKeySize));
+    return catchNoMemory(false, [st, choice] {
+        if (choice->backend == nullptr) {
+            return installState(st, std::make_unique<cipherState>(nullptr, choice->keySize));
         }
-        const EVP_CIPHER* cipher = fetchedAlgorithms::get().cipher(algorithm);
+        const EVP_CIPHER* cipher = fetchedAlgorithms::get().cipher(*choice);
         if (cipher == nullptr) {
             return false;
         }
-        const auto keySize = static_cast<uint32_t>(EVP_CIPHER_get_key_length(cipher));
-        auto state = std::make_unique<cipherState>(cipher, keySize);
+        auto state = std::make_unique<cipherState>(cipher, choice->keySize);
         state->encrypt.reset(EVP_CIPHER_CTX_new());
         state->decrypt.reset(EVP_CIPHER_CTX_new());
         if (!state->encrypt || !state->decrypt) {
             return fail();
         }
         return installState(st, std::move(state));
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    });
 }
 
 VX_PLUGIN_EXPORT bool openssl_vxPluginCipherClose(vxPluginStorage* st)
@@ -980,11 +1003,7 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginRsaOpen(vxPluginStorage* st)
     if (st == nullptr) {
         return false;
     }
-    try {
-        return installState(st, std::make_unique<rsaState>());
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    return catchNoMemory(false, [st] { return installState(st, std::make_unique<rsaState>()); });
 }
 
 VX_PLUGIN_EXPORT bool openssl_vxPluginRsaSign(vxPluginStorage* st, const vxByteVector* message,
@@ -994,7 +1013,7 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginRsaSign(vxPluginStorage* st, const vxByteV
     if (state == nullptr || !state->isPrivate || message == nullptr || signature == nullptr) {
         return false;
     }
-    try {
+    return catchNoMemory(false, [state, message, signature] {
         // Signed into a local vector first: `signature` may be the very vector of `message`.
         vxByteVector result(keyBytes(*state));
         size_t length = result.size();
@@ -1009,9 +1028,7 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginRsaSign(vxPluginStorage* st, const vxByteV
         result.resize(length);
         *signature = std::move(result);
         return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    });
 }
 
 VX_PLUGIN_EXPORT bool openssl_vxPluginRsaClose(vxPluginStorage* st)
@@ -1101,7 +1118,7 @@ VX_PLUGIN_EXPORT std::string* openssl_vxPluginRsaGetExponent(vxPluginStorage* st
     // Upper-case hexadecimal as BN_bn2hex writes it (whole bytes, so 65537 reads "010001"),
     // the same form MakeKeyFromExps reads back. A number that is absent (the private numbers
     // of a public key, no key at all, an unknown index) reads "0": the text is never empty.
-    try {
+    return catchNoMemory(nullptr, [st, index] {
         auto text = std::make_unique<std::string>("0");
         const auto* state = stateOf<rsaState>(st);
         if (state == nullptr || !state->key || index < 1 || index > kRsaNumberCount) {
@@ -1118,9 +1135,7 @@ VX_PLUGIN_EXPORT std::string* openssl_vxPluginRsaGetExponent(vxPluginStorage* st
             *text = hex.get();
         }
         return text.release();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    });
 }
 
 VX_PLUGIN_EXPORT int openssl_vxPluginRsaPublicEncrypt(vxPluginStorage* st, uint32_t length,
@@ -1210,12 +1225,8 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginRandOpen(vxPluginStorage* st, bool testMod
     if (st == nullptr) {
         return false;
     }
-    try {
-        // A fresh state also restarts the test-mode generator from its fixed seed.
-        return installState(st, std::make_unique<randomState>());
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    // A fresh state also restarts the test-mode generator from its fixed seed.
+    return catchNoMemory(false, [st] { return installState(st, std::make_unique<randomState>()); });
 }
 
 VX_PLUGIN_EXPORT bool openssl_vxPluginRandRead(vxPluginStorage* st, uint32_t count, bool testMode)
@@ -1224,9 +1235,11 @@ VX_PLUGIN_EXPORT bool openssl_vxPluginRandRead(vxPluginStorage* st, uint32_t cou
     if (state == nullptr) {
         return false;
     }
-    try {
+    const bool sized = catchNoMemory(false, [state, count] {
         state->bytes.resize(count);
-    } catch (const std::bad_alloc&) {
+        return true;
+    });
+    if (!sized) {
         state->bytes.clear();
         return false;
     }
@@ -1280,7 +1293,7 @@ VX_PLUGIN_EXPORT uint32_t openssl_vxPluginRandGetNumFromZero(vxPluginStorage* st
 
 // ---- Signature checks and announcement ----
 
-#define VX_OPENSSL_CHECK_SIGNATURE(entry, result, params)                         \
+#define VX_OPENSSL_CHECK_SIGNATURE(entry, asked, result, params)                  \
     static_assert(std::is_same_v<decltype(&openssl_##entry), veltrix::entry##_t>, \
                   "openssl_" #entry " does not match the entry-point table");
 VX_PLUGIN_ENTRY_POINTS(VX_OPENSSL_CHECK_SIGNATURE)
@@ -1290,7 +1303,7 @@ static_assert(std::is_same_v<decltype(&vx_init), veltrix::vx_init_t>,
 
 // The names of all entry points, in the order of the interface's table.
 constexpr const char* kEntryPointNames[] = {
-#define VX_OPENSSL_NAME(entry, result, params) #entry,
+#define VX_OPENSSL_NAME(entry, asked, result, params) #entry,
     VX_PLUGIN_ENTRY_POINTS(VX_OPENSSL_NAME)
 #undef VX_OPENSSL_NAME
 };
@@ -1303,7 +1316,7 @@ VX_PLUGIN_EXPORT bool vx_init(veltrix::pluginLoader* /*loader*/,
     if (provides == nullptr) {
         return false;
     }
-    try {
+    return catchNoMemory(false, [provides] {
         provides->name = kPluginName;
         provides->version = kPluginVersion;
         for (const char* entry : kEntryPointNames) {
@@ -1311,8 +1324,6 @@ VX_PLUGIN_EXPORT bool vx_init(veltrix::pluginLoader* /*loader*/,
                 return false;
             }
         }
-    } catch (const std::exception&) {
-        return false;
-    }
-    return true;
+        return true;
+    });
 }

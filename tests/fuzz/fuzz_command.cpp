@@ -6,6 +6,7 @@
 // short fails, a missing one still lets the code decide. Nothing may crash or hang.
 #include "fuzzChannel.h"
 #include "vxGlobal.h"
+#include "vxNetTransport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr uint32_t kCommandMark = 0xC0DE0000U;
+using veltrix::kCommandMark;
 constexpr size_t kTrailer = 16;
 
 enum class outcome

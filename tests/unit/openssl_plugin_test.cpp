@@ -19,6 +19,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 /** While set, the kernel's random source fails, as it does on a system without it. The test
@@ -75,16 +76,45 @@ std::string takeText(std::string* text)
     return owned ? *owned : std::string("(null)");
 }
 
-constexpr uint32_t kMd5 = 1;
-constexpr uint32_t kSha1 = 2;
-constexpr uint32_t kSha256 = 3;
+constexpr uint32_t kMd5 = veltrix::vxHashId::md5;
+constexpr uint32_t kSha1 = veltrix::vxHashId::sha1;
+constexpr uint32_t kSha256 = veltrix::vxHashId::sha256;
+
+/** An algorithm as peers and the program know it: its id, its name and its size (a digest's
+ *  length, a cipher's key length). */
+using published = std::set<std::tuple<uint32_t, std::string, uint32_t>>;
+
+const published kDigests = {{1, "md5", 16},    {2, "sha1", 20},   {3, "sha256", 32},
+                            {4, "sha512", 64}, {5, "sha384", 48}, {19, "sha256-128", 16}};
+const published kCiphers = {
+    {1, "none", 16}, {2, "aes128", 16}, {3, "aes192", 24}, {4, "aes256", 32}};
+
+TEST(AlgorithmTables, HoldThePublishedIdsNamesAndSizes)
+{
+    published digests;
+    published ciphers;
+#define VX_TABLE_ROW(identifier, number, name, bytes) rows.emplace(number, name, bytes);
+    {
+        published& rows = digests;
+        VX_DIGEST_ALGORITHMS(VX_TABLE_ROW)
+    }
+    {
+        published& rows = ciphers;
+        VX_CIPHER_ALGORITHMS(VX_TABLE_ROW)
+    }
+#undef VX_TABLE_ROW
+    EXPECT_EQ(digests, kDigests);
+    EXPECT_EQ(ciphers, kCiphers);
+}
 
 TEST_F(OpensslPlugin, InitAnnouncesEveryEntryPointDigestSizesAndUnknownIds)
 {
-    // clang-format off
-    const std::pair<uint32_t, uint32_t> sizes[] = {{kMd5, 16}, {kSha1, 20}, {kSha256, 32}, {4, 64}, {5, 48}, {19, 16},
-        {0, 0}, {6, 0}, {7, 0}, {18, 0}, {20, 0}, {0xFFFFFFFFU, 0}}; // size 0: refused
-    // clang-format on
+    // Every published digest, and ids around them that name no digest (size 0).
+    std::vector<std::pair<uint32_t, uint32_t>> sizes = {{0, 0},  {6, 0},  {7, 0},
+                                                        {18, 0}, {20, 0}, {0xFFFFFFFFU, 0}};
+    for (const auto& [id, name, size] : kDigests) {
+        sizes.emplace_back(id, size);
+    }
     for (const auto& [id, size] : sizes) {
         record md(api().vxPluginMdClose);
         ASSERT_EQ(api().vxPluginMdOpen(md.get(), id), size != 0) << id;
@@ -109,9 +139,9 @@ TEST_F(OpensslPlugin, InitAnnouncesEveryEntryPointDigestSizesAndUnknownIds)
     EXPECT_EQ(provides.name, "openssl");
     EXPECT_FALSE(provides.version.empty());
     std::vector<std::pair<std::string, void*>> expected;
-#define VX_TEST_ENTRY(entry, result, params)   \
-    ASSERT_NE(api().entry, nullptr) << #entry; \
-    expected.emplace_back(#entry, nullptr);    \
+#define VX_TEST_ENTRY(entry, asked, result, params) \
+    ASSERT_NE(api().entry, nullptr) << #entry;      \
+    expected.emplace_back(#entry, nullptr);         \
     std::memcpy(&expected.back().second, &api().entry, sizeof(void*));
     VX_PLUGIN_ENTRY_POINTS(VX_TEST_ENTRY)
 #undef VX_TEST_ENTRY
