@@ -69,11 +69,6 @@ public:
     }
 
 private:
-    static bool close(vxBase& object)
-    {
-        return object.PreClose() && object.Close() && object.PostClose();
-    }
-
     static bool section(const char* title)
     {
         std::cout << "\n== " << title << " ==\n";
@@ -92,7 +87,7 @@ private:
         DumpStackTrace(std::cout);
         lvxClearLastError();
         std::cout << "trail cleared; latched: " << vxGlobal.stackTrace.errorLatch.load() << "\n";
-        return failed && close(pipeline);
+        return failed && closeChild(pipeline);
     }
 
     bool loadPlugin()
@@ -110,10 +105,10 @@ private:
     {
         section("Digests of the sample text");
         std::cout << "text: \"" << sampleText << "\"\n";
+#define VX_DEMO_DIGEST(identifier, id, name, bytes) {vxHashId::identifier, name},
         const std::pair<uint32_t, const char*> algorithms[] = {
-            {vxHashId::md5, "md5"},       {vxHashId::sha1, "sha1"},
-            {vxHashId::sha256, "sha256"}, {vxHashId::sha384, "sha384"},
-            {vxHashId::sha512, "sha512"}, {vxHashId::sha256_128, "sha256-128"}};
+            VX_DIGEST_ALGORITHMS(VX_DEMO_DIGEST)};
+#undef VX_DEMO_DIGEST
         for (const auto& [value, word] : algorithms) {
             vxHashId id;
             vxMd md;
@@ -123,7 +118,7 @@ private:
                 return false;
             }
             std::cout << word << std::string(12 - std::string(word).size(), ' ') << md << "\n";
-            if (!(close(md) && close(id))) {
+            if (!(closeChild(md) && closeChild(id))) {
                 return false;
             }
         }
@@ -147,7 +142,7 @@ private:
             return false;
         }
         std::cout << hexString(value.bytes).text << "\n";
-        return close(mac) && close(id);
+        return closeChild(mac) && closeChild(id);
     }
 
     bool showCipher()
@@ -171,7 +166,7 @@ private:
                   << "encrypted " << hexString(sealed.bytes).text << "\n"
                   << "decrypted " << hexString(unsealed.bytes).text << "\n";
         key.Scrub();
-        return close(cipher) && close(id);
+        return closeChild(cipher) && closeChild(id);
     }
 
     bool showRandom()
@@ -184,7 +179,7 @@ private:
             return false;
         }
         std::cout << hexString(drawn.bytes).text << "\n";
-        return close(random);
+        return closeChild(random);
     }
 
     bool showKeyFile()
@@ -208,14 +203,14 @@ private:
                   << "fingerprint read    " << read << "\n"
                   << (written == read ? "the key file round trip matches\n" : "MISMATCH\n");
         (void)std::remove(keyFile.c_str());
-        return written == read && close(copy) && close(key);
+        return written == read && closeChild(copy) && closeChild(key);
     }
 
     bool showVersions()
     {
         section("Version table");
         vxGlobal.versions->Display(std::cout);
-        return close(api);
+        return closeChild(api);
     }
 
     std::string pluginDir;

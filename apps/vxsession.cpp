@@ -60,11 +60,6 @@ protected:
         return LoadPlugin("openssl");
     }
 
-    static bool close(vxBase& object)
-    {
-        return object.PreClose() && object.Close() && object.PostClose();
-    }
-
     sessionSettings settings;
 };
 
@@ -78,7 +73,7 @@ public:
     bool main(int /*argc*/, char** /*argv*/) override
     {
         LVX_CALL_OPEN(server);
-        return loadPlugin() && listen() && serveOneClient() && close(server);
+        return loadPlugin() && listen() && serveOneClient() && closeChild(server);
     }
 
 private:
@@ -161,8 +156,8 @@ public:
                       &client.socket);
         const bool talked = client.PerformKeyExchange(bytesOf(sharedSecret)) && talk();
         // After the disconnect command, close at once: the server waits for this socket to close.
-        return talked && client.SendClientDisconnect() && close(client.encryptedSocket) &&
-               close(client);
+        return talked && client.SendClientDisconnect() && closeChild(client.encryptedSocket) &&
+               closeChild(client);
     }
 
 private:

@@ -43,8 +43,8 @@ public:
                   << "; handshake done" << std::endl;
         // After the disconnect command the server waits until this socket closes, so the client
         // is closed right after it.
-        return talk() && connection.SendClientDisconnect() && close(connection.encryptedSocket) &&
-               close(connection);
+        return talk() && connection.SendClientDisconnect() &&
+               closeChild(connection.encryptedSocket) && closeChild(connection);
     }
 
 private:

@@ -156,12 +156,6 @@ protected:
         return LoadPlugin("openssl");
     }
 
-    /** Closes a library object under the protocol every object follows. */
-    static bool close(veltrix::vxBase& object)
-    {
-        return object.PreClose() && object.Close() && object.PostClose();
-    }
-
     settings config;
 };
 

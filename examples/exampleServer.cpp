@@ -36,7 +36,7 @@ public:
     bool main(int /*argc*/, char** /*argv*/) override
     {
         LVX_CALL_OPEN(listener);
-        return loadPlugin() && listen() && serveOneClient() && close(listener);
+        return loadPlugin() && listen() && serveOneClient() && closeChild(listener);
     }
 
 private:

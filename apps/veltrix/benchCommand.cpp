@@ -1,35 +1,16 @@
-// veltrix bench: the library's cost per packet, its packet rate and its handshake rate, each beside
-// the same crypto work done directly with OpenSSL in the same run (vxdirect), as one table; with
-// --csv, one row per figure for plotting.
-//
-// Send: one packet built in memory (header and encrypted body), no I/O. Receive: one packet read
-// from a socket pair, checked and its payload copied out; the packets are written into the socket
-// in batches outside the timed region, and both sides read through the same socket calls. The
-// library and the direct end exchange packets both ways before anything is timed.
-//
-// Handshake: connect, handshake, disconnect and close over 127.0.0.1, against a server in a second
-// thread of this process (one process holds one plug-in, so a second program would add nothing
-// but a fork); beside it the crypto work of both ends of one handshake done directly, in one
-// thread, without a socket.
-//
-// Tunnel: a tunnel pair on 127.0.0.1, this program run again as `tunnel --server` and `tunnel
-// --client` with the bench's cipher and hash, in front of a sink in a thread of this process: 16
-// KiB writes one way, and 1-byte round trips. Beside them the direct work: the slower of the
-// direct send and receive of a 16384-byte packet (one end of a pipeline goes no faster), and a
-// 1-byte packet there and back in memory.
-//
-// Each figure is measured in rounds, library and direct alternately, and the medians are shown:
-// the machine's speed drifts over seconds, and alternating keeps the drift out of the ratios.
-// Packet times are CPU time of the measuring thread, which a busy machine disturbs least; the
-// wall-time ratio beside them shows how much the run was disturbed.
-#include "channel.h"
+// veltrix bench: the library's packet cost, packet rate, handshake rate and tunnel throughput,
+// each beside the same crypto work done directly with OpenSSL (vxdirect), as one table or CSV.
+// How it measures: bench/README.md.
+#include "benchStats.h"
 #include "commands.h"
 #include "directHandshake.h"
 #include "directTransport.h"
+#include "handshake.h"
+#include "loopbackSocket.h"
+#include "modeNames.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -57,6 +38,10 @@
 namespace vxcli {
 
 using namespace veltrix;
+using vxbench::loopbackAddress;
+using vxbench::median;
+using vxbench::ratiosOf;
+using vxbench::setNoDelay;
 
 namespace {
 
@@ -172,13 +157,6 @@ round receives(vxtest::transportEnd& producer, const vxBytes& payload, Receive r
     };
 }
 
-double median(std::vector<double> values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 /** What a figure counts: a packet in memory, a handshake, a 16 KiB write through the tunnel or a
  *  round trip through it. */
 enum class figureKind
@@ -234,15 +212,16 @@ summary summarize(const figure& f)
 {
     std::vector<double> library;
     std::vector<double> direct;
-    std::vector<double> ratios;
-    std::vector<double> wallRatios;
+    std::vector<double> libraryWall;
+    std::vector<double> directWall;
     for (size_t i = 0; i < f.library.size(); ++i) {
         library.push_back(f.wallClock() ? f.library[i].wall : f.library[i].cpu);
         direct.push_back(f.wallClock() ? f.direct[i].wall : f.direct[i].cpu);
-        ratios.push_back(library.back() / direct.back());
-        wallRatios.push_back(f.library[i].wall / f.direct[i].wall);
+        libraryWall.push_back(f.library[i].wall);
+        directWall.push_back(f.direct[i].wall);
     }
-    return {median(library), median(direct), median(ratios), median(wallRatios)};
+    return {median(library), median(direct), median(ratiosOf(library, direct)),
+            median(ratiosOf(libraryWall, directWall))};
 }
 
 /** Measures a figure: a short untimed round of each side, then kRounds rounds of each,
@@ -355,27 +334,10 @@ void writeCsv(std::ofstream& out, const std::string& path, const std::vector<fig
 
 // ---- The transport ---------------------------------------------------------------------------
 
-/** Opens library objects under the frame for code that asks open() whether it could; the reason
- *  of a failure stays in the error trail for the caller's require. */
-struct quietOpener
-{
-    cliFrame& frame;
-
-    template <class Child, class... Args> bool open(Child& child, Args&&... args)
-    {
-        try {
-            frame.open(child, "", std::forward<Args>(args)...);
-            return true;
-        } catch (const failure&) {
-            return false;
-        }
-    }
-};
-
 /** What every measurement of a run needs. */
 struct benchRun
 {
-    quietOpener opener;
+    cliFrame& opener; ///< opens library objects; a failure's reason stays in the error trail
     const vxdirect::cipherChoice& cipher;
     double seconds;
 };
@@ -396,11 +358,10 @@ figure measureSend(benchRun& run, const vxBytes& payload)
     vxdirect::mixedPair library(run.opener, run.cipher); // its library server end builds packets
     vxdirect::referenceEnd direct;
     require(library.ready, "cannot open the transport ends");
-    require(direct.open(run.cipher, true, vxdirect::pairSeed0(), vxdirect::pairSeed1()),
-            "cannot key the direct OpenSSL end");
+    require(direct.openPaired(run.cipher, true), "cannot key the direct OpenSSL end");
     vxdirect::bytes wire;
     return measure({"send", payload.bytes.size()}, run.seconds,
-                   steps([&] { return vxdirect::buildPacket(library.pair.server, payload); }),
+                   steps([&] { return library.pair.server.build(payload); }),
                    steps([&] { return direct.seal(payload.bytes, wire); }));
 }
 
@@ -455,12 +416,9 @@ public:
                     server.socket.setPort("0") && server.socket.setAddress(kLoopback) &&
                     server.socket.BindAndListen(),
                 "cannot listen on " + std::string(kLoopback));
-        sockaddr_in bound{};
-        socklen_t length = sizeof bound;
-        if (getsockname(server.socket.sockFd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
-            throw failure("cannot read back the handshake server's port: " + errnoText());
-        }
-        where = {kLoopback, std::to_string(ntohs(bound.sin_port))};
+        where = {kLoopback,
+                 std::to_string(vxbench::localPort<failure>(
+                     server.socket.sockFd, "cannot read back the handshake server's port"))};
         worker = std::thread([this] { serve(); });
     }
 
@@ -470,7 +428,7 @@ public:
     {
         stopping = true;
         worker.join();
-        (void)cliFrame::close(server); // closes whatever connection it still manages
+        (void)cliFrame::closeChild(server); // closes whatever connection it still manages
     }
 
     endpoint where;
@@ -525,8 +483,8 @@ figure measureHandshake(cliFrame& frame, const benchOptions& options,
         const closeOnExit closeClient(client);
         const closeOnExit closeChannel(client.encryptedSocket); // closed first
         connectEncrypted(frame, client, server.where, channel, secret);
-        require(client.SendClientDisconnect() && cliFrame::close(client.encryptedSocket) &&
-                    cliFrame::close(client),
+        require(client.SendClientDisconnect() && cliFrame::closeChild(client.encryptedSocket) &&
+                    cliFrame::closeChild(client),
                 "the client cannot disconnect");
         return true;
     };
@@ -589,15 +547,6 @@ public:
     int fd;
 };
 
-sockaddr_in loopbackAddress(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 /** A TCP socket bound to 127.0.0.1:`port` (0: the system picks). */
 int boundSocket(uint16_t port, int flags)
 {
@@ -615,12 +564,7 @@ int boundSocket(uint16_t port, int flags)
 
 uint16_t localPort(int fd)
 {
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
-        throw failure("cannot read back a local port: " + errnoText());
-    }
-    return ntohs(bound.sin_port);
+    return vxbench::localPort<failure>(fd, "cannot read back a local port");
 }
 
 /** Two ports on 127.0.0.1 that nothing uses now; the tunnels bind them a moment later. Both are
@@ -677,12 +621,6 @@ void receiveAll(int fd, unsigned char* data, size_t size, const char* what)
             awaitReady(fd, POLLIN, what);
         }
     }
-}
-
-void setNoDelay(int fd)
-{
-    const int one = 1;
-    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 }
 
 /** The service behind the pair, in a thread of this process. It serves one connection at a time
@@ -1145,14 +1083,12 @@ public:
     explicit directRoundTrip(const vxdirect::cipherChoice& cipher)
     {
         int fds[2] = {-1, -1};
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        if (!vxtest::socketPair(fds)) {
             throw failure("cannot create a socket pair: " + errnoText());
         }
         nearFd.fd = fds[0];
         farFd.fd = fds[1];
-        require(near.open(cipher, true, vxdirect::pairSeed0(), vxdirect::pairSeed1()) &&
-                    far.open(cipher, false, vxdirect::pairSeed0(), vxdirect::pairSeed1()) &&
-                    near.mirrors(far),
+        require(near.openPaired(cipher, true) && far.openPaired(cipher, false) && near.mirrors(far),
                 "cannot key the direct OpenSSL ends");
     }
 
@@ -1178,8 +1114,7 @@ figure measureTunnelWrites(benchRun& run, const tunnelPair& pair)
     vxBytes payload;
     payload.bytes = vxdirect::randomBytes(kTunnelWrite);
     vxdirect::referenceEnd sealer;
-    require(sealer.open(run.cipher, true, vxdirect::pairSeed0(), vxdirect::pairSeed1()),
-            "cannot key the direct OpenSSL end");
+    require(sealer.openPaired(run.cipher, true), "cannot key the direct OpenSSL end");
     vxdirect::mixedPair receiving(run.opener, run.cipher);
     require(receiving.ready, "cannot open the transport ends");
     vxdirect::bytes wire;
@@ -1215,7 +1150,7 @@ int runBench(cliFrame& frame, const benchOptions& options)
 {
     frame.loadPlugin();
     const vxdirect::cipherChoice& cipher = *vxdirect::findCipher(options.cipher);
-    benchRun run{{frame}, cipher, options.seconds};
+    benchRun run{frame, cipher, options.seconds};
     std::ofstream csv = options.csvFile.empty() ? std::ofstream() : openCsv(options.csvFile);
     requireAgreement(run);
     printHeading(options, cipher);
@@ -1255,11 +1190,11 @@ void addBenchCommand(CLI::App& program, selection& chosen)
         ->check(CLI::Range(0.001, 3600.0))
         ->capture_default_str();
     command->add_option("--cipher", options->cipher, "transport cipher")
-        ->check(CLI::IsMember({"aes128", "aes192", "aes256"}))
+        ->check(CLI::IsMember(veltrix::engine::kEncryptingCipherModes))
         ->capture_default_str();
     // The handshake needs a 16-byte digest.
     command->add_option("--hash", options->hash, "handshake digest")
-        ->check(CLI::IsMember({"md5", "sha256-128"}))
+        ->check(CLI::IsMember(veltrix::engine::kHandshakeHashModes))
         ->capture_default_str();
     command->callback([&chosen, options] {
         chosen = {"bench", [options](cliFrame& frame) { return runBench(frame, *options); }};

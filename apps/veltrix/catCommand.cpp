@@ -7,7 +7,9 @@
 // It speaks the tunnel's stream protocol, so cat and tunnel talk to each other with half-close;
 // --raw sends bare payloads instead, for any application built on the library.
 #include "commands.h"
+#include "handshake.h"
 #include "relay.h"
+#include "subcommand.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,7 +20,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <streambuf>
@@ -38,32 +39,14 @@ struct catOptions
     std::string listen;
     std::string peer;
     channelOptions channel;
+    givenOptions given; ///< the channel options on the command line, over their defaults
     bool raw = false;
     bool progress = false;
     bool forceProgress = false;
     bool stats = false;
     bool once = false;
     unsigned linger = kDefaultLinger;
-    std::string statsStartText; ///< as given; empty without the option
-    uint32_t statsStart = 0;    ///< where the traffic counters start, for tests of their restart
 };
-
-/** The value of --stats-start: a decimal count below the point where the counters restart, as
- *  they never hold one at or above it. The option is hidden, and CLI11 names no hidden option in
- *  its own messages, so this one names it. */
-uint32_t parseStatsStart(const std::string& text)
-{
-    constexpr unsigned long long kRestart = 0xFFFFC000U;
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-    if (text.find_first_not_of("0123456789") != std::string::npos || errno != 0 ||
-        value >= kRestart) {
-        throw CLI::ValidationError("--stats-start", "\"" + text + "\" is not a number below " +
-                                                        std::to_string(kRestart));
-    }
-    return static_cast<uint32_t>(value);
-}
 
 /** "12.3 MiB" */
 std::string sizeText(double bytes)
@@ -152,24 +135,11 @@ void printStats(vxNetEncryptedSocket& channel, const relayCounters& moved, doubl
               << "duration:         " << duration << std::endl;
 }
 
-/** Starts the traffic counters at `value` instead of where the handshake left them, so that a
- *  test reaches their restart without sending 4 GiB. */
-void startCounters(vxNetProtocolStats& stats, uint32_t value)
-{
-    for (vxNetProtocolStatsCounter* counter :
-         {&stats.RecvMsgs, &stats.SentMsgs, &stats.RecvBytes, &stats.SentBytes}) {
-        counter->value = value;
-    }
-}
-
 /** Relays the keyed connection between standard input and output and the peer. `start`: when
  *  the connection began, for the progress line and the statistics. */
 void relay(vxNetEncryptedSocket& channel, const catOptions& options, bool initiator,
            steadyClock::time_point start)
 {
-    if (!options.statsStartText.empty()) {
-        startCounters(channel.stats, options.statsStart);
-    }
     const plainSide standard{STDIN_FILENO, STDOUT_FILENO, false, "standard input",
                              "standard output"};
     const bool showProgress =
@@ -278,56 +248,55 @@ int runCat(cliFrame& frame, const catOptions& options)
     return exitOk;
 }
 
+void declareCat(CLI::App& command, catOptions& options)
+{
+    CLI::Option* listen =
+        command.add_option("--listen", options.listen, "wait for one connection on ADDR:PORT")
+            ->check(endpointValidator());
+    CLI::Option* peer = command.add_option("peer", options.peer, "ADDR:PORT to connect to")
+                            ->check(endpointValidator());
+    listen->excludes(peer);
+    addOptions(command, channelRows(), options.given);
+    command.get_option("--psk-file")->required();
+    command.add_flag("--raw", options.raw,
+                     "bare payloads, for any application built on the library");
+    command
+        .add_option("--linger", options.linger,
+                    "with --raw: seconds the client waits, after the end of its input, for "
+                    "the peer to go quiet before it disconnects")
+        ->default_val(kDefaultLinger)
+        ->check(CLI::Range(0U, 3600U));
+    command
+        .add_flag("--once", options.once,
+                  "with --listen: end with the first connection, even one that fails the "
+                  "handshake")
+        ->needs(listen);
+    command.add_flag("--progress", options.progress,
+                     "a progress line on standard error when it is a terminal");
+    command.add_flag("--force-progress", options.forceProgress,
+                     "the progress line even when standard error is not a terminal");
+    command.add_flag("--stats", options.stats,
+                     "the encrypted socket's statistics, the bytes moved and the time taken, on "
+                     "standard error at the end");
+}
+
+/** The channel options given over their defaults; one way to the peer. */
+void settleCat(catOptions& options)
+{
+    options.channel = defaultChannel();
+    applyGiven(channelRows(), options.given, options.channel);
+    if (options.listen.empty() == options.peer.empty()) {
+        throw CLI::RequiredError("--listen ADDR:PORT or a peer ADDR:PORT");
+    }
+}
+
 } // namespace
 
 void addCatCommand(CLI::App& program, selection& chosen)
 {
-    auto options = std::make_shared<catOptions>();
-    CLI::App* command = program.add_subcommand(
-        "cat", "standard input to the peer and the peer's bytes to standard output");
-    CLI::Option* listen =
-        command->add_option("--listen", options->listen, "wait for one connection on ADDR:PORT")
-            ->check(endpointValidator());
-    CLI::Option* peer = command->add_option("peer", options->peer, "ADDR:PORT to connect to")
-                            ->check(endpointValidator());
-    listen->excludes(peer);
-    auto given = std::make_shared<givenOptions>();
-    addOptions(*command, channelRows(), *given);
-    command->get_option("--psk-file")->required();
-    command->add_flag("--raw", options->raw,
-                      "bare payloads, for any application built on the library");
-    command
-        ->add_option("--linger", options->linger,
-                     "with --raw: seconds the client waits, after the end of its input, for "
-                     "the peer to go quiet before it disconnects")
-        ->default_val(kDefaultLinger)
-        ->check(CLI::Range(0U, 3600U));
-    command
-        ->add_flag("--once", options->once,
-                   "with --listen: end with the first connection, even one that fails the "
-                   "handshake")
-        ->needs(listen);
-    command->add_flag("--progress", options->progress,
-                      "a progress line on standard error when it is a terminal");
-    command->add_flag("--force-progress", options->forceProgress,
-                      "the progress line even when standard error is not a terminal");
-    command->add_flag("--stats", options->stats,
-                      "the encrypted socket's statistics, the bytes moved and the time taken, on "
-                      "standard error at the end");
-    // An empty group keeps it out of --help: it exists for tests of the counters' restart.
-    command->add_option("--stats-start", options->statsStartText, "the counters' start value")
-        ->group("");
-    command->callback([options, given, &chosen] {
-        options->channel = defaultChannel();
-        applyGiven(channelRows(), *given, options->channel);
-        if (!options->statsStartText.empty()) {
-            options->statsStart = parseStatsStart(options->statsStartText);
-        }
-        if (options->listen.empty() == options->peer.empty()) {
-            throw CLI::RequiredError("--listen ADDR:PORT or a peer ADDR:PORT");
-        }
-        chosen = {"cat", [options](cliFrame& frame) { return runCat(frame, *options); }};
-    });
+    addSubcommand<catOptions>(program, chosen, "cat",
+                              "standard input to the peer and the peer's bytes to standard output",
+                              declareCat, settleCat, runCat);
 }
 
 } // namespace vxcli

@@ -80,9 +80,4 @@ void cliFrame::loadPlugin()
             "cannot load the crypto plug-in from \"" + api.searchPath + "\"");
 }
 
-bool cliFrame::close(vxBase& child)
-{
-    return child.PreClose() && child.Close() && child.PostClose();
-}
-
 } // namespace vxcli

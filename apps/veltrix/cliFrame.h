@@ -58,20 +58,11 @@ public:
         require(openChild(child, std::forward<Args>(args)...), what);
     }
 
-    /** PreClose, Close, PostClose of an open object; false at the first step that fails. */
-    static bool close(veltrix::vxBase& child);
-
     [[nodiscard]] const globalOptions& options() const { return settings; }
 
     bool main(int argc, char** argv) override;
 
 private:
-    template <class Child, class... Args> bool openChild(Child& child, Args&&... args)
-    {
-        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
-        return true;
-    }
-
     globalOptions settings;
     std::string commandLabel;
     const body* current = nullptr;
@@ -89,7 +80,7 @@ public:
     ~closeOnExit()
     {
         if (target.opened) {
-            (void)cliFrame::close(target);
+            (void)cliFrame::closeChild(target);
         }
     }
 

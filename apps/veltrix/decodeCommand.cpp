@@ -16,8 +16,10 @@
 // and a summary per connection once both its directions ended.
 #include "capture.h"
 #include "commands.h"
+#include "handshake.h"
 #include "relay.h"
 #include "stream.h"
+#include "subcommand.h"
 #include "vxNetAuth.h"
 
 #include <sys/stat.h>
@@ -746,19 +748,14 @@ int runDecode(cliFrame& frame, const decodeOptions& options)
     return status;
 }
 
-} // namespace
-
-void addDecodeCommand(CLI::App& program, selection& chosen)
+void declareDecode(CLI::App& command, decodeOptions& options)
 {
-    auto options = std::make_shared<decodeOptions>();
-    CLI::App* command = program.add_subcommand(
-        "decode", "show every packet of the connections in a capture, with the secret");
-    command->add_option("capture", options->capture, "the capture file (pcap or pcapng)")
+    command.add_option("capture", options.capture, "the capture file (pcap or pcapng)")
         ->required()
         ->check(CLI::ExistingFile);
     command
-        ->add_option("--psk-file", options->pskFiles,
-                     "file holding the pre-shared secret; repeat it to try several")
+        .add_option("--psk-file", options.pskFiles,
+                    "file holding the pre-shared secret; repeat it to try several")
         ->required()
         ->allow_extra_args(false);
     const auto rowCheck = [](const char* name) {
@@ -769,20 +766,27 @@ void addDecodeCommand(CLI::App& program, selection& chosen)
             },
             name == std::string("cipher") ? "CIPHER" : "HASH");
     };
-    command->add_option("--cipher", options->cipher, "the ends' cipher; default: try each")
+    command.add_option("--cipher", options.cipher, "the ends' cipher; default: try each")
         ->check(rowCheck("cipher"));
-    command->add_option("--hash", options->hash, "the ends' handshake hash; default: try both")
+    command.add_option("--hash", options.hash, "the ends' handshake hash; default: try both")
         ->check(rowCheck("hash"));
-    command->add_option("--payloads", options->payloads,
-                        "write each connection N's payloads to DIR/N.client and DIR/N.server");
-    command->add_flag("--stream", options->stream,
-                      "the connections carry the tunnel's stream protocol (tunnel and cat "
-                      "without --raw): show its cells, and write the data they carry");
-    command->add_option("--port", options->port, "only the connections of this TCP port")
+    command.add_option("--payloads", options.payloads,
+                       "write each connection N's payloads to DIR/N.client and DIR/N.server");
+    command.add_flag("--stream", options.stream,
+                     "the connections carry the tunnel's stream protocol (tunnel and cat "
+                     "without --raw): show its cells, and write the data they carry");
+    command.add_option("--port", options.port, "only the connections of this TCP port")
         ->check(CLI::Range(1, 65535));
-    command->callback([options, &chosen] {
-        chosen = {"decode", [options](cliFrame& frame) { return runDecode(frame, *options); }};
-    });
+}
+
+} // namespace
+
+void addDecodeCommand(CLI::App& program, selection& chosen)
+{
+    addSubcommand<decodeOptions>(
+        program, chosen, "decode",
+        "show every packet of the connections in a capture, with the secret", declareDecode,
+        nullptr, runDecode);
 }
 
 } // namespace vxcli

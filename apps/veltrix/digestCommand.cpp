@@ -1,9 +1,9 @@
 // veltrix digest: file digests printed line for line as the coreutils sum programs print them
 // (their BSD-style --tag lines too), and the check of a sum file (-c) with the same report lines,
 // warnings and exit status, so that sum files and scripts move freely between the two.
+#include "chunkedInput.h"
 #include "commands.h"
 #include "cryptoapi.h"
-#include "digestKeyFiles.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -30,19 +30,24 @@ struct algorithm
 {
     const char* word;  ///< value of --algorithm
     uint32_t id;       ///< the library's digest identifier
-    const char* label; ///< its name in the --warn line and the tag of its BSD-style lines, as
-                       ///< the sum programs spell it
+    std::string label; ///< its name in the --warn line and the tag of its BSD-style lines: the
+                       ///< word in capitals, as the sum programs spell it
     size_t hexLength;  ///< hex digits of one digest
 };
 
-const algorithm algorithms[] = {
-    {"md5", vxHashId::md5, "MD5", 32},
-    {"sha1", vxHashId::sha1, "SHA1", 40},
-    {"sha256", vxHashId::sha256, "SHA256", 64},
-    {"sha384", vxHashId::sha384, "SHA384", 96},
-    {"sha512", vxHashId::sha512, "SHA512", 128},
-    {"sha256-128", vxHashId::sha256_128, "SHA256-128", 32},
-};
+std::string capitals(const char* word)
+{
+    std::string text(word);
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return text;
+}
+
+/** Every digest of the library, in the order of its table. */
+#define VX_DIGEST_ROW(identifier, id, name, bytes) \
+    algorithm{name, id, capitals(name), size_t{2} * (bytes)},
+const algorithm algorithms[] = {VX_DIGEST_ALGORITHMS(VX_DIGEST_ROW)};
+#undef VX_DIGEST_ROW
 
 /** What a check prints. --warn, --quiet and --status replace one another: the last one given
  *  wins, as with the sum programs. */
@@ -56,7 +61,7 @@ enum class verbosity
 
 struct digestOptions
 {
-    const algorithm* chosen = &algorithms[0]; ///< md5
+    const algorithm* chosen = &algorithms[0]; ///< md5, the table's first
     bool pinned = false; ///< -a was given: a check then takes no other algorithm's tagged lines
     std::vector<std::string> files;
     bool check = false;
@@ -181,7 +186,7 @@ std::string sumLine(const algorithm& algo, const std::string& hex, const std::st
     const bool escape = file.find_first_of("\\\n\r") != std::string::npos;
     const std::string name = escape ? escaped(file) : file;
     return (escape ? "\\" : "") +
-           (tag ? std::string(algo.label) + " (" + name + ") = " + hex : hex + "  " + name);
+           (tag ? algo.label + " (" + name + ") = " + hex : hex + "  " + name);
 }
 
 /** Prints a sum line per file. An unreadable file is reported and skipped; the status then says
@@ -403,7 +408,7 @@ private:
         std::string words;
         for (size_t at = 0; most != 0 && at < lookalikes.size(); ++at) {
             if (lookalikes.at(at) == most) {
-                labels += (labels.empty() ? "" : " or ") + std::string(algorithms[at].label);
+                labels += (labels.empty() ? "" : " or ") + algorithms[at].label;
                 words += (words.empty() ? "-a " : " or -a ") + std::string(algorithms[at].word);
             }
         }

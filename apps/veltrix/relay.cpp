@@ -84,7 +84,7 @@ void streamRelay::ready(role which, uint32_t events)
 {
     // A hang-up or an error shows up as the read or write that fails.
     if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0) {
-        (which == role::network ? netReadable : plainReadable) = true;
+        (which == role::network ? in.readable : out.readable) = true;
     }
     advance();
 }
@@ -104,14 +104,14 @@ void streamRelay::advance()
 
 void streamRelay::readPlain()
 {
-    if (out.sentEnd || state != phase::relaying) {
+    if (state != phase::relaying) {
         return;
     }
-    while (plainReadable && out.toNet.size() < kQueueHigh) {
+    while (out.readable && out.takesInput()) {
         size_t got = 0;
         const ioResult result = readInto(plain.input, readBuffer, sizeof readBuffer, got);
         // A short read took everything there was: the loop reports the next bytes.
-        plainReadable = result == ioResult::progress && got == sizeof readBuffer;
+        out.readable = result == ioResult::progress && got == sizeof readBuffer;
         if (result == ioResult::blocked) {
             return;
         }
@@ -163,11 +163,19 @@ void streamRelay::flushNet()
     }
 }
 
+bool streamRelay::outbound::takesInput() const
+{
+    return !sentEnd && toNet.size() < kQueueHigh;
+}
+
+bool streamRelay::inbound::expectsMore(bool isInitiator) const
+{
+    return peer == peerEnd::open && !(cells.ended() && isInitiator);
+}
+
 bool streamRelay::expectsMore() const
 {
-    // The end that connected expects nothing after the peer's end; the other, the disconnect.
-    return !in.netEnded && !in.disconnected && state != phase::finished &&
-           !(in.cells.ended() && initiator);
+    return state != phase::finished && in.expectsMore(initiator);
 }
 
 bool streamRelay::wantsNet() const
@@ -177,7 +185,7 @@ bool streamRelay::wantsNet() const
 
 void streamRelay::readNet()
 {
-    while (wantsNet() && netReadable) {
+    while (wantsNet() && in.readable) {
         if (!in.packet.empty()) {
             completePacket();
             continue;
@@ -197,7 +205,7 @@ void streamRelay::readNet()
             const size_t size = in.cells.packetSize();
             if (got < size) {
                 in.packet.assign(next, next + got);
-                partialSince = lastTraffic;
+                in.partialSince = lastTraffic;
                 break;
             }
             deliver(next, size);
@@ -225,7 +233,7 @@ bool streamRelay::readFromNet(unsigned char* at, size_t limit, size_t& got)
 {
     const ioResult result = readInto(net, at, limit, got);
     // A short read took everything there was: the loop reports the next bytes.
-    netReadable = result == ioResult::progress && got == limit;
+    in.readable = result == ioResult::progress && got == limit;
     if (result == ioResult::ended || result == ioResult::failed) {
         netEnded();
     }
@@ -239,7 +247,7 @@ bool streamRelay::readFromNet(unsigned char* at, size_t limit, size_t& got)
 
 void streamRelay::deliver(const unsigned char* packet, size_t size)
 {
-    partialSince = steadyClock::time_point::max();
+    in.partialSince = steadyClock::time_point::max();
     pipe.feed(packet, size);
     if (size == VX_HEADER_WIRE_SIZE) {
         // The receiver reads 16 bytes after a command header; the end of the pair's stream
@@ -265,10 +273,10 @@ void streamRelay::receive()
         require(false, "receiving from the peer failed");
     }
     if (channel.socket->doDisconnect) {
-        if (!out.sentEnd || !in.cells.ended() || initiator) {
+        if (!out.finished() || !in.cells.ended() || initiator) {
             throw failure("the peer disconnected before the end of the stream");
         }
-        in.disconnected = true;
+        in.peer = peerEnd::disconnected;
         return;
     }
     in.cells.checkSize(channel.header.sizeWithPadding);
@@ -279,7 +287,7 @@ void streamRelay::receive()
 
 void streamRelay::netEnded()
 {
-    in.netEnded = true;
+    in.peer = peerEnd::closed;
     if (!in.packet.empty() || !in.cells.ended()) {
         throw failure("the peer closed the connection before the end of the stream");
     }
@@ -307,8 +315,7 @@ void streamRelay::flushPlain()
 
 void streamRelay::finishIfDone()
 {
-    const bool bothEnded = out.sentEnd && in.outputShut;
-    if (state == phase::relaying && bothEnded) {
+    if (state == phase::relaying && out.finished() && in.finished()) {
         state = phase::closing;
         closingSince = steadyClock::now();
         if (initiator) {
@@ -317,7 +324,9 @@ void streamRelay::finishIfDone()
             flushNet();
         }
     }
-    if (state == phase::closing && out.toNet.empty() && (initiator || in.disconnected)) {
+    // The end that connected is done once its command left; the other once the command came.
+    if (state == phase::closing && out.toNet.empty() &&
+        (initiator || in.peer == peerEnd::disconnected)) {
         state = phase::finished;
     }
 }
@@ -328,26 +337,25 @@ void streamRelay::updateInterest()
         return; // the owner closes the descriptors, or stops waiting for them
     }
     const bool reading = wantsNet();
-    const bool stillReading = reading || in.netEnded || in.disconnected;
-    if (held && stillReading) {
+    const bool stillReading = reading || in.peer != peerEnd::open;
+    if (in.held && stillReading) {
         // The peer gets its full limits again from the moment the relay reads again.
         lastTraffic = steadyClock::now();
         if (!in.packet.empty()) {
-            partialSince = lastTraffic;
+            in.partialSince = lastTraffic;
         }
     }
-    held = !stillReading;
+    in.held = !stillReading;
     const uint32_t netEvents = (reading ? EPOLLIN : 0U) | (out.toNet.empty() ? 0U : EPOLLOUT);
     loop.want(net, *targets[static_cast<int>(role::network)], netEvents);
-    const bool takeInput =
-        !out.sentEnd && state == phase::relaying && out.toNet.size() < kQueueHigh;
+    const bool takeInput = state == phase::relaying && out.takesInput();
     const uint32_t inEvents = takeInput ? EPOLLIN : 0U;
     const uint32_t outEvents = in.toPlain.empty() || in.outputShut ? 0U : EPOLLOUT;
     if (plain.input == plain.output) {
         loop.want(plain.input, *targets[static_cast<int>(role::plainIn)], inEvents | outEvents);
         return;
     }
-    if (!out.sentEnd) {
+    if (!out.finished()) {
         loop.want(plain.input, *targets[static_cast<int>(role::plainIn)], inEvents);
     } else {
         loop.forget(plain.input);
@@ -363,11 +371,11 @@ steadyClock::time_point streamRelay::deadline() const
     if (state == phase::closing) {
         soonest = closingSince + kClosing;
     }
-    if (held || state == phase::finished) {
+    if (in.held || state == phase::finished) {
         return soonest;
     }
-    if (limits.receive > 0 && partialSince != steadyClock::time_point::max()) {
-        soonest = std::min(soonest, partialSince + std::chrono::seconds(limits.receive));
+    if (limits.receive > 0 && in.partialSince != steadyClock::time_point::max()) {
+        soonest = std::min(soonest, in.partialSince + std::chrono::seconds(limits.receive));
     }
     if (limits.idle > 0) {
         soonest = std::min(soonest, lastTraffic + std::chrono::seconds(limits.idle));
@@ -382,11 +390,11 @@ void streamRelay::checkLimits(steadyClock::time_point now) const
                                 : "the peer did not send the disconnect command after both "
                                   "streams ended");
     }
-    if (held || state == phase::finished) {
+    if (in.held || state == phase::finished) {
         return;
     }
-    if (limits.receive > 0 && partialSince != steadyClock::time_point::max() &&
-        now >= partialSince + std::chrono::seconds(limits.receive)) {
+    if (limits.receive > 0 && in.partialSince != steadyClock::time_point::max() &&
+        now >= in.partialSince + std::chrono::seconds(limits.receive)) {
         throw failure("the peer sent part of a packet and nothing more for " +
                       std::to_string(limits.receive) + " s");
     }
@@ -678,7 +686,7 @@ public:
     void run(ticker& clock)
     {
         limitRawReceive(channel, limits.receive);
-        while (!ended) {
+        while (state != phase::ended) {
             pollSet set;
             if (inputOpen) {
                 set.want(plain.input, POLLIN);
@@ -701,6 +709,14 @@ public:
     [[nodiscard]] const relayCounters& counters() const { return moved; }
 
 private:
+    /** Where the conversation stands. */
+    enum class phase
+    {
+        relaying,      ///< payloads both ways
+        disconnecting, ///< the initiator sent the disconnect command: the peer closes next
+        ended
+    };
+
     void readInput()
     {
         std::vector<unsigned char>& chunk = payload.bytes;
@@ -752,7 +768,7 @@ private:
             // An end of the stream protocol sends the command only after cells of this end's:
             // what was held was bare data.
             write(held);
-            ended = true;
+            state = phase::ended;
             return;
         }
         deliver();
@@ -796,7 +812,7 @@ private:
         if (inputOpen) {
             throw failure("the peer closed the connection before the end of " + plain.inputName);
         }
-        ended = true;
+        state = phase::ended;
     }
 
     /** When waiting must stop for a limit of this relay: the linger, the wait for the peer to
@@ -808,21 +824,23 @@ private:
             next = heldSince + heldLimit();
         }
         if (initiator && !inputOpen) {
-            next = std::min(next, lastTraffic + (disconnectSent ? kClosing : linger));
+            next =
+                std::min(next, lastTraffic + (state == phase::disconnecting ? kClosing : linger));
         }
         return next;
     }
 
     void checkDeadline()
     {
-        if (ended || steadyClock::now() < nextDeadline()) {
+        if (state == phase::ended || steadyClock::now() < nextDeadline()) {
             return;
         }
         if (!held.empty() && steadyClock::now() >= heldSince + heldLimit()) {
             throw failure(kStreamPeer);
         }
-        if (disconnectSent) {
-            ended = true; // the peer did not close: nothing more is coming from it either way
+        if (state == phase::disconnecting) {
+            // The peer did not close: nothing more is coming from it either way.
+            state = phase::ended;
             return;
         }
         // Quiet for the linger: the peer has answered. What it sends after the command still
@@ -832,7 +850,7 @@ private:
         // The peer reads 16 bytes after a command header: the end of this direction answers
         // that read at once.
         (void)shutdown(net, SHUT_WR);
-        disconnectSent = true;
+        state = phase::disconnecting;
         traffic();
     }
 
@@ -861,8 +879,7 @@ private:
     steadyClock::time_point lastTraffic = steadyClock::now();
     bool inputOpen = true;
     bool anyReceived = false;
-    bool disconnectSent = false;
-    bool ended = false;
+    phase state = phase::relaying;
 };
 
 } // namespace

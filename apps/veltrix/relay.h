@@ -11,7 +11,8 @@
 // without a deadlock, and local back-pressure (a slow output) is never charged to the peer.
 #pragma once
 
-#include "channel.h"
+#include "channelOptions.h"
+#include "cliFrame.h"
 #include "eventLoop.h"
 #include "packetPipe.h"
 #include "stream.h"
@@ -101,7 +102,22 @@ private:
     {
         stream::sender cells;
         byteQueue toNet;      ///< packets the network has not taken yet
+        bool readable = true; ///< the plain input may have bytes: cleared by a read that took all
         bool sentEnd = false; ///< the plain input ended and the end cell went out
+
+        /** The plain input ended and the peer was told so. */
+        [[nodiscard]] bool finished() const { return sentEnd; }
+
+        /** Whether the plain input is to be read: not ended, and the network keeps up. */
+        [[nodiscard]] bool takesInput() const;
+    };
+
+    /** How the peer's side of the connection ended. */
+    enum class peerEnd
+    {
+        open,        ///< it may still send
+        closed,      ///< it closed the connection
+        disconnected ///< it sent the disconnect command
     };
 
     /** The peer to the plain output. */
@@ -110,9 +126,19 @@ private:
         stream::receiver cells;
         std::vector<unsigned char> packet; ///< the bytes of the expected packet so far
         byteQueue toPlain;                 ///< data the plain output has not taken yet
-        bool outputShut = false;           ///< the plain output ended after the peer's end
-        bool netEnded = false;             ///< the peer closed its side
-        bool disconnected = false;         ///< the disconnect command arrived
+        bool readable = true;    ///< the network may have bytes: cleared by a read that took all
+        bool held = false;       ///< not read because the plain output is behind
+        bool outputShut = false; ///< the plain output ended after the peer's end
+        peerEnd peer = peerEnd::open;
+        /** When the packet still arriving began; max() while none is. */
+        steadyClock::time_point partialSince = steadyClock::time_point::max();
+
+        /** The peer's stream ended and the plain output took all of it. */
+        [[nodiscard]] bool finished() const { return outputShut; }
+
+        /** Whether the peer may still send something: the end that connected expects nothing
+         *  after the peer's end, the other the disconnect command. */
+        [[nodiscard]] bool expectsMore(bool isInitiator) const;
     };
 
     void advance();
@@ -128,6 +154,7 @@ private:
     void receive();
     void netEnded();
     void flushPlain();
+    /** Moves on to the next phase once the current one's work is done. */
     void finishIfDone();
     void updateInterest();
     [[nodiscard]] bool expectsMore() const;
@@ -147,10 +174,6 @@ private:
     relayCounters moved;
     veltrix::vxBytes cell;
     veltrix::vxBytes received;
-    bool held = false;         ///< not reading from the peer because the plain output is behind
-    bool netReadable = true;   ///< the network may have bytes: cleared by a read that took all
-    bool plainReadable = true; ///< the same for the plain input
-    steadyClock::time_point partialSince = steadyClock::time_point::max();
     steadyClock::time_point lastTraffic = steadyClock::now();
     steadyClock::time_point closingSince = steadyClock::time_point::max();
 };

@@ -3,7 +3,7 @@
 // while a name server is slow.
 #pragma once
 
-#include "channel.h"
+#include "endpoint.h"
 #include "eventLoop.h"
 
 #include <cstdint>

@@ -17,6 +17,7 @@
 #pragma once
 
 #include "network.h"
+#include "vxNetTransport.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -55,11 +56,11 @@ constexpr uint32_t blocksFor(size_t data)
     return static_cast<uint32_t>((kCellHeader + data + kBlock - 1) / kBlock);
 }
 
-/** Whether the size the library found in a header marks a command packet (0xC0DE in its upper
- *  half; the command code below) instead of a payload. */
+/** Whether the size the library found in a header marks a command packet (the command mark in
+ *  its upper half; the command code below) instead of a payload. */
 constexpr bool isCommand(uint32_t sizeField)
 {
-    return (sizeField >> 16U) == 0xC0DEU;
+    return (sizeField >> 16U) == (veltrix::kCommandMark >> 16U);
 }
 
 /** The sending side: cuts the data it is given into cells that match what it announced. */

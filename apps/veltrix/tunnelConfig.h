@@ -8,7 +8,8 @@
 // "FILE:LINE: what is wrong".
 #pragma once
 
-#include "channel.h"
+#include "channelOptions.h"
+#include "endpoint.h"
 #include "tunnelLog.h"
 
 #include <map>

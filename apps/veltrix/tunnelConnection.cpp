@@ -1,6 +1,8 @@
 // One tunnel connection: connect, handshake step by step, relay, close.
 #include "tunnelConnection.h"
 
+#include "handshake.h"
+
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -53,6 +55,11 @@ std::string secondsText(steadyClock::duration elapsed)
 }
 
 } // namespace
+
+std::string tunnelConnection::handshakeProgress::foreign() const
+{
+    return foreignProtocol(firstBytes, firstCount);
+}
 
 tunnelConnection::tunnelConnection(eventLoop& owner, connectionHost& worker,
                                    const serviceSetup& shared, int accepted, uint32_t number,
@@ -142,21 +149,21 @@ void tunnelConnection::step(side which)
 
 void tunnelConnection::connectTarget()
 {
-    targetDeadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
+    dialing.deadline = steadyClock::now() + std::chrono::seconds(setup.channel.connectTimeout);
     if (!setup.targetAddresses.empty()) {
-        targetAddresses = setup.targetAddresses;
+        dialing.addresses = setup.targetAddresses;
         tryAddress(0);
         return;
     }
     // Looked up for each connection, so that the tunnel follows a change of the name's address.
-    lookupTicket = host.names().lookup(
+    dialing.lookupTicket = host.names().lookup(
         setup.target, [this](const std::vector<socketAddress>& found, const std::string& problem) {
-            lookupTicket = 0;
+            dialing.lookupTicket = 0;
             guarded([&] {
                 if (!problem.empty()) {
                     throw failure(problem);
                 }
-                targetAddresses = found;
+                dialing.addresses = found;
                 tryAddress(0);
             });
         });
@@ -165,8 +172,8 @@ void tunnelConnection::connectTarget()
 void tunnelConnection::tryAddress(size_t index)
 {
     int& fd = setup.server ? plain : peer;
-    for (targetIndex = index; targetIndex < targetAddresses.size(); ++targetIndex) {
-        fd = startConnect(targetAddresses[targetIndex]);
+    for (dialing.index = index; dialing.index < dialing.addresses.size(); ++dialing.index) {
+        fd = startConnect(dialing.addresses[dialing.index]);
         if (fd >= 0) {
             tuneSocket(fd);
             loop.want(fd, setup.server ? plainTarget : peerTarget, EPOLLOUT);
@@ -184,12 +191,12 @@ void tunnelConnection::targetWritable()
     if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
         error = errno;
     }
-    if (error != 0 && targetIndex + 1 < targetAddresses.size()) {
+    if (error != 0 && dialing.index + 1 < dialing.addresses.size()) {
         // A name may stand for several addresses: the next one may take the connection.
         loop.closing(fd);
         (void)::close(fd);
         fd = -1;
-        tryAddress(targetIndex + 1);
+        tryAddress(dialing.index + 1);
         return;
     }
     if (error != 0) {
@@ -201,7 +208,7 @@ void tunnelConnection::targetWritable()
 
 void tunnelConnection::targetConnected()
 {
-    targetReady = true;
+    dialing.ready = true;
     if (!setup.server) {
         beginHandshake();
         return;
@@ -231,11 +238,11 @@ void tunnelConnection::beginHandshake()
         require(handshake->SendProtocolVersion(socket) && handshake->GenerateChallengeRequest() &&
                     handshake->SendChallengeRequest(socket),
                 failed);
-        awaiting = expect::challengeResponse;
-        handshakeLeft = 2 * kMessage; // the answer and the client's challenge
+        exchange.awaiting = expect::challengeResponse;
+        exchange.left = 2 * kMessage; // the answer and the client's challenge
     } else {
-        awaiting = expect::version;
-        handshakeLeft = 3 * kMessage; // the version, the server's challenge and its answer
+        exchange.awaiting = expect::version;
+        exchange.left = 3 * kMessage; // the version, the server's challenge and its answer
     }
     stepDeadline = steadyClock::now() + std::chrono::seconds(seconds);
     stepLimit = "the handshake with " + peerName + " did not finish within " +
@@ -246,45 +253,48 @@ void tunnelConnection::beginHandshake()
 
 void tunnelConnection::sendHandshake()
 {
-    pipe->drain(toPeer);
-    if (writeFrom(peer, true, toPeer) == ioResult::failed) {
+    pipe->drain(exchange.toPeer);
+    if (writeFrom(peer, true, exchange.toPeer) == ioResult::failed) {
         throw failure(handshakeFailure(errnoText()));
     }
-    loop.want(peer, peerTarget, EPOLLIN | (toPeer.empty() ? 0U : EPOLLOUT));
+    loop.want(peer, peerTarget, EPOLLIN | (exchange.toPeer.empty() ? 0U : EPOLLOUT));
 }
 
 void tunnelConnection::readHandshake()
 {
     // Never more than the peer's part of the handshake still holds: what follows belongs to the
     // first packet.
-    while (state == phase::handshake && handshakeLeft > messageBytes) {
+    while (state == phase::handshake && exchange.left > exchange.messageBytes) {
         size_t got = 0;
-        const size_t wanted = handshakeLeft - messageBytes;
-        const ioResult result = readInto(peer, message + messageBytes, wanted, got);
+        const size_t wanted = exchange.left - exchange.messageBytes;
+        const ioResult result =
+            readInto(peer, exchange.message + exchange.messageBytes, wanted, got);
         if (result == ioResult::blocked) {
             return;
         }
         if (result != ioResult::progress) {
-            const bool refused =
-                !setup.server && answerSent && awaiting == expect::challengeResponse;
-            throw failure(handshakeFailure(
-                refused           ? std::string(kRefusedAnswer)
-                : firstCount == 0 ? "the peer closed the connection before the handshake began"
-                                  : "the peer closed the connection during the handshake"));
+            const bool refused = !setup.server && exchange.answerSent &&
+                                 exchange.awaiting == expect::challengeResponse;
+            throw failure(
+                handshakeFailure(refused ? std::string(kRefusedAnswer)
+                                 : exchange.firstCount == 0
+                                     ? "the peer closed the connection before the handshake began"
+                                     : "the peer closed the connection during the handshake"));
         }
-        const size_t kept = std::min(got, sizeof firstBytes - firstCount);
-        std::memcpy(firstBytes + firstCount, message + messageBytes, kept);
-        firstCount += kept;
-        messageBytes += got;
+        const size_t kept = std::min(got, sizeof exchange.firstBytes - exchange.firstCount);
+        std::memcpy(exchange.firstBytes + exchange.firstCount,
+                    exchange.message + exchange.messageBytes, kept);
+        exchange.firstCount += kept;
+        exchange.messageBytes += got;
         size_t used = 0;
-        while (messageBytes - used >= kMessage && state == phase::handshake) {
-            pipe->feed(message + used, kMessage);
+        while (exchange.messageBytes - used >= kMessage && state == phase::handshake) {
+            pipe->feed(exchange.message + used, kMessage);
             used += kMessage;
-            handshakeLeft -= kMessage;
+            exchange.left -= kMessage;
             handshakeMessage();
         }
-        messageBytes -= used;
-        std::memmove(message, message + used, messageBytes);
+        exchange.messageBytes -= used;
+        std::memmove(exchange.message, exchange.message + used, exchange.messageBytes);
         if (got < wanted) {
             return; // a short read took everything there was
         }
@@ -294,14 +304,14 @@ void tunnelConnection::readHandshake()
 void tunnelConnection::handshakeMessage()
 {
     const std::string failed = "the handshake with " + peerName + " failed";
-    switch (awaiting) {
+    switch (exchange.awaiting) {
     case expect::version:
         // The version is hidden in random bytes, so text or a TLS record is another protocol.
-        if (!foreignProtocol(firstBytes, firstCount).empty()) {
+        if (!exchange.foreign().empty()) {
             throw failure(handshakeFailure(""));
         }
         require(handshake->RecvProtocolVersion(socket), failed);
-        awaiting = expect::challengeRequest;
+        exchange.awaiting = expect::challengeRequest;
         return;
     case expect::challengeRequest:
         require(handshake->RecvChallengeRequest(socket) && handshake->GenerateChallengeResponse() &&
@@ -313,8 +323,8 @@ void tunnelConnection::handshakeMessage()
         }
         require(handshake->GenerateChallengeRequest() && handshake->SendChallengeRequest(socket),
                 failed);
-        awaiting = expect::challengeResponse;
-        answerSent = true;
+        exchange.awaiting = expect::challengeResponse;
+        exchange.answerSent = true;
         sendHandshake();
         return;
     case expect::challengeResponse:
@@ -330,9 +340,9 @@ void tunnelConnection::handshakeMessage()
                 connectTarget();
             } catch (const failure& error) {
                 // Told once the peer has its answer: closing now would look like a refusal.
-                serviceProblem = error.what();
+                dialing.problem = error.what();
             }
-            awaiting = expect::challengeRequest;
+            exchange.awaiting = expect::challengeRequest;
             return;
         }
         finishHandshake();
@@ -345,20 +355,20 @@ void tunnelConnection::finishHandshake()
     // The server's last message leaves first: the peer waits for it, not for the keys below.
     sendHandshake();
     require(handshake->SeedInitialKeys(channel), "the handshake with " + peerName + " failed");
-    require(cliFrame::close(*handshake), "cannot close the handshake");
+    require(cliFrame::closeChild(*handshake), "cannot close the handshake");
     handshake.reset();
     stepDeadline = steadyClock::time_point::max();
     tunnelLog::line(severity::info,
                     prefix + (setup.server ? "handshake done" : "handshake done with " + peerName));
-    if (!serviceProblem.empty()) {
-        throw failure(serviceProblem);
+    if (!dialing.problem.empty()) {
+        throw failure(dialing.problem);
     }
-    if (!setup.server || targetReady) {
+    if (!setup.server || dialing.ready) {
         startRelay();
         return;
     }
     state = phase::connectingService;
-    loop.want(peer, peerTarget, toPeer.empty() ? 0U : EPOLLOUT);
+    loop.want(peer, peerTarget, exchange.toPeer.empty() ? 0U : EPOLLOUT);
 }
 
 void tunnelConnection::startRelay()
@@ -370,11 +380,11 @@ void tunnelConnection::startRelay()
     relay.emplace(loop, channel, *pipe, peer, plainSide{plain, plain, true, name, name},
                   !setup.server, setup.channel.limits);
     // Handshake bytes the network did not take yet go first.
-    if (!toPeer.empty() && writeFrom(peer, true, toPeer) == ioResult::failed) {
+    if (!exchange.toPeer.empty() && writeFrom(peer, true, exchange.toPeer) == ioResult::failed) {
         throw failure("the peer closed the connection before the end of the stream (" +
                       errnoText() + ")");
     }
-    if (!toPeer.empty()) {
+    if (!exchange.toPeer.empty()) {
         throw failure("the peer did not take the end of the handshake");
     }
     relay->start(peerTarget, plainTarget, plainTarget);
@@ -382,7 +392,7 @@ void tunnelConnection::startRelay()
 
 std::string tunnelConnection::handshakeFailure(const std::string& why) const
 {
-    const std::string foreign = foreignProtocol(firstBytes, firstCount);
+    const std::string foreign = exchange.foreign();
     return "the handshake with " + peerName +
            " failed: " + (foreign.empty() ? why : "the peer is not a veltrix tunnel: " + foreign);
 }
@@ -412,7 +422,7 @@ steadyClock::time_point tunnelConnection::deadline() const
     if (state == phase::finished) {
         return steadyClock::time_point::max();
     }
-    return targetReady ? stepDeadline : std::min(stepDeadline, targetDeadline);
+    return dialing.ready ? stepDeadline : std::min(stepDeadline, dialing.deadline);
 }
 
 void tunnelConnection::checkLimits(steadyClock::time_point now)
@@ -424,15 +434,15 @@ void tunnelConnection::checkLimits(steadyClock::time_point now)
         if (state == phase::relaying) {
             relay->checkLimits(now);
         } else if (now >= stepDeadline) {
-            const std::string foreign = foreignProtocol(firstBytes, firstCount);
+            const std::string foreign = exchange.foreign();
             throw failure(stepLimit + (!foreign.empty()
                                            ? ": the peer is not a veltrix tunnel: " + foreign
-                                       : firstCount == 0 && !setup.server
+                                       : exchange.firstCount == 0 && !setup.server
                                            ? ": the peer sent nothing (is it a server tunnel?)"
                                            : std::string()));
-        } else if (!targetReady && now >= targetDeadline) {
-            throw failure((lookupTicket != 0 ? "cannot resolve " + setup.target.address
-                                             : "cannot connect to " + setup.target.text()) +
+        } else if (!dialing.ready && now >= dialing.deadline) {
+            throw failure((dialing.lookupTicket != 0 ? "cannot resolve " + setup.target.address
+                                                     : "cannot connect to " + setup.target.text()) +
                           ": no answer within " + std::to_string(setup.channel.connectTimeout) +
                           " s");
         }
@@ -471,9 +481,9 @@ void tunnelConnection::close()
 
 void tunnelConnection::release()
 {
-    if (lookupTicket != 0) {
-        host.names().cancel(lookupTicket);
-        lookupTicket = 0;
+    if (dialing.lookupTicket != 0) {
+        host.names().cancel(dialing.lookupTicket);
+        dialing.lookupTicket = 0;
     }
     relay.reset();
     for (int* fd : {&peer, &plain}) {
@@ -486,7 +496,7 @@ void tunnelConnection::release()
     for (vxBase* object : {static_cast<vxBase*>(handshake.get()), static_cast<vxBase*>(&channel),
                            static_cast<vxBase*>(&socket)}) {
         if (object != nullptr && object->opened) {
-            (void)cliFrame::close(*object);
+            (void)cliFrame::closeChild(*object);
         }
     }
     handshake.reset();

@@ -50,10 +50,7 @@ class connectionHost
 {
 public:
     connectionHost() = default;
-    connectionHost(const connectionHost&) = delete;
-    connectionHost& operator=(const connectionHost&) = delete;
-    connectionHost(connectionHost&&) = delete;
-    connectionHost& operator=(connectionHost&&) = delete;
+    LVX_NOT_COPYABLE(connectionHost);
     virtual ~connectionHost() = default;
 
     /** The connection's limits must be checked by `when` at the latest. */
@@ -112,6 +109,34 @@ private:
         challengeResponse
     };
 
+    /** This end's progress through the handshake, one 16-byte message at a time. */
+    struct handshakeProgress
+    {
+        expect awaiting = expect::challengeResponse;
+        byteQueue toPeer;               ///< messages the network has not taken yet
+        unsigned char message[48] = {}; ///< messages from the peer, not yet taken
+        size_t messageBytes = 0;
+        size_t left = 0;                   ///< bytes of the peer's part still to come
+        unsigned char firstBytes[16] = {}; ///< the peer's first bytes, to tell a foreign protocol
+        size_t firstCount = 0;
+        bool answerSent = false; ///< client end: this end's answer to the server's challenge left
+
+        /** What the peer's first bytes show when it speaks another protocol; empty if not. */
+        [[nodiscard]] std::string foreign() const;
+    };
+
+    /** The connection to the target: the server tunnel (client end) or the service (server end,
+     *  made once the peer proved it holds the secret). */
+    struct targetProgress
+    {
+        std::vector<socketAddress> addresses; ///< the target's, tried in turn
+        size_t index = 0;                     ///< the address being tried
+        uint64_t lookupTicket = 0;            ///< the lookup of its name under way; 0: none
+        steadyClock::time_point deadline = steadyClock::time_point::max();
+        bool ready = false;  ///< connected
+        std::string problem; ///< server end: why the service could not be reached at once
+    };
+
     /** Which descriptor a readiness report is about. */
     enum class side
     {
@@ -156,7 +181,6 @@ private:
     std::string prefix; ///< "web: connection 3 from 10.0.0.2:40000: "
     steadyClock::time_point began = steadyClock::now();
     phase state = phase::handshake;
-    expect awaiting = expect::challengeResponse;
     int peer = -1;  ///< the encrypted side's TCP connection
     int plain = -1; ///< the application's or the service's TCP connection
     target peerTarget{*this, side::peer};
@@ -166,24 +190,11 @@ private:
     veltrix::vxNetEncryptedSocket channel;
     std::unique_ptr<veltrix::vxNetPSKChallengeResponse> handshake;
     std::optional<packetPipe> pipe;
-    byteQueue toPeer;               ///< handshake messages the network has not taken yet
-    unsigned char message[48] = {}; ///< handshake messages from the peer, not yet taken
-    size_t messageBytes = 0;
-    size_t handshakeLeft = 0;          ///< bytes of the peer's part of the handshake still to come
-    unsigned char firstBytes[16] = {}; ///< the peer's first bytes, to tell a foreign protocol
-    size_t firstCount = 0;
-    bool answerSent = false; ///< client end: this end's answer to the server's challenge left
+    handshakeProgress exchange;
+    targetProgress dialing;
     std::optional<streamRelay> relay;
     steadyClock::time_point stepDeadline = steadyClock::time_point::max();
-    /** The connection to the target: the server tunnel (client end) or the service (server end,
-     *  made once the peer proved it holds the secret). */
-    std::vector<socketAddress> targetAddresses;
-    size_t targetIndex = 0;
-    uint64_t lookupTicket = 0;
-    steadyClock::time_point targetDeadline = steadyClock::time_point::max();
-    bool targetReady = false;
-    std::string serviceProblem; ///< server end: why the service could not be reached at once
-    std::string stepLimit;      ///< what passing stepDeadline means
+    std::string stepLimit; ///< what passing stepDeadline means
 };
 
 } // namespace vxcli

@@ -86,11 +86,11 @@ std::unique_ptr<detail::anchor> openAnchor()
 void closeLoaded(loadedState& state) noexcept
 {
     if (state.api) {
-        (void)detail::anchor::close(*state.api);
+        (void)detail::anchor::closeChild(*state.api);
         state.api.reset();
     }
     if (state.root) {
-        (void)detail::anchor::close(*state.root);
+        (void)detail::anchor::closeChild(*state.root);
         state.root.reset();
     }
     vxBase::lvxClearLastError();
@@ -125,7 +125,7 @@ context::context(const std::string& pluginDir)
             directory = pluginDir.empty() ? defaultPluginDir() : pluginDir;
             state.api = std::make_unique<vxApi>();
             state.api->setSearchPath(directory);
-            detail::expect(state.root->open(*state.api, "openssl"), cause::setup,
+            detail::expect(state.root->openChild(*state.api, "openssl"), cause::setup,
                            "cannot load the crypto plug-in libveltrix_openssl.so from " +
                                directory);
         }

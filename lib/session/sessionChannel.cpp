@@ -12,9 +12,8 @@ namespace veltrix::session::detail {
 namespace {
 
 constexpr size_t kMessage = 16;
-/** The disconnect command: the size field of a command packet carries 0xC0DE in its upper half
- *  and the code, rounded up to a multiple of 16, below it. */
-constexpr uint32_t kCommandMark = 0xC0DEU;
+/** The disconnect command: the size field of a command packet carries kCommandMark's upper
+ *  half and the code, rounded up to a multiple of 16, below it. */
 constexpr uint32_t kDisconnect = 1;
 
 constexpr const char* kNotShared = "the peer's answer to this end's challenge is wrong: the two "
@@ -36,11 +35,6 @@ anchor::anchor()
 anchor::~anchor()
 {
     LVX_DESTRUCT();
-}
-
-bool anchor::close(vxBase& child)
-{
-    return child.PreClose() && child.Close() && child.PostClose();
 }
 
 void expect(bool ok, cause why, const std::string& what)
@@ -65,12 +59,13 @@ void checkPayloadSize(size_t size)
 void checkModes(const modes& chosen)
 {
     if (engine::kCipherModes.count(chosen.cipher) == 0) {
-        throw error(cause::setup, "unknown cipher mode \"" + chosen.cipher +
-                                      "\": use none, aes128, aes192 or aes256");
+        throw error(cause::setup, "unknown cipher mode \"" + chosen.cipher + "\": use " +
+                                      engine::kCipherModeList);
     }
     if (engine::kHandshakeHashModes.count(chosen.hash) == 0) {
         throw error(cause::setup, "hash mode \"" + chosen.hash +
-                                      "\" cannot be used for a session: use md5 or sha256-128");
+                                      "\" cannot be used for a session: use " +
+                                      engine::kHandshakeHashModeList);
     }
 }
 
@@ -82,12 +77,13 @@ channel::channel(bool serverEnd, const modes& chosen, const bytes& key, std::str
     try {
         anchor& parent = owner();
         const std::string failed = "cannot set up a session with " + peerName;
-        expect(parent.open(socket, server), cause::system, failed);
+        expect(parent.openChild(socket, server), cause::system, failed);
         pipe = std::make_unique<engine::packetPipe>(socket.sockFd);
-        expect(parent.open(encrypted, chosen.cipher, chosen.hash, &socket), cause::setup, failed);
-        handshake = std::make_unique<vxNetPSKChallengeResponse>();
-        expect(parent.open(*handshake, encrypted.cipherId, encrypted.hashId, server), cause::setup,
+        expect(parent.openChild(encrypted, chosen.cipher, chosen.hash, &socket), cause::setup,
                failed);
+        handshake = std::make_unique<vxNetPSKChallengeResponse>();
+        expect(parent.openChild(*handshake, encrypted.cipherId, encrypted.hashId, server),
+               cause::setup, failed);
         vxBytes material;
         material.bytes = key;
         const bool taken = handshake->SetSecret(material);
@@ -120,7 +116,7 @@ void channel::release() noexcept
     for (vxBase* object : {static_cast<vxBase*>(handshake.get()), static_cast<vxBase*>(&encrypted),
                            static_cast<vxBase*>(&socket)}) {
         if (object != nullptr && object->opened) {
-            (void)anchor::close(*object);
+            (void)anchor::closeChild(*object);
         }
     }
     handshake.reset();
@@ -190,7 +186,7 @@ void channel::handshakeStep(const unsigned char* data)
 void channel::finishHandshake()
 {
     pipe->drain(outbound); // the last message leaves before this end keys itself
-    expect(handshake->SeedInitialKeys(encrypted) && anchor::close(*handshake), cause::system,
+    expect(handshake->SeedInitialKeys(encrypted) && anchor::closeChild(*handshake), cause::system,
            "the handshake with " + peerName + " failed");
     handshake.reset();
     awaiting = step::header;
@@ -206,7 +202,7 @@ void channel::headerStep(const unsigned char* data)
            "a packet header from " + peerName +
                " fails its check: it was altered, lost or reordered");
     const uint32_t padded = header.sizeWithPadding;
-    if ((padded >> 16U) == kCommandMark) {
+    if ((padded >> 16U) == (kCommandMark >> 16U)) {
         const uint32_t code = (padded - 15U) & 0xFFFFU;
         if (code != kDisconnect) {
             throw error(cause::protocol, peerName + " sent command " + std::to_string(code) +

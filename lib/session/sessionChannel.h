@@ -42,16 +42,6 @@ public:
     anchor();
     LVX_NOT_COPYABLE(anchor);
     ~anchor() override;
-
-    /** PreOpen, Open and PostOpen of `child` with this anchor as parent. */
-    template <class Child, class... Args> bool open(Child& child, Args&&... args)
-    {
-        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
-        return true;
-    }
-
-    /** PreClose, Close and PostClose of an open object; false at the first step that fails. */
-    static bool close(vxBase& child);
 };
 
 /** The anchor of the loaded context; throws error(setup) when there is none. */

@@ -1,4 +1,5 @@
-// Input files of the digest and key commands: read in chunks, standard input for "-".
+// Input files read in chunks, standard input for "-": a file is digested, signed or checked
+// without being held whole in memory.
 #pragma once
 
 #include <cstddef>

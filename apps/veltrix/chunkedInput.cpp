@@ -1,5 +1,5 @@
-// Input files of the digest and key commands.
-#include "digestKeyFiles.h"
+// Input files read in chunks.
+#include "chunkedInput.h"
 
 #include "vxBase.h"
 
