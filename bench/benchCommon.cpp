@@ -32,7 +32,7 @@ int runBenchmarks(int argc, char** argv, const char* program, const char* plugin
     if (latched) {
         vxBase::DumpStackTrace(std::cerr);
     }
-    (void)benchFrame::close(frame.api);
+    (void)benchFrame::closeChild(frame.api);
     return reporter.anyFailed() || latched ? 1 : 0;
 }
 

@@ -2,6 +2,7 @@
 // the reporter that turns each library/direct pair of benchmarks into a row of CPU-time ratios.
 #pragma once
 
+#include "benchStats.h"
 #include "vxGlobal.h"
 #include "vxMain.h"
 
@@ -34,25 +35,13 @@ public:
         api.setSearchPath(directory);
         return LoadPlugin("openssl");
     }
-
-    template <class Child, class... Args> bool open(Child& child, Args&&... args)
-    {
-        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
-        return true;
-    }
-
-    /** PreClose, Close, PostClose; false at the first step that fails. */
-    static bool close(vxBase& child)
-    {
-        return child.PreClose() && child.Close() && child.PostClose();
-    }
 };
 
 /** Closes an object that is open; for the end of a scope. */
 inline void closeIfOpen(vxBase& child)
 {
     if (child.opened) {
-        (void)benchFrame::close(child);
+        (void)benchFrame::closeChild(child);
     }
 }
 
@@ -103,38 +92,12 @@ struct benchPair
     double goal; ///< the library/direct ratio the library aims to stay within; 0 for none
 };
 
-inline double median(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    const size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
 /** The times per iteration, in nanoseconds, of each round of one benchmark. */
 struct roundTimes
 {
     std::vector<double> cpu;
     std::vector<double> real;
 };
-
-/** min, median and max of the per-round ratios: round i of the library over
- *  round i of the direct code. */
-struct ratioRange
-{
-    double min = 0;
-    double median = 0;
-    double max = 0;
-};
-
-inline ratioRange ratios(const std::vector<double>& library, const std::vector<double>& direct)
-{
-    std::vector<double> values;
-    for (size_t i = 0; i < std::min(library.size(), direct.size()); ++i) {
-        values.push_back(library[i] / direct[i]);
-    }
-    return {*std::min_element(values.begin(), values.end()), median(values),
-            *std::max_element(values.begin(), values.end())};
-}
 
 /** Passes every run on to the display reporter and keeps the times per iteration of each
  *  round, by benchmark name, for the ratio table. */
@@ -190,8 +153,8 @@ public:
                 out << line;
                 continue;
             }
-            const ratioRange cpu = ratios(library->second.cpu, direct->second.cpu);
-            const ratioRange real = ratios(library->second.real, direct->second.real);
+            const spread cpu = ratioSpread(library->second.cpu, direct->second.cpu);
+            const spread real = ratioSpread(library->second.real, direct->second.real);
             (void)std::snprintf(
                 line, sizeof line, "%-30s %6zu %10.1f %10.1f %6.2f %6.2f %6.2f %6.2f %5.2f  %s\n",
                 pair.label, std::min(library->second.cpu.size(), direct->second.cpu.size()),

@@ -171,7 +171,7 @@ bool closeAll(std::initializer_list<vxBase*> objects)
     bool closed = true;
     for (auto it = std::rbegin(objects); it != std::rend(objects); ++it) {
         if ((*it)->opened) {
-            closed = benchFrame::close(**it) && closed;
+            closed = benchFrame::closeChild(**it) && closed;
         }
     }
     return closed;
@@ -381,7 +381,7 @@ bool startLibrary(childProcess& child, benchFrame& frame, const std::string& nam
 {
     return child.start(name, [&frame, backlog, serve](int reports) {
         vxNetServer server;
-        const bool served = frame.open(server) && listenOnLoopback(server, reports, backlog) &&
+        const bool served = frame.openChild(server) && listenOnLoopback(server, reports, backlog) &&
                             serve(server, reports);
         // Whatever the server still manages is closed by its destructor.
         return closeAll({&server}) && served;
@@ -442,12 +442,12 @@ bool connectClient(benchFrame& frame, vxNetClient& client, const std::string& po
 {
     uint32_t timeout = kReceiveTimeoutSeconds;
     // The port is set before the address: the address is resolved with it.
-    if (!frame.open(client) || !client.socket.setPort(port) ||
+    if (!frame.openChild(client) || !client.socket.setPort(port) ||
         !client.socket.setAddress(kLoopback) || !client.socket.setTimeOut(timeout) ||
         !client.Connect()) {
         return fail("the client could not connect");
     }
-    if (!frame.open(client.encryptedSocket, kCipher, kHash, &client.socket) ||
+    if (!frame.openChild(client.encryptedSocket, kCipher, kHash, &client.socket) ||
         !client.PerformKeyExchange(bytesOf(kSecret))) {
         return fail("the client's handshake failed");
     }

@@ -113,10 +113,7 @@ class childProcess
 {
 public:
     childProcess() = default;
-    childProcess(const childProcess&) = delete;
-    childProcess& operator=(const childProcess&) = delete;
-    childProcess(childProcess&&) = delete;
-    childProcess& operator=(childProcess&&) = delete;
+    LVX_NOT_COPYABLE(childProcess);
     ~childProcess();
 
     /** Forks and runs `body` in the child with the write end of the pipe; its result becomes the

@@ -1,15 +1,5 @@
-// crypto_bench: the library's hot crypto paths, each measured beside the same work done directly
-// with OpenSSL 3 in the same process, and a table of the library/direct time ratios at the end.
-//
-// Both sides of a pair reuse what can be reused: the algorithm is fetched once, one context (or
-// the library object) is opened once and reused, and the output buffer is reused, so no
-// iteration allocates on either side. Before anything is timed, every library result is checked
-// against the direct one, so the two sides are known to compute the same bytes.
-//
-// The ratios are a measurement, not a verdict: the exit status is nonzero only when the run
-// cannot measure at all (the plug-in does not load, a library call fails, the results differ).
-//
-//   crypto_bench [benchmark options]    (each pair measured five times, alternately)
+// crypto_bench: the library's hot crypto paths, each beside the same work done directly with
+// OpenSSL 3, and a table of the library/direct time ratios. How it measures: bench/README.md.
 #include "benchCommon.h"
 
 #include <benchmark/benchmark.h>
@@ -58,98 +48,66 @@ const char* evpDigestName(uint32_t hash)
 
 // ---- The library's side ----------------------------------------------------------------------
 
-/** One vxMd, opened once; a message is Init, Update, Final and GetBytes into a reused buffer. */
-class libraryDigest
+/** An algorithm identifier and one library object opened on it, once for every iteration; both
+ *  closed, the object first, at the end of the scope. */
+template <class Id, class Object> class libraryObject
 {
 public:
-    libraryDigest(benchFrame& frame, uint32_t hash)
+    libraryObject(benchFrame& frame, uint32_t algorithm)
     {
-        ready = frame.open(id, hash) && frame.open(md, id);
+        ready = frame.openChild(id, algorithm) && frame.openChild(object, id);
     }
 
-    libraryDigest(const libraryDigest&) = delete;
-    libraryDigest& operator=(const libraryDigest&) = delete;
-    libraryDigest(libraryDigest&&) = delete;
-    libraryDigest& operator=(libraryDigest&&) = delete;
+    LVX_NOT_COPYABLE(libraryObject);
 
-    ~libraryDigest()
+    ~libraryObject()
     {
-        closeIfOpen(md);
+        closeIfOpen(object);
         closeIfOpen(id);
     }
+
+    bool ready = false;
+
+protected:
+    Id id;
+    Object object;
+};
+
+/** One vxMd; a message is Init, Update, Final and GetBytes into a reused buffer. */
+class libraryDigest : public libraryObject<vxHashId, vxMd>
+{
+public:
+    using libraryObject::libraryObject;
 
     bool run(const vxBytes& message, vxBytes& value)
     {
-        return md.Init() && md.Update(message) && md.Final() && md.GetBytes(value);
+        return object.Init() && object.Update(message) && object.Final() && object.GetBytes(value);
     }
-
-    bool ready = false;
-
-private:
-    vxHashId id;
-    vxMd md;
 };
 
-/** One vxCipher, opened and keyed once; a block is one Encrypt into a reused buffer. */
-class libraryCipher
+/** One vxCipher, keyed once; a block is one Encrypt into a reused buffer. */
+class libraryCipher : public libraryObject<vxCipherId, vxCipher>
 {
 public:
-    libraryCipher(benchFrame& frame, const vxBytes& key)
+    libraryCipher(benchFrame& frame, const vxBytes& key) : libraryObject(frame, vxCipherId::aes128)
     {
-        ready = frame.open(id, vxCipherId::aes128) && frame.open(cipher, id) && cipher.SetKey(key);
+        ready = ready && object.SetKey(key);
     }
 
-    libraryCipher(const libraryCipher&) = delete;
-    libraryCipher& operator=(const libraryCipher&) = delete;
-    libraryCipher(libraryCipher&&) = delete;
-    libraryCipher& operator=(libraryCipher&&) = delete;
-
-    ~libraryCipher()
-    {
-        closeIfOpen(cipher);
-        closeIfOpen(id);
-    }
-
-    bool run(const vxBytes& in, vxBytes& out) { return cipher.Encrypt(in, out); }
-
-    bool ready = false;
-
-private:
-    vxCipherId id;
-    vxCipher cipher;
+    bool run(const vxBytes& in, vxBytes& out) { return object.Encrypt(in, out); }
 };
 
-/** One vxHmacMd, opened once; a message is SetKey, Init, Update, Final and GetBytes. */
-class libraryKeyed
+/** One vxHmacMd; a message is SetKey, Init, Update, Final and GetBytes. */
+class libraryKeyed : public libraryObject<vxHashId, vxHmacMd>
 {
 public:
-    libraryKeyed(benchFrame& frame, uint32_t hash)
-    {
-        ready = frame.open(id, hash) && frame.open(mac, id);
-    }
-
-    libraryKeyed(const libraryKeyed&) = delete;
-    libraryKeyed& operator=(const libraryKeyed&) = delete;
-    libraryKeyed(libraryKeyed&&) = delete;
-    libraryKeyed& operator=(libraryKeyed&&) = delete;
-
-    ~libraryKeyed()
-    {
-        closeIfOpen(mac);
-        closeIfOpen(id);
-    }
+    using libraryObject::libraryObject;
 
     bool run(const vxBytes& key, const vxBytes& message, vxBytes& value)
     {
-        return mac.SetKey(key) && mac.Init() && mac.Update(message) && mac.Final() &&
-               mac.GetBytes(value);
+        return object.SetKey(key) && object.Init() && object.Update(message) && object.Final() &&
+               object.GetBytes(value);
     }
-
-    bool ready = false;
-
-private:
-    vxHashId id;
-    vxHmacMd mac;
 };
 
 // ---- The same work directly with OpenSSL ------------------------------------------------------

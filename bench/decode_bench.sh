@@ -1,14 +1,7 @@
 #!/usr/bin/env bash
 # decode_bench.sh: how fast `veltrix decode` reads a large capture, beside the library's in-memory
-# receive rate measured by `veltrix bench` in the same run, and the memory it takes.
-#
-# A cat session on 127.0.0.1 sends SIZE bytes one way in the stream protocol (16 KiB packets)
-# while tcpdump captures it; decode then reads the capture back with the secret, cipher and hash
-# given (so that the figure is the reading and checking, not the search for the handshake's
-# modes), writing no payload files. Its rate is the payload bytes of the capture per second of
-# wall time. `veltrix bench` gives the library's cost of receiving one 16384-byte packet from a
-# socket pair, CPU time, the same payload size; the ratio is decode's rate over that rate. The
-# largest resident size of decode stands beside the capture's size.
+# receive rate measured by `veltrix bench` in the same run, and the memory it takes. How it
+# measures: bench/README.md.
 #
 # Usage: bench/decode_bench.sh [--size SIZE] [--veltrix PATH] [--keep]
 #   --size SIZE    bytes sent, with K/M/G for KiB/MiB/GiB (default 1G)

@@ -1,50 +1,11 @@
-// net_bench: the network layer end to end on loopback, each figure beside a reference measured in
-// the same run, and a table at the end with each ratio, its goal and "within" or "OVER".
-//
-// 1. Throughput of 16384-byte payloads, one way, between two processes over TCP on 127.0.0.1: the
-//    client sends N payloads with SendEncrypted and the clock stops when the server's small
-//    acknowledgement of the last one arrives. Reference: the in-memory cost of one packet of the
-//    same transport, measured in this process without TCP: two encrypted sockets on the ends of an
-//    AF_UNIX socket pair, keyed alike with ReSeed, a batch of packets sent (timed), then received
-//    (timed). The slower side bounds any pipeline of one sender and one receiver, so the goal is
-//    end-to-end packets per second >= 0.80 x (1 / slower side's time per packet). N is chosen from
-//    a first reference measurement so that one repetition lasts about 1.5 s; the reference is
-//    measured again before each of the three repetitions, so a drift of the machine's speed
-//    between them stays out of each ratio; the table shows the repetition with the median ratio.
-//    Each repetition also prints the CPU time per packet of both processes (the server's comes
-//    back in its acknowledgement) and how much of the time each was on a CPU: this tells a slow
-//    code path (more CPU per packet than the reference) from ends that were off the CPU, waiting
-//    for each other or for a CPU that other work was using.
-//
-// 2. Handshakes per second: connect, handshake, disconnect command and close, one after another,
-//    against a server process that accepts each as a managed connection, receives until the
-//    disconnect and prunes it. No goal; instead the share of each handshake's time that is crypto
-//    work: both ends of the handshake replayed in this process without any socket (the messages
-//    copied from one end's wireBytes into the other's), plus the opening and closing of the two
-//    encrypted sockets whose keys it seeds. The rest is connection set-up and tear-down, system
-//    calls, object set-up, and the waits while a message crosses to the other process.
-//
-// 3. Server memory per idle connection: a server process accepts and handshakes 1000 managed
-//    connections, left idle, and measures its resident set (/proc/self/statm) and its heap in use
-//    (mallinfo2: bytes allocated from the arena plus mapped blocks) before the first, after the
-//    first and after the last. The figure is the growth from the first to the last over the
-//    connections in between, which leaves out one-time costs (the first connection's own cost is
-//    printed separately), followed by an in-process breakdown of one connection record's heap.
-//    Kernel socket buffers are not in either figure. Goal: at most 64 KiB per connection. The
-//    server needs a descriptor per connection, so both processes raise their soft limit on open
-//    files to the hard limit; with a hard limit too low for 1000 the count is reduced and the
-//    output says so.
-//
-// The exit status is nonzero only when something could not be measured, never for a missed goal.
-//
-//   net_bench    (no options; 7 to 12 s)
+// net_bench: the network layer end to end on loopback (throughput, handshakes per second, server
+// memory per idle connection), each beside a reference. How it measures: bench/README.md.
 
 #include "benchNet.h"
 #include "vxNetAuth.h"
 #include "vxNetSocket.h"
 #include "vxNetTransport.h"
-
-#include <sys/socket.h>
+#include "vxTransportPair.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -86,15 +47,6 @@ std::string textOf(const vxBytes& bytes)
     return {bytes.bytes.begin(), bytes.bytes.end()};
 }
 
-vxBytes sixteenBytes(unsigned char start)
-{
-    vxBytes out;
-    for (unsigned char i = 0; i < 16; ++i) {
-        out.bytes.push_back(static_cast<unsigned char>(start + i));
-    }
-    return out;
-}
-
 // ---- 1. Throughput -----------------------------------------------------------------------------
 
 /** Two encrypted sockets joined by a socket pair and keyed alike without a handshake. */
@@ -102,31 +54,27 @@ class linkedSockets
 {
 public:
     linkedSockets() = default;
-    linkedSockets(const linkedSockets&) = delete;
-    linkedSockets& operator=(const linkedSockets&) = delete;
-    linkedSockets(linkedSockets&&) = delete;
-    linkedSockets& operator=(linkedSockets&&) = delete;
+    LVX_NOT_COPYABLE(linkedSockets);
 
     ~linkedSockets() { (void)close(); }
 
     bool open(benchFrame& frame)
     {
         int fds[2] = {-1, -1};
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
+        if (!vxtest::socketPair(fds)) {
             return false;
         }
         // Each plain socket owns its descriptor from here on and closes it.
-        const bool plainOpened = frame.open(senderPlain, true) && frame.open(receiverPlain, false);
+        const bool plainOpened =
+            frame.openChild(senderPlain, true) && frame.openChild(receiverPlain, false);
         senderPlain.sockFd = fds[0];
         receiverPlain.sockFd = fds[1];
         if (!plainOpened) {
             return false;
         }
-        const vxBytes seed0 = sixteenBytes(0x00);
-        const vxBytes seed1 = sixteenBytes(0x10);
-        return frame.open(sender, kCipher, kHash, &senderPlain) &&
-               frame.open(receiver, kCipher, kHash, &receiverPlain) &&
-               sender.keys.ReSeed(seed0, seed1) && receiver.keys.ReSeed(seed0, seed1);
+        return frame.openChild(sender, kCipher, kHash, &senderPlain) &&
+               frame.openChild(receiver, kCipher, kHash, &receiverPlain) &&
+               vxtest::seedAlike(sender.keys, receiver.keys);
     }
 
     bool close() { return closeAll({&senderPlain, &receiverPlain, &sender, &receiver}); }
@@ -439,14 +387,14 @@ bool versionMessage(benchFrame& frame, vxNetPSKChallengeResponse& server,
     vxRand rand;
     vxNetTransportAntiCrib hide;
     vxNetTransportAntiCrib find;
-    const bool exchanged = frame.open(rand, true) && rand.Read(kMessageSize) &&
-                           rand.GetHashedBytes(server.workBytes) &&
-                           frame.open(hide, kVersionOffsets) && hide.Seed(server.secretDigest) &&
-                           hide.Hide(kProtocolVersion, server.workBytes) &&
-                           server.keys.Encrypt(server.workBytes, server.wireBytes) &&
-                           deliver(server, client, client.decrypted) &&
-                           frame.open(find, kVersionOffsets) && find.Seed(client.secretDigest) &&
-                           find.Find(client.decrypted) && find.GetValue(client.protocolVersion);
+    const bool exchanged =
+        frame.openChild(rand, true) && rand.Read(kMessageSize) &&
+        rand.GetHashedBytes(server.workBytes) && frame.openChild(hide, kVersionOffsets) &&
+        hide.Seed(server.secretDigest) && hide.Hide(kProtocolVersion, server.workBytes) &&
+        server.keys.Encrypt(server.workBytes, server.wireBytes) &&
+        deliver(server, client, client.decrypted) && frame.openChild(find, kVersionOffsets) &&
+        find.Seed(client.secretDigest) && find.Find(client.decrypted) &&
+        find.GetValue(client.protocolVersion);
     return closeAll({&rand, &hide, &find}) && exchanged &&
            client.protocolVersion == kProtocolVersion;
 }
@@ -460,8 +408,8 @@ bool replayHandshake(benchFrame& frame, vxNetPSKChallengeResponse& server,
 {
     const vxBytes secret = bytesOf(kSecret);
     const bool done =
-        frame.open(server, serverSide.cipherId, serverSide.hashId, true) &&
-        frame.open(client, clientSide.cipherId, clientSide.hashId, false) &&
+        frame.openChild(server, serverSide.cipherId, serverSide.hashId, true) &&
+        frame.openChild(client, clientSide.cipherId, clientSide.hashId, false) &&
         server.SetSecret(secret) && client.SetSecret(secret) &&
         versionMessage(frame, server, client) &&
         // The server's challenge, the client's answer, the server's check.
@@ -495,8 +443,8 @@ bool replayOnce(benchFrame& frame, vxNetSocket& serverPlain, vxNetSocket& client
     vxNetEncryptedSocket serverSide;
     vxNetEncryptedSocket clientSide;
     const auto start = steadyClock::now();
-    if (!frame.open(serverSide, kCipher, kHash, &serverPlain) ||
-        !frame.open(clientSide, kCipher, kHash, &clientPlain)) {
+    if (!frame.openChild(serverSide, kCipher, kHash, &serverPlain) ||
+        !frame.openChild(clientSide, kCipher, kHash, &clientPlain)) {
         return fail("cannot open the encrypted sockets of the replayed handshake");
     }
     const auto opened = steadyClock::now();
@@ -520,7 +468,7 @@ bool measureHandshakeCrypto(benchFrame& frame, handshakeCrypto& perHandshake)
     // Plain sockets without descriptors: the encrypted sockets only read their side from them.
     vxNetSocket serverPlain;
     vxNetSocket clientPlain;
-    if (!frame.open(serverPlain, true) || !frame.open(clientPlain, false)) {
+    if (!frame.openChild(serverPlain, true) || !frame.openChild(clientPlain, false)) {
         return fail("cannot open the plain sockets of the replayed handshake");
     }
     handshakeCrypto cost;
@@ -597,7 +545,7 @@ bool keyRecord(benchFrame& frame, vxNetConnectedClient& record, vxNetSocket& cli
     vxNetEncryptedSocket clientSide;
     vxNetPSKChallengeResponse client;
     const bool keyed =
-        frame.open(clientSide, kCipher, kHash, &clientPlain) &&
+        frame.openChild(clientSide, kCipher, kHash, &clientPlain) &&
         replayHandshake(frame, record.handshake, client, record.encryptedSocket, clientSide);
     return closeAll({&clientSide}) && keyed;
 }
@@ -612,10 +560,10 @@ bool printRecordBreakdown(benchFrame& frame)
     memorySample start;
     memorySample opened;
     memorySample keyed;
-    bool ok = frame.open(clientPlain, false) && sampleMemory(start);
+    bool ok = frame.openChild(clientPlain, false) && sampleMemory(start);
     for (size_t i = 0; ok && i < kBreakdownRecords; ++i) {
         records.push_back(std::make_unique<vxNetConnectedClient>());
-        ok = frame.open(*records.back(), kCipher, kHash);
+        ok = frame.openChild(*records.back(), kCipher, kHash);
     }
     ok = ok && sampleMemory(opened);
     for (size_t i = 0; ok && i < records.size(); ++i) {

@@ -1,49 +1,5 @@
-// session_bench: the session layer (libveltrix-session) beside the library's own classes used
-// directly, over TCP on 127.0.0.1 in the same run, and a table at the end with each ratio, its goal
-// and "within" or "OVER". Every figure is the median of three repetitions. A measurement, not a
-// test: the exit status is nonzero only when something could not be measured, never for a goal.
-//
-// Processes. The plug-in registry belongs to the whole process: this process loads the plug-in
-// once, through its frame, and only then creates the session context, which finds it loaded (the
-// run checks that it did not load it again). Every server, session or library, is a child forked
-// while no other thread runs: it inherits plug-in and context, loads nothing and runs alone, so
-// both kinds start and are measured alike. The clients stay in this process. A session server
-// stops at SIGTERM; a library server ends once it served what it was started for. Every wait is
-// bounded: the clients' by their time-outs, accepts and reports by a poll, and a child that does
-// not end in time is terminated.
-//
-// 1. Echo round trip of one message of 64, 1024 and 16384 bytes: a session client and server beside
-//    a vxNetClient against a vxNetServer that loops RecvEncrypted / SendEncrypted on one managed
-//    connection. Per size, 50 untimed round trips set the count (about 0.25 s for the slower
-//    side); then the sides are timed alternately, so that a drift of the machine's speed stays out
-//    of each ratio session / direct. Goal: <= 1.25. The direct client's 30 s receive time-out
-//    (vxNetSocket::setTimeOut), the bound of every wait here, costs it one poll per receive.
-//
-// 2. Many clients at once: 8 session clients, each on its own thread, N echoes of 1024 bytes each,
-//    against a session server; reference: the same clients against a library server that forks a
-//    process per connection (the child adopts the accepted descriptor: acceptNewClient, handshake,
-//    echo loop), the way to serve many clients with the library alone. Timed from all 8 connected
-//    and keyed to the last echo; N from an untimed round of 50, for about 0.7 s per repetition.
-//    Figure: messages per second; goal: session / forking >= 0.80. Each repetition prints the CPU
-//    time per message of the clients and of the server side (the forking server's connection
-//    processes report theirs at their end), and how much of the time the server side was on a
-//    CPU: a session server near 100% is its one thread saturated.
-//
-// 3. A healthy client behind 20 silent connections (connected, sending nothing): its connect,
-//    handshake and one 64-byte echo, timed. The session server (handshake time-out 2 s) against a
-//    library server that accepts one connection at a time with a 2-second socket time-out
-//    (acceptNewClient(secret, record, -1, 2)), so it reaches the healthy client after 20 x 2 s; its
-//    backlog of 64 queues all 21 connections at once and in order. No goal. The library side's
-//    repetitions run in three probe processes forked first, asleep beside the other measurements.
-//
-// 4. Server memory per idle session: 500 idle, keyed sessions on a session server (sampled in
-//    onOpen) against 500 managed connections on a vxNetServer, session clients on both. Resident
-//    set (/proc/self/statm) and heap in use (mallinfo2) before the first, after the first and after
-//    the last; the figure is the growth per session after the first. Each server first gives back
-//    the freed heap it inherited (malloc_trim). Kernel socket buffers are in neither figure. Goal:
-//    session / vxNetServer <= 1.5 for the resident set; the heap's ratio is shown beside it.
-//
-//   session_bench    (no options; about 42 s, most of it the time-outs of 3, beside the rest)
+// session_bench: the session layer beside the library's own classes used directly, over TCP on
+// 127.0.0.1. How it measures: bench/README.md.
 
 #include "benchNet.h"
 #include "session.h"
@@ -378,10 +334,7 @@ class silentSet
 {
 public:
     silentSet() = default;
-    silentSet(const silentSet&) = delete;
-    silentSet& operator=(const silentSet&) = delete;
-    silentSet(silentSet&&) = delete;
-    silentSet& operator=(silentSet&&) = delete;
+    LVX_NOT_COPYABLE(silentSet);
 
     ~silentSet() { close(); }
 

@@ -1,18 +1,5 @@
-// transport_bench: the cost of one packet of the secure transport, send side and receive side, for
-// payloads of 0, 16, 1024 and 16384 bytes, each beside the same work done directly with OpenSSL 3
-// in the same process, and a table of the library/direct CPU-time ratios at the end.
-//
-// The direct side is the second end of the transport written straight on OpenSSL in
-// reference/directTransport.h. Before anything is timed it exchanges packets with the library in
-// both directions, so the two sides are known to do the same work.
-//
-// Send side: build the packet in memory (header and encrypted body), no I/O. Receive side: what
-// a receiver does once bytes are waiting in its socket: read the 48-byte header, decrypt and
-// check it, read, decrypt and check the body, copy the payload out. Both receive columns read
-// through the same kind of socket with the same two recv calls, so they carry the same
-// system-call cost; the packets are written into the socket in batches outside the timed region.
-//
-//   transport_bench [benchmark options]    (each pair measured five times, alternately)
+// transport_bench: the cost of one packet of the secure transport, send and receive side, beside
+// the direct OpenSSL end of reference/. How it measures: bench/README.md.
 
 #include "benchCommon.h"
 #include "directTransport.h"
@@ -66,14 +53,14 @@ void benchLibrarySend(benchmark::State& state, benchFrame& frame, size_t size)
     vxtest::transportEnd& end = ends.server;
     const vxBytes payload = asBytes(pattern(size, 1));
     timeSteps(state, ready, "the library send", size, end.wire.bytes.data(),
-              [&] { return vxdirect::buildPacket(end, payload); });
+              [&] { return end.build(payload); });
     ends.close();
 }
 
 void benchDirectSend(benchmark::State& state, size_t size)
 {
     referenceEnd end;
-    const bool ready = end.open(kCipher, true, vxdirect::pairSeed0(), vxdirect::pairSeed1());
+    const bool ready = end.openPaired(kCipher, true);
     const bytes payload = pattern(size, 1);
     bytes wire;
     timeSteps(state, ready, "the reference send", size, wire.data(),

@@ -1,38 +1,10 @@
 // tunnel_driver: both ends of a TCP service measured through a tunnel on 127.0.0.1, for
-// bench/tunnel_compare.sh. It knows nothing of the tunnel in between: POSIX sockets only, so the
-// same program measures any tunnel the same way.
-//
-//   tunnel_driver sink PORT              the service: echoes every byte of a connection back and
-//                                        closes after the peer's half-close; a connection whose
-//                                        first byte is the bulk mark is a bulk transfer instead
-//                                        (see below). PORT 0 picks a free port. Prints
-//                                        "listening on 127.0.0.1:PORT" once it accepts.
-//   tunnel_driver connrate PORT SECONDS  serial loop: connect, 4-byte request, 4-byte answer,
-//                                        close; connections per second
-//   tunnel_driver rtt PORT COUNT         one connection, 1-byte ping-pong COUNT times; median,
-//                                        10th and 90th percentile of the round trip in us
-//   tunnel_driver idle PORT N            N connections, each proven end to end by a 1-byte round
-//                                        trip, then "ready N"; held until standard input ends or
-//                                        SIGTERM/SIGINT (600 s at most)
-//   tunnel_driver bulk PORT BYTES        BYTES one way in 16 KiB writes; MB/s (10^6 bytes/s) from
-//                                        the first byte sent to the sink's acknowledgement
-//   tunnel_driver both PORT BYTES        BYTES each way at once; the time and the rate each way
-//   tunnel_driver ports N                N free ports on 127.0.0.1, one a line
-//
-// A bulk connection starts with the mark byte, the number of bytes the client sends and the
-// number the sink sends back (8 bytes each, most significant first). The sink checks the payload
-// against the pattern both sides generate and discards it while it sends the reply, and once both
-// are complete sends a 16-byte acknowledgement (bytes received, offset of the first wrong byte or
-// all ones) and closes. So a tunnel that loses, duplicates or reorders bytes fails the measure.
-// The client does not half-close a bulk connection: a tunnel may end the whole connection at the
-// client's end of stream while the reply is still on its way, and this measure is about volume.
-//
-// Every wait has a time-out (10 s without progress; the sink lets a connection idle for 600 s).
-// Errors are one line on standard error and exit status 1; a usage error is status 2.
-#include <arpa/inet.h>
+// bench/tunnel_compare.sh; POSIX sockets only, so it measures any tunnel the same way. Its
+// commands and the bulk connection's protocol: bench/README.md.
+#include "loopbackSocket.h"
+
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -204,15 +176,6 @@ uint64_t getBigEndian(const unsigned char* from)
 
 // ---- Sockets -----------------------------------------------------------------------------------
 
-sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    (void)inet_pton(AF_INET, kLoopback, &address.sin_addr);
-    return address;
-}
-
 std::string where(uint16_t port)
 {
     return std::string(kLoopback) + ":" + std::to_string(port);
@@ -221,8 +184,7 @@ std::string where(uint16_t port)
 /** Non-blocking, small segments sent at once (a 1-byte ping must not wait). */
 void tune(int fd)
 {
-    const int one = 1;
-    (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    vxbench::setNoDelay(fd);
     (void)fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
@@ -252,7 +214,7 @@ socketFd connectTo(uint16_t port)
         throw failure("cannot create a socket: " + errnoText());
     }
     tune(s.get());
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = vxbench::loopbackAddress(port);
     if (connect(s.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
         errno != EINPROGRESS) {
         throw failure("cannot connect to " + where(port) + ": " + errnoText());
@@ -318,7 +280,7 @@ socketFd listenOn(uint16_t port)
     socketFd s(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int one = 1;
     (void)setsockopt(s.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = vxbench::loopbackAddress(port);
     if (s.get() < 0 ||
         bind(s.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         listen(s.get(), SOMAXCONN) != 0) {
@@ -329,12 +291,7 @@ socketFd listenOn(uint16_t port)
 
 uint16_t boundPort(int fd)
 {
-    sockaddr_in bound{};
-    socklen_t length = sizeof bound;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
-        throw failure("cannot read back the port: " + errnoText());
-    }
-    return ntohs(bound.sin_port);
+    return vxbench::localPort<failure>(fd, "cannot read back the port");
 }
 
 // ---- The sink ----------------------------------------------------------------------------------

@@ -77,15 +77,6 @@ bool writeAll(int fd, const bytes& data)
     return write(fd, data.data(), data.size()) == static_cast<ssize_t>(data.size());
 }
 
-bytes counting(unsigned char start)
-{
-    bytes out(kBlock);
-    for (size_t i = 0; i < kBlock; ++i) {
-        out[i] = static_cast<unsigned char>(start + i);
-    }
-    return out;
-}
-
 /** One packet from the library to the reference and one back, with the same payload. */
 bool exchange(mixedPair& ends, const veltrix::vxBytes& sent)
 {
@@ -207,6 +198,11 @@ bool referenceEnd::open(const cipherChoice& cipher, bool side, const bytes& seed
                md5({of(seed1), of(seed0)}));
 }
 
+bool referenceEnd::openPaired(const cipherChoice& cipher, bool side)
+{
+    return open(cipher, side, vxtest::pairSeed0().bytes, vxtest::pairSeed1().bytes);
+}
+
 bool referenceEnd::openForSecret(const cipherChoice& cipher, bool side, const bytes& secret)
 {
     // A handshake's own keys carry no chain keys: its messages have no header.
@@ -270,26 +266,6 @@ bool referenceEnd::mirrors(const referenceEnd& other) const
 {
     return out.iv == other.in.iv && out.chain == other.in.chain && in.iv == other.out.iv &&
            in.chain == other.out.chain;
-}
-
-const bytes& pairSeed0()
-{
-    static const bytes seed = counting(0x00);
-    return seed;
-}
-
-const bytes& pairSeed1()
-{
-    static const bytes seed = counting(0x10);
-    return seed;
-}
-
-bool buildPacket(vxtest::transportEnd& end, const veltrix::vxBytes& payload)
-{
-    end.body.bytes = payload.bytes;
-    return end.header.CreateFromPayload(end.keys, payload) &&
-           end.header.GetBodyPadding(end.padding) && end.body.CopyBack(end.padding) &&
-           end.keys.Encrypt(end.body, end.wire) && end.header.GetEncryptedHeader(end.sealedHeader);
 }
 
 void mixedPair::enlargeBuffers() const

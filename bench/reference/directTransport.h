@@ -97,6 +97,8 @@ public:
     /** Keys as the library's ReSeed(seed0, seed1) derives them, for the end opened with
      *  `side`. */
     bool open(const cipherChoice& cipher, bool side, const bytes& seed0, const bytes& seed1);
+    /** Keys as the end of a vxtest::transportPair opened with `side`: seeded with its seeds. */
+    bool openPaired(const cipherChoice& cipher, bool side);
     /** Keys as a handshake derives them from the shared secret, before any challenge. */
     bool openForSecret(const cipherChoice& cipher, bool side, const bytes& secret);
 
@@ -125,14 +127,6 @@ private:
     std::array<unsigned char, kHeader> header{};
 };
 
-/** The seeds vxtest::transportPair re-seeds both library ends with. */
-const bytes& pairSeed0();
-const bytes& pairSeed1();
-
-/** The library's send of one packet without its two writes: header and encrypted body built in
- *  `end`'s buffers. */
-bool buildPacket(vxtest::transportEnd& end, const veltrix::vxBytes& payload);
-
 /** A library server end and a reference client over one socket pair, keyed alike. The library
  *  client of the pair shares its socket with the reference: either of the two reads what the
  *  server sends, never both. */
@@ -142,15 +136,11 @@ public:
     /** Opens the pair under `frame` (any object with a bool open(child, args...)). */
     template <class Frame> mixedPair(Frame& frame, const cipherChoice& cipher)
     {
-        ready =
-            pair.open(frame, cipher.id) && reference.open(cipher, false, pairSeed0(), pairSeed1());
+        ready = pair.open(frame, cipher.id) && reference.openPaired(cipher, false);
         enlargeBuffers();
     }
 
-    mixedPair(const mixedPair&) = delete;
-    mixedPair& operator=(const mixedPair&) = delete;
-    mixedPair(mixedPair&&) = delete;
-    mixedPair& operator=(mixedPair&&) = delete;
+    LVX_NOT_COPYABLE(mixedPair);
 
     ~mixedPair() { pair.close(); }
 

@@ -9,9 +9,6 @@ namespace vxtest {
 
 namespace {
 
-constexpr uint32_t kCommandMark = 0xC0DE0000U;
-constexpr uint32_t kMarkMask = 0xFFFF0000U;
-
 veltrix::vxBytes counting(uint32_t size, unsigned char start)
 {
     veltrix::vxBytes out;
@@ -19,11 +16,6 @@ veltrix::vxBytes counting(uint32_t size, unsigned char start)
         out.bytes.push_back(static_cast<unsigned char>(start + i));
     }
     return out;
-}
-
-bool closeChild(veltrix::vxBase& child)
-{
-    return !child.opened || (child.PreClose() && child.Close() && child.PostClose());
 }
 
 } // namespace
@@ -53,20 +45,22 @@ bool transportEnd::Close()
     bool closed = true;
     for (veltrix::vxBase* child :
          std::initializer_list<veltrix::vxBase*>{&socket, &header, &keys, &id}) {
-        closed = closeChild(*child) && closed;
+        closed = (!child->opened || veltrix::vxBase::closeChild(*child)) && closed;
     }
     return closed;
 }
 
+bool transportEnd::build(const veltrix::vxBytes& payload)
+{
+    body.bytes = payload.bytes;
+    return header.CreateFromPayload(keys, payload) && header.GetBodyPadding(padding) &&
+           body.CopyBack(padding) && keys.Encrypt(body, wire) &&
+           header.GetEncryptedHeader(sealedHeader);
+}
+
 bool transportEnd::send(const veltrix::vxBytes& payload, uint32_t& wireSize)
 {
-    if (!header.CreateFromPayload(keys, payload)) {
-        return false;
-    }
-    body.bytes = payload.bytes;
-    if (!header.GetBodyPadding(padding) || !body.CopyBack(padding) || !keys.Encrypt(body, wire) ||
-        !header.GetEncryptedHeader(sealedHeader) || !socket.SendPlaintext(sealedHeader) ||
-        !socket.SendPlaintext(wire)) {
+    if (!build(payload) || !socket.SendPlaintext(sealedHeader) || !socket.SendPlaintext(wire)) {
         return false;
     }
     wireSize = static_cast<uint32_t>(sealedHeader.bytes.size() + wire.bytes.size());
@@ -87,7 +81,7 @@ bool transportEnd::receive(veltrix::vxBytes& payload)
     if (!header.ReadFromWire(keys, &socket) || !header.GetSizeWithPadding(padded)) {
         return false;
     }
-    if (padded == 0 || (padded & kMarkMask) == kCommandMark) {
+    if (padded == 0 || (padded >> 16U) == (veltrix::kCommandMark >> 16U)) {
         return true;
     }
     return socket.RecvPlaintext(padded, wire) && keys.Decrypt(wire, body) &&
@@ -98,13 +92,10 @@ bool transportEnd::receive(veltrix::vxBytes& payload)
 void transportPair::close()
 {
     for (transportEnd* end : {&server, &client}) {
-        (void)closeChild(*end);
+        if (end->opened) {
+            (void)veltrix::vxBase::closeChild(*end);
+        }
     }
-}
-
-bool transportPair::socketPair(int (&fds)[2])
-{
-    return socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0;
 }
 
 void transportPair::closeUnadopted(const int (&fds)[2]) const
@@ -117,11 +108,26 @@ void transportPair::closeUnadopted(const int (&fds)[2]) const
     }
 }
 
-bool transportPair::seed()
+const veltrix::vxBytes& pairSeed0()
 {
-    const veltrix::vxBytes seed0 = counting(16, 0x00);
-    const veltrix::vxBytes seed1 = counting(16, 0x10);
-    return server.keys.ReSeed(seed0, seed1) && client.keys.ReSeed(seed0, seed1);
+    static const veltrix::vxBytes seed = counting(16, 0x00);
+    return seed;
+}
+
+const veltrix::vxBytes& pairSeed1()
+{
+    static const veltrix::vxBytes seed = counting(16, 0x10);
+    return seed;
+}
+
+bool seedAlike(veltrix::vxNetTransportKeys& one, veltrix::vxNetTransportKeys& other)
+{
+    return one.ReSeed(pairSeed0(), pairSeed1()) && other.ReSeed(pairSeed0(), pairSeed1());
+}
+
+bool socketPair(int (&fds)[2])
+{
+    return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0;
 }
 
 } // namespace vxtest

@@ -1,6 +1,7 @@
 // Two ends of the secure transport joined by a socket pair: keys, header and plain socket per end,
 // opened with opposite sides and seeded alike, and the packet steps the encrypted socket performs.
-// Used by the tests and the benchmarks, so it needs neither GoogleTest nor a particular frame.
+// Used by the benchmarks, `veltrix bench` and the tests, so it needs neither GoogleTest nor a
+// particular frame.
 #pragma once
 
 #include "vxNetSocket.h"
@@ -34,46 +35,56 @@ public:
     /** Closes the members (the socket closes the descriptor). */
     bool Close() override;
 
-    /** A data packet as the encrypted socket sends it: header, then payload and padding
-     *  encrypted, written as two blocks. `wireSize` is the number of bytes sent. */
+    /** A data packet as the encrypted socket builds it, without writing it: the sealed header
+     *  in `sealedHeader`, payload and padding encrypted in `wire`. */
+    bool build(const veltrix::vxBytes& payload);
+    /** The packet of build(), written as two blocks. `wireSize` is the number of bytes sent. */
     bool send(const veltrix::vxBytes& payload, uint32_t& wireSize);
     bool send(const veltrix::vxBytes& payload);
     /** Reads a header and, for a data packet, its body; checks the body and hands out the
-     *  payload. A command packet (0xC0DE mark) or an empty payload leaves `payload` empty. */
+     *  payload. A command packet (kCommandMark) or an empty payload leaves `payload` empty. */
     bool receive(veltrix::vxBytes& payload);
 };
 
-/** A connected pair: `server` opened with side true, `client` with false, both seeded with
- *  ReSeed(00 01 .. 0F, 10 11 .. 1F). */
+/** The seeds both ends of a pair are keyed with: 00 01 .. 0F and 10 11 .. 1F. */
+const veltrix::vxBytes& pairSeed0();
+const veltrix::vxBytes& pairSeed1();
+
+/** ReSeed(pairSeed0(), pairSeed1()) on both: the keys of the two ends of one connection. */
+bool seedAlike(veltrix::vxNetTransportKeys& one, veltrix::vxNetTransportKeys& other);
+
+/** A connected AF_UNIX stream socket pair into `fds`, closed on exec; false when the system
+ *  refuses one. */
+bool socketPair(int (&fds)[2]);
+
+/** A connected pair: `server` opened with side true, `client` with false, both seeded alike. */
 class transportPair
 {
 public:
     transportEnd server;
     transportEnd client;
 
-    /** Opens both ends under `frame` (any object with an open(child, args...) operation). */
+    /** Opens both ends under `frame` (any object that may open children: the root or one of its descendants). */
     template <class Frame> bool open(Frame& frame, uint32_t cipher)
     {
         int fds[2] = {-1, -1};
         if (!socketPair(fds)) {
             return false;
         }
-        const bool opened =
-            frame.open(server, cipher, true, fds[0]) && frame.open(client, cipher, false, fds[1]);
+        const bool opened = frame.openChild(server, cipher, true, fds[0]) &&
+                            frame.openChild(client, cipher, false, fds[1]);
         if (!opened) {
             closeUnadopted(fds);
             return false;
         }
-        return seed();
+        return seedAlike(server.keys, client.keys);
     }
 
     /** Closes whichever end is open. */
     void close();
 
 private:
-    static bool socketPair(int (&fds)[2]);
     void closeUnadopted(const int (&fds)[2]) const;
-    bool seed();
 };
 
 } // namespace vxtest
