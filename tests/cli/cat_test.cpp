@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <iostream>
 #include <string>
 #include <thread>
 
@@ -127,33 +126,6 @@ TEST_F(catTest, StatsAndProgressGoToStandardError)
     EXPECT_EQ(client.out, "answer");
     EXPECT_NE(client.err.find("8.0 B sent, 6.0 B received"), std::string::npos) << client.err;
     EXPECT_NE(client.err.find("| SentMsgs "), std::string::npos) << client.err;
-}
-
-TEST_F(catTest, CountersStartedNearTheirLimitRestartWhereTheLibrarySays)
-{
-    const std::vector<std::string> hook{"--stats", "--stats-start", std::to_string(kCountersStart)};
-    const std::string fromClient = pattern(3 << 20, 8);
-    const auto listener = listen("", hook);
-    const runResult client = connect(fromClient, hook);
-    EXPECT_EQ(client.status, 0) << client.err;
-    EXPECT_EQ(listener->wait(60), 0) << listener->errorText();
-    EXPECT_TRUE(readFile(dir.file("heard")) == fromClient);
-    const trafficCounters talked = trafficOf(client.err);
-    const trafficCounters heard = trafficOf(listener->errorText());
-    // What each end received is what the other sent: one message per packet, and its body.
-    const int64_t clientPackets = messagesCounted(heard.recvMsgs);
-    const int64_t listenerPackets = messagesCounted(talked.recvMsgs);
-    EXPECT_EQ(listenerPackets, 1) << "the listener's input was empty: its end cell alone";
-    EXPECT_EQ(talked.recvBytes, 16);
-    expectStreamBodies(fromClient.size(), clientPackets, heard.recvBytes);
-    expectSent(talked, clientPackets, heard.recvBytes, true);
-    expectSent(heard, listenerPackets, talked.recvBytes, false);
-    // Every counter restarted: the message counters on the way, the byte counters at once.
-    for (const int64_t value : {talked.sentMsgs, talked.sentBytes, heard.recvMsgs, heard.recvBytes,
-                                talked.recvBytes, heard.sentBytes}) {
-        EXPECT_LT(value, kCountersStart);
-    }
-    std::cout << client.err << listener->errorText();
 }
 
 TEST_F(catTest, WrongSecretWithOnceFailsBothEndsWithOneLine)

@@ -112,23 +112,6 @@ int waitUntil(pid_t pid, clock::time_point deadline)
     }
 }
 
-/** A traffic counter as the library keeps it: a sum of kRestartPoint or more starts again at
- *  the amount added. */
-constexpr uint32_t kRestartPoint = 0xFFFFC000U;
-
-struct counterModel
-{
-    uint32_t value;
-
-    void add(uint32_t amount, uint64_t times = 1)
-    {
-        for (uint64_t i = 0; i < times; ++i) {
-            const uint32_t sum = value + amount;
-            value = sum >= kRestartPoint ? amount : sum;
-        }
-    }
-};
-
 std::string tempPath(const char* stem)
 {
     const char* base = std::getenv("TMPDIR");
@@ -256,14 +239,7 @@ std::string backgroundRun::errorText() const
 
 bool backgroundRun::waitForError(const std::string& text, int seconds) const
 {
-    const auto deadline = clock::now() + std::chrono::seconds(seconds);
-    while (errorText().find(text) == std::string::npos) {
-        if (clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return within(seconds, [&] { return errorText().find(text) != std::string::npos; });
 }
 
 scratchDir::scratchDir()
@@ -327,6 +303,35 @@ size_t lineCount(const std::string& text)
         lines += c == '\n' ? 1 : 0;
     }
     return lines + (!text.empty() && text.back() != '\n' ? 1 : 0);
+}
+
+testing::AssertionResult contains(const std::string& text, const std::string& part)
+{
+    const bool found = text.find(part) != std::string::npos;
+    return (found ? testing::AssertionSuccess() : testing::AssertionFailure())
+           << "\"" << part << "\" " << (found ? "is" : "is not") << " in:\n"
+           << text;
+}
+
+size_t occurrences(const std::string& text, const std::string& part)
+{
+    size_t found = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) {
+        ++found;
+    }
+    return found;
+}
+
+bool within(int seconds, const std::function<bool()>& holds)
+{
+    const auto deadline = clock::now() + std::chrono::seconds(seconds);
+    while (!holds()) {
+        if (clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
 }
 
 std::string address(int port)
@@ -417,8 +422,7 @@ bool listeningWithin(int port, int seconds)
 {
     char wanted[8];
     (void)std::snprintf(wanted, sizeof wanted, ":%04X", static_cast<unsigned>(port));
-    const auto deadline = clock::now() + std::chrono::seconds(seconds);
-    do {
+    return within(seconds, [&] {
         // Each line: "sl local_address rem_address st ...", addresses as hex IP:PORT, 0A = listen.
         std::istringstream table(readFile("/proc/net/tcp"));
         std::string line;
@@ -435,9 +439,26 @@ bool listeningWithin(int port, int seconds)
                 return true;
             }
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    } while (clock::now() < deadline);
-    return false;
+        return false;
+    });
+}
+
+std::string exchange(const std::string& request, int port)
+{
+    const int fd = connectLoopback(port);
+    EXPECT_GE(fd, 0);
+    std::atomic<bool> sent{false};
+    std::thread writer([&] {
+        sent = sendAll(fd, request);
+        (void)shutdown(fd, SHUT_WR);
+    });
+    bool ended = false;
+    std::string answer = receiveAll(fd, &ended);
+    writer.join();
+    (void)close(fd);
+    EXPECT_TRUE(sent);
+    EXPECT_TRUE(ended);
+    return answer;
 }
 
 bool sendPattern(int fd, uint64_t size, unsigned seed)
@@ -506,6 +527,75 @@ void loopbackService::acceptAll()
     }
 }
 
+proxyConnection::proxyConnection(int upstream, size_t clientBudget)
+    : port(freePort()), listener(listenLoopback(port)),
+      worker([this, upstream, clientBudget] { relayOne(upstream, clientBudget); })
+{}
+
+proxyConnection::~proxyConnection()
+{
+    (void)shutdown(listener, SHUT_RDWR); // a test that ended early never connected: stop waiting
+    (void)finished();
+    (void)close(listener);
+}
+
+const std::vector<recordedChunk>& proxyConnection::finished()
+{
+    if (worker.joinable()) {
+        worker.join();
+    }
+    return chunks;
+}
+
+bool proxyConnection::serverEnded()
+{
+    (void)finished();
+    return serverDone;
+}
+
+void proxyConnection::relayOne(int upstream, size_t clientBudget)
+{
+    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    int server = -1;
+    for (int attempt = 0; client >= 0 && server < 0 && attempt < 500; ++attempt) {
+        server = connectLoopback(upstream); // a server just started may not listen yet
+        std::this_thread::sleep_for(std::chrono::milliseconds(server < 0 ? 20 : 0));
+    }
+    const int fds[2] = {client, server};
+    pollfd ends[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
+    size_t budget = clientBudget;
+    std::vector<char> buffer(1 << 16);
+    while ((ends[0].fd >= 0 || ends[1].fd >= 0) && fds[0] >= 0 && fds[1] >= 0 &&
+           poll(ends, 2, 60000) > 0) {
+        for (int side = 0; side < 2; ++side) {
+            if (ends[side].fd < 0 || ends[side].revents == 0) {
+                continue;
+            }
+            const ssize_t got = read(fds[side], buffer.data(), buffer.size());
+            if (got <= 0) {
+                ends[side].fd = -1; // poll() passes over it from now on
+                if (side == 1 || budget > 0) {
+                    (void)shutdown(fds[1 - side], SHUT_WR);
+                }
+                serverDone = serverDone || side == 1;
+                continue;
+            }
+            std::string bytes(buffer.data(), static_cast<size_t>(got));
+            if (side == 0) {
+                bytes.resize(std::min(bytes.size(), budget));
+                budget -= bytes.size();
+            }
+            if (!bytes.empty()) {
+                chunks.push_back({side == 0, bytes});
+                (void)sendAll(fds[1 - side], bytes);
+            }
+        }
+    }
+    for (const int fd : fds) {
+        (void)close(fd);
+    }
+}
+
 void echoBytes(int fd)
 {
     std::vector<char> chunk(1 << 16);
@@ -515,6 +605,26 @@ void echoBytes(int fd)
     }
     (void)shutdown(fd, SHUT_WR);
     (void)close(fd);
+}
+
+catPair runCatPair(int port, const std::vector<std::string>& listenerOptions,
+                   const std::string& spoken, const std::vector<std::string>& clientOptions,
+                   const std::string& said)
+{
+    const scratchDir dir;
+    writeFile(dir.file("spoken"), spoken);
+    std::vector<std::string> server{veltrixPath(), "cat", "--listen", address(port)};
+    server.insert(server.end(), listenerOptions.begin(), listenerOptions.end());
+    backgroundRun listener(server, dir.file("spoken"), dir.file("heard"));
+    EXPECT_TRUE(listeningWithin(port, 30)) << listener.errorText();
+    std::vector<std::string> client{"cat", address(port)};
+    client.insert(client.end(), clientOptions.begin(), clientOptions.end());
+    catPair ends;
+    ends.client = runVeltrix(client, said, 120);
+    ends.listenerStatus = listener.wait(60);
+    ends.listenerErr = listener.errorText();
+    ends.heard = readFile(dir.file("heard"));
+    return ends;
 }
 
 std::unique_ptr<backgroundRun> startTunnel(const std::string& mode, int acceptPort, int connectPort,
@@ -573,58 +683,6 @@ bool running(pid_t pid)
     const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
     const size_t close = stat.rfind(')');
     return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
-}
-
-int64_t statsValue(const std::string& table, const std::string& row)
-{
-    const size_t at = table.find("| " + row + " ");
-    const size_t bar = at == std::string::npos ? at : table.find('|', at + 1);
-    return bar == std::string::npos ? -1 : std::atoll(table.c_str() + bar + 1);
-}
-
-trafficCounters trafficOf(const std::string& table)
-{
-    return {statsValue(table, "SentMsgs"), statsValue(table, "SentBytes"),
-            statsValue(table, "RecvMsgs"), statsValue(table, "RecvBytes")};
-}
-
-int64_t messageCounter(uint64_t messages)
-{
-    counterModel counter{kCountersStart};
-    counter.add(1, messages);
-    return counter.value;
-}
-
-int64_t messagesCounted(int64_t value)
-{
-    if (value < 0) {
-        return -1;
-    }
-    // Below the start, the counter restarted once: at 1, on the message that reached the limit.
-    const int64_t toLimit = int64_t{kRestartPoint} - kCountersStart;
-    const int64_t messages = value >= kCountersStart ? value - kCountersStart : value + toLimit - 1;
-    return messageCounter(static_cast<uint64_t>(messages)) == value ? messages : -1;
-}
-
-void expectSent(const trafficCounters& counted, int64_t packets, int64_t bodies, bool initiator)
-{
-    ASSERT_GE(packets, 0);
-    const auto messages = static_cast<uint64_t>(2 * packets + (initiator ? 1 : 0));
-    EXPECT_EQ(counted.sentMsgs, messageCounter(messages));
-    // The first header took the byte counter past the limit, so it restarted at 48 and holds
-    // every byte since: the restart keeps the amount added, not the sum's excess.
-    EXPECT_EQ(counted.sentBytes, 48 * packets + bodies + (initiator ? 64 : 0));
-}
-
-void expectStreamBodies(uint64_t data, int64_t packets, int64_t bodies)
-{
-    constexpr int64_t kCellData = 16381;
-    const auto bytes = static_cast<int64_t>(data);
-    EXPECT_EQ(bodies % 16, 0) << bodies;
-    EXPECT_GE(packets, (bytes + kCellData - 1) / kCellData + 1);
-    // Each cell adds its 3 bytes, and at most 15 of padding.
-    EXPECT_GE(bodies, bytes + 3 * packets);
-    EXPECT_LE(bodies, bytes + 18 * packets);
 }
 
 } // namespace vxclitest

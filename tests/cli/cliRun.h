@@ -4,9 +4,11 @@
 
 #include "vxTest.h"
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -107,6 +109,12 @@ int freePort();
 std::string pattern(size_t size, unsigned seed);
 /** Number of lines in `text` (a last line without a line feed counts). */
 size_t lineCount(const std::string& text);
+/** Whether `text` holds `part`; a failed expectation shows both. */
+testing::AssertionResult contains(const std::string& text, const std::string& part);
+/** How many times `part` stands in `text`, none overlapping. */
+size_t occurrences(const std::string& text, const std::string& part);
+/** Checks `holds` every 10 ms for at most `seconds`; true as soon as it holds. */
+bool within(int seconds, const std::function<bool()>& holds);
 
 /** The bytes of pattern(size, seed) piece by piece, for streams too large to hold. */
 class patternStream
@@ -117,6 +125,13 @@ public:
 
 private:
     uint32_t state;
+};
+
+/** Names each case of a parameterized suite by its `name`: the name generator of
+ *  INSTANTIATE_TEST_SUITE_P, so that the test's own name says which case failed. */
+struct caseName
+{
+    template <class Info> std::string operator()(const Info& info) const { return info.param.name; }
 };
 
 /** "127.0.0.1:port" */
@@ -137,6 +152,10 @@ bool closedWithin(int fd, int seconds);
 /** Whether a socket listens on 127.0.0.1:port (or any address) within `seconds`, seen from
  *  /proc without connecting to it: a listener that takes one connection keeps it. */
 bool listeningWithin(int port, int seconds);
+/** Connects to 127.0.0.1:port, sends `request` while the answer comes back, half-closes after
+ *  it, and returns the whole answer; expects that all of it went out and the answer ended
+ *  normally. */
+std::string exchange(const std::string& request, int port);
 /** Sends `size` bytes of patternStream(seed), piece by piece. */
 bool sendPattern(int fd, uint64_t size, unsigned seed);
 /** Receives until the end of the stream and compares with patternStream(seed); true when every
@@ -171,9 +190,60 @@ private:
     std::list<worker> workers;
 };
 
+/** Bytes that crossed a proxyConnection in one read, and their direction. */
+struct recordedChunk
+{
+    bool toServer;
+    std::string bytes;
+};
+
+/** One connection from a client, relayed on a thread of its own from a port of its own to
+ *  127.0.0.1:`upstream`, with what crosses it recorded in the order it crossed. Each direction
+ *  ends when its sender ends it, except that of the client's, only the first `clientBudget` bytes
+ *  pass: once they are spent, the rest and the client's end are dropped and the server's side of
+ *  the connection is held open. The relay gives up after 60 s of silence. */
+class proxyConnection
+{
+public:
+    explicit proxyConnection(int upstream, size_t clientBudget = SIZE_MAX);
+    proxyConnection(const proxyConnection&) = delete;
+    proxyConnection& operator=(const proxyConnection&) = delete;
+    ~proxyConnection();
+
+    /** Waits until both directions ended; the chunks that passed, in the order they crossed. */
+    const std::vector<recordedChunk>& finished();
+    /** Waits as finished() does; whether the server ended its direction (not the time limit). */
+    bool serverEnded();
+
+    const int port;
+
+private:
+    void relayOne(int upstream, size_t clientBudget);
+
+    int listener;
+    std::vector<recordedChunk> chunks;
+    bool serverDone = false;
+    std::thread worker;
+};
+
 /** Sends every byte of the connection back, then the end of the stream (a half-close answered
  *  the way a request/response service answers it), and closes. */
 void echoBytes(int fd);
+
+/** How both ends of one `cat --listen` session ended. */
+struct catPair
+{
+    runResult client;
+    int listenerStatus = -1;
+    std::string listenerErr;
+    std::string heard; ///< the listener's standard output
+};
+
+/** `cat --listen 127.0.0.1:port` with `listenerOptions` and `spoken` on its standard input, and
+ *  once it listens, a `cat` client to it with `clientOptions` and `said`; both run to their ends. */
+catPair runCatPair(int port, const std::vector<std::string>& listenerOptions,
+                   const std::string& spoken, const std::vector<std::string>& clientOptions,
+                   const std::string& said);
 
 /** `veltrix tunnel <mode> --foreground` accepting on one port and forwarding to the other, once
  *  it logged that it listens. */
@@ -197,42 +267,5 @@ std::vector<pid_t> childrenOf(pid_t pid);
 processFigures figuresOfTree(pid_t pid);
 /** Whether `pid` exists and has not ended (a zombie has). */
 bool running(pid_t pid);
-
-/** The number in row `row` of a statistics table printed by `cat --stats`; -1 without one. */
-int64_t statsValue(const std::string& table, const std::string& row);
-
-/** The four traffic counters of a `cat --stats` table. */
-struct trafficCounters
-{
-    int64_t sentMsgs = -1;
-    int64_t sentBytes = -1;
-    int64_t recvMsgs = -1;
-    int64_t recvBytes = -1;
-};
-
-trafficCounters trafficOf(const std::string& table);
-
-/** Where `cat --stats-start` puts the counters for the checks below: 16 below the point where
- *  the library restarts a counter. No message of the channel is smaller than 16 bytes, so each
- *  byte counter restarts at its first update and from then on holds the exact total; the
- *  message counters restart at their 16th message. */
-constexpr uint32_t kCountersStart = 0xFFFFC000U - 16;
-
-/** How many messages took a message counter from kCountersStart to `value` under the library's
- *  restart rule; -1 when no count does. */
-int64_t messagesCounted(int64_t value);
-/** What a message counter started at kCountersStart shows after `messages` messages. */
-int64_t messageCounter(uint64_t messages);
-
-/** Expects what one end's counters (started at kCountersStart) show for `packets` packets sent
- *  with bodies of `bodies` bytes in all, each behind a 48-byte header and counted as two
- *  messages, and the disconnect command (one message of 64 bytes) when it is the `initiator`. */
-void expectSent(const trafficCounters& counted, int64_t packets, int64_t bodies, bool initiator);
-
-/** Expects `packets` packets with `bodies` bytes of bodies to be a stream that carried `data`
- *  bytes and its end in cells of the stream protocol: each body is its cell (3 bytes and the
- *  data) rounded up to 16 bytes, no cell carries more than 16381 bytes, and the end cell has a
- *  body of its own. */
-void expectStreamBodies(uint64_t data, int64_t packets, int64_t bodies);
 
 } // namespace vxclitest

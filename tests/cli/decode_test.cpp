@@ -6,15 +6,11 @@
 #include "cliRun.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,16 +23,6 @@ const std::vector<std::string> kCiphers = {"none", "aes128", "aes192", "aes256"}
 const std::vector<std::string> kHashes = {"md5", "sha256-128"};
 constexpr const char* kSecret = "the secret of the decode tests";
 constexpr const char* kOtherSecret = "not the secret of the decode tests";
-
-/** Occurrences of `what` in `text`. */
-size_t countOf(const std::string& text, const std::string& what)
-{
-    size_t count = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        ++count;
-    }
-    return count;
-}
 
 /** tcpdump on the loopback interface for the connections of `ports`, writing `file`. */
 class loopbackCapture
@@ -72,8 +58,7 @@ public:
         run->signal(SIGINT);
         EXPECT_EQ(run->wait(20), 0) << run->errorText();
         // A packet the kernel dropped would be a hole in the capture, which decode reports.
-        EXPECT_NE(run->errorText().find("\n0 packets dropped by kernel"), std::string::npos)
-            << run->errorText();
+        EXPECT_TRUE(contains(run->errorText(), "\n0 packets dropped by kernel"));
     }
 
 private:
@@ -90,24 +75,17 @@ struct catSession
     std::string fromServer;
 };
 
-void runCat(const catSession& session, const std::string& psk, const scratchDir& dir,
-            const std::vector<std::string>& mode)
+void runCat(const catSession& session, const std::string& psk, const std::vector<std::string>& mode)
 {
-    const std::string spoken = dir.file("spoken" + std::to_string(session.port));
-    writeFile(spoken, session.fromServer);
     std::vector<std::string> common{"--psk-file",   psk,      "--cipher",
                                     session.cipher, "--hash", session.hash};
     common.insert(common.end(), mode.begin(), mode.end());
-    std::vector<std::string> server{veltrixPath(), "cat", "--once", "--listen",
-                                    address(session.port)};
+    std::vector<std::string> server{"--once"};
     server.insert(server.end(), common.begin(), common.end());
-    backgroundRun listener(server, spoken, dir.file("heard" + std::to_string(session.port)));
-    ASSERT_TRUE(listeningWithin(session.port, 30)) << listener.errorText();
-    std::vector<std::string> client{"cat", address(session.port)};
-    client.insert(client.end(), common.begin(), common.end());
-    const runResult run = runVeltrix(client, session.fromClient, 120);
-    ASSERT_EQ(run.status, 0) << run.err;
-    ASSERT_EQ(listener.wait(60), 0) << listener.errorText();
+    const catPair ends =
+        runCatPair(session.port, server, session.fromServer, common, session.fromClient);
+    ASSERT_EQ(ends.client.status, 0) << ends.client.err;
+    ASSERT_EQ(ends.listenerStatus, 0) << ends.listenerErr;
 }
 
 /** Every cipher with every handshake hash, each session with its own data. */
@@ -137,96 +115,18 @@ void expectDecoded(const std::string& file, const std::string& psk,
     }
     const runResult run = runVeltrix(args, "", 120);
     EXPECT_EQ(run.status, 0) << run.out << run.err;
-    EXPECT_EQ(countOf(run.out, "both answers verify"), sessions.size()) << run.out;
+    EXPECT_EQ(occurrences(run.out, "both answers verify"), sessions.size()) << run.out;
     for (size_t index = 0; index < sessions.size(); ++index) {
         const catSession& one = sessions[index];
         const std::string id = std::to_string(index + 1);
-        EXPECT_NE(run.out.find("conn " + id + " handshake: version 1, cipher " + one.cipher +
-                               ", hash " + one.hash + ", secret " + psk),
-                  std::string::npos)
-            << run.out;
+        EXPECT_TRUE(contains(run.out, "conn " + id + " handshake: version 1, cipher " + one.cipher +
+                                          ", hash " + one.hash + ", secret " + psk));
         EXPECT_TRUE(readFile(out + "/" + id + ".client") == one.fromClient) << "connection " << id;
         EXPECT_TRUE(readFile(out + "/" + id + ".server") == one.fromServer) << "connection " << id;
     }
-    EXPECT_EQ(run.out.find("does not match"), std::string::npos) << run.out;
-    EXPECT_EQ(run.out.find("lost"), std::string::npos) << run.out;
+    EXPECT_FALSE(contains(run.out, "does not match"));
+    EXPECT_FALSE(contains(run.out, "lost"));
 }
-
-/** The bytes of one connection in the order they crossed a relay: what the capture of a real
- *  session holds, for the test to write out as it likes. */
-struct recordedChunk
-{
-    bool toServer;
-    std::string bytes;
-};
-
-/** Relays one connection from a port of its own to `upstream` and records what crosses it. */
-class recordingRelay
-{
-public:
-    explicit recordingRelay(int upstream) : listener(listenLoopback(port)), target(upstream)
-    {
-        worker = std::thread([this] { relayOne(); });
-    }
-
-    recordingRelay(const recordingRelay&) = delete;
-    recordingRelay& operator=(const recordingRelay&) = delete;
-
-    ~recordingRelay()
-    {
-        if (worker.joinable()) {
-            worker.join();
-        }
-        (void)close(listener);
-    }
-
-    /** Waits until both directions ended; the chunks in the order they crossed. */
-    const std::vector<recordedChunk>& finished()
-    {
-        worker.join();
-        return chunks;
-    }
-
-    const int port = freePort();
-
-private:
-    void relayOne()
-    {
-        const int client = accept(listener, nullptr, nullptr);
-        const int server = connectLoopback(target);
-        pollfd ends[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
-        bool open[2] = {true, true};
-        char buffer[65536];
-        while ((open[0] || open[1]) && client >= 0 && server >= 0) {
-            if (poll(ends, 2, 60000) <= 0) {
-                break;
-            }
-            for (int side = 0; side < 2; ++side) {
-                if (!open[side] || ends[side].revents == 0) {
-                    continue;
-                }
-                const ssize_t got = read(ends[side].fd, buffer, sizeof buffer);
-                const int other = ends[1 - side].fd;
-                if (got <= 0) {
-                    open[side] = false;
-                    ends[side].fd = -1;
-                    (void)shutdown(other, SHUT_WR);
-                    continue;
-                }
-                const std::string bytes(buffer, static_cast<size_t>(got));
-                chunks.push_back({side == 0, bytes});
-                (void)sendAll(other, bytes);
-            }
-        }
-        (void)close(client);
-        (void)close(server);
-    }
-
-    int listener;
-    int target;
-    std::vector<recordedChunk> chunks;
-    std::thread worker;
-};
 
 class decodeCaptureTest : public testing::Test
 {
@@ -246,7 +146,7 @@ protected:
             GTEST_SKIP() << capture.why;
         }
         for (const catSession& one : sessions) {
-            runCat(one, psk, dir, mode);
+            runCat(one, psk, mode);
         }
         capture.stop();
         expectDecoded(file, psk, sessions, mode.empty(), dir);
@@ -280,14 +180,7 @@ TEST_F(decodeCaptureTest, ATunnelPairsEncryptedLegIsReadBack)
     {
         const auto server = startTunnel("--server", serverPort, echo.port, psk);
         const auto client = startTunnel("--client", clientPort, serverPort, psk);
-        const int fd = connectLoopback(clientPort);
-        ASSERT_GE(fd, 0);
-        ASSERT_TRUE(sendAll(fd, request));
-        ASSERT_EQ(shutdown(fd, SHUT_WR), 0);
-        bool ended = false;
-        EXPECT_TRUE(receiveAll(fd, &ended) == request);
-        EXPECT_TRUE(ended);
-        (void)close(fd);
+        EXPECT_TRUE(exchange(request, clientPort) == request);
         // The client tunnel disconnects once both directions ended.
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
     }
@@ -299,9 +192,9 @@ TEST_F(decodeCaptureTest, ATunnelPairsEncryptedLegIsReadBack)
     EXPECT_EQ(run.status, 0) << run.out << run.err;
     EXPECT_TRUE(readFile(out + "/1.client") == request);
     EXPECT_TRUE(readFile(out + "/1.server") == request);
-    EXPECT_NE(run.out.find("client>server #1 frame"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("end cell"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("command 1 (disconnect)"), std::string::npos) << run.out;
+    EXPECT_TRUE(contains(run.out, "client>server #1 frame"));
+    EXPECT_TRUE(contains(run.out, "end cell"));
+    EXPECT_TRUE(contains(run.out, "command 1 (disconnect)"));
 }
 
 /** A real session recorded through a relay: what each end's application sent, and the bytes of
@@ -330,7 +223,7 @@ recordedSession recordSession(const std::vector<std::string>& mode, unsigned see
     server.insert(server.end(), mode.begin(), mode.end());
     backgroundRun listener(server, dir.file("spoken"), dir.file("heard"));
     EXPECT_TRUE(listeningWithin(port, 30)) << listener.errorText();
-    recordingRelay relay(port);
+    proxyConnection relay(port);
     std::vector<std::string> client{"cat", address(relay.port), "--psk-file", clientPsk};
     client.insert(client.end(), mode.begin(), mode.end());
     const runResult run = runVeltrix(client, session.fromClient, 120);
@@ -509,8 +402,7 @@ TEST_F(decodeWrittenTest, EveryFramingGivesBackWhatBothEndsSent)
         (void)writeStreamed({}, one.format, one.setup);
         const runResult run = decode();
         EXPECT_EQ(run.status, 0) << run.out << run.err;
-        EXPECT_NE(run.out.find("handshake: version 1, cipher aes128, hash md5"), std::string::npos)
-            << run.out;
+        EXPECT_TRUE(contains(run.out, "handshake: version 1, cipher aes128, hash md5"));
         expectPayloads(*streamed);
     }
 }
@@ -565,11 +457,10 @@ TEST_F(decodeWrittenTest, ALostSegmentIsReportedAsLostAndNotAsAnAlteredPacket)
     ASSERT_NE(lostLength, 0U);
     const runResult run = decode();
     EXPECT_EQ(run.status, 1) << run.out;
-    EXPECT_NE(run.out.find("the capture lost " + std::to_string(lostLength) + " bytes at offset " +
-                           std::to_string(lostAt) + " of the server's stream"),
-              std::string::npos)
-        << run.out;
-    EXPECT_EQ(run.out.find("does not match"), std::string::npos) << run.out;
+    EXPECT_TRUE(contains(run.out, "the capture lost " + std::to_string(lostLength) +
+                                      " bytes at offset " + std::to_string(lostAt) +
+                                      " of the server's stream"));
+    EXPECT_FALSE(contains(run.out, "does not match"));
     // The other direction is whole.
     EXPECT_TRUE(readFile(out + "/1.client") == streamed->fromClient);
 }
@@ -596,14 +487,11 @@ TEST_F(decodeWrittenTest, AFlippedByteNamesThePacketItsFrameAndWhatFailed)
         const uint64_t frame = frameOf(segments, frames, direction::toServer, one.lastByte);
         const runResult run = decode();
         EXPECT_EQ(run.status, 1) << run.out;
-        EXPECT_NE(run.out.find("client>server #1 frame " + std::to_string(frame) + ": " +
-                               one.failure +
-                               ": the data was altered, lost or reordered at or before frame " +
-                               std::to_string(frame)),
-                  std::string::npos)
-            << run.out;
-        EXPECT_NE(run.out.find("decoding stopped: " + std::string(one.failure)), std::string::npos)
-            << run.out;
+        EXPECT_TRUE(contains(
+            run.out, "client>server #1 frame " + std::to_string(frame) + ": " + one.failure +
+                         ": the data was altered, lost or reordered at or before frame " +
+                         std::to_string(frame)));
+        EXPECT_TRUE(contains(run.out, "decoding stopped: " + std::string(one.failure)));
         EXPECT_TRUE(readFile(out + "/1.server") == streamed->fromServer);
     }
 }
@@ -621,10 +509,8 @@ TEST_F(decodeWrittenTest, AConnectionWhoseStartIsMissingIsReportedAndSkipped)
     }
     const runResult run = decode();
     EXPECT_EQ(run.status, 1) << run.out;
-    EXPECT_NE(run.out.find(": the start of this connection is not in the capture; skipped"),
-              std::string::npos)
-        << run.out;
-    EXPECT_EQ(run.out.find("handshake:"), std::string::npos) << run.out;
+    EXPECT_TRUE(contains(run.out, ": the start of this connection is not in the capture; skipped"));
+    EXPECT_FALSE(contains(run.out, "handshake:"));
 }
 
 TEST_F(decodeWrittenTest, InterleavedConnectionsAreNumberedInTheOrderTheyStart)
@@ -661,16 +547,14 @@ TEST_F(decodeWrittenTest, InterleavedConnectionsAreNumberedInTheOrderTheyStart)
     runResult run = decode({"--stream", "--port", "5000"});
     EXPECT_EQ(run.status, 0) << run.out;
     expectPayloads(*streamed, 1);
-    EXPECT_EQ(run.out.find("conn 2"), std::string::npos) << run.out;
+    EXPECT_FALSE(contains(run.out, "conn 2"));
     run = decode({"--port", "6000"});
     EXPECT_EQ(run.status, 0) << run.out;
-    EXPECT_NE(run.out.find("conn 1 handshake: version 1, cipher aes256, hash sha256-128"),
-              std::string::npos)
-        << run.out;
+    EXPECT_TRUE(contains(run.out, "conn 1 handshake: version 1, cipher aes256, hash sha256-128"));
     expectPayloads(*raw, 1);
     run = decode({});
     EXPECT_EQ(run.status, 0) << run.out;
-    EXPECT_NE(run.out.find("conn 2 start"), std::string::npos) << run.out;
+    EXPECT_TRUE(contains(run.out, "conn 2 start"));
     expectPayloads(*raw, 2);
 }
 
@@ -679,14 +563,11 @@ TEST_F(decodeWrittenTest, TheSecretIsFoundAmongSeveralAndAWrongOneIsNamedAsSuch)
     (void)writeStreamed();
     runResult run = decode({"--stream"}, otherPsk);
     EXPECT_EQ(run.status, 1) << run.out;
-    EXPECT_NE(run.out.find("the handshake does not verify with any secret, cipher and hash "
-                           "tried: the secret, cipher or hash differs from the ends'"),
-              std::string::npos)
-        << run.out;
+    EXPECT_TRUE(contains(run.out, "the handshake does not verify with any secret, cipher and hash "
+                                  "tried: the secret, cipher or hash differs from the ends'"));
     run = runVeltrix({"decode", file, "--psk-file", otherPsk, "--psk-file", psk, "--stream"});
     EXPECT_EQ(run.status, 0) << run.out;
-    EXPECT_NE(run.out.find("cipher aes128, hash md5, secret " + psk + ";"), std::string::npos)
-        << run.out;
+    EXPECT_TRUE(contains(run.out, "cipher aes128, hash md5, secret " + psk + ";"));
     // A cipher other than the ends' is a wrong guess too.
     run = decode({"--stream", "--cipher", "aes256"});
     EXPECT_EQ(run.status, 1) << run.out;
@@ -704,19 +585,17 @@ TEST_F(decodeWrittenTest, AHandshakeTheServerRefusedSaysWhoseAnswerFailed)
     }
     runResult run = decode({}, psk);
     EXPECT_EQ(run.status, 1) << run.out;
-    EXPECT_NE(run.out.find("the handshake failed: the server sent 32 of its 48 bytes, the client "
-                           "32 of its 32; the client's answer does not verify with any secret, "
-                           "cipher and hash tried"),
-              std::string::npos)
-        << run.out;
+    EXPECT_TRUE(contains(run.out,
+                         "the handshake failed: the server sent 32 of its 48 bytes, the client "
+                         "32 of its 32; the client's answer does not verify with any secret, "
+                         "cipher and hash tried"));
     run = decode({}, otherPsk);
     EXPECT_EQ(run.status, 1) << run.out;
-    EXPECT_NE(run.out.find("the handshake did not finish: the server sent 32 of its 48 bytes, the "
-                           "client 32 of its 32; the client's answer verifies with cipher "
-                           "aes256, hash md5, secret " +
-                           otherPsk),
-              std::string::npos)
-        << run.out;
+    EXPECT_TRUE(
+        contains(run.out, "the handshake did not finish: the server sent 32 of its 48 bytes, the "
+                          "client 32 of its 32; the client's answer verifies with cipher "
+                          "aes256, hash md5, secret " +
+                              otherPsk));
 }
 
 TEST_F(decodeWrittenTest, AConnectionOfAnotherProtocolIsNamedAsSuch)
@@ -734,9 +613,8 @@ TEST_F(decodeWrittenTest, AConnectionOfAnotherProtocolIsNamedAsSuch)
     }
     const runResult run = decode();
     EXPECT_EQ(run.status, 1) << run.out;
-    EXPECT_NE(run.out.find("the client is no veltrix end: it sent plain text \"GET / HTTP/1.1"),
-              std::string::npos)
-        << run.out;
+    EXPECT_TRUE(
+        contains(run.out, "the client is no veltrix end: it sent plain text \"GET / HTTP/1.1"));
 }
 
 TEST_F(decodeWrittenTest, ATruncatedFileIsDecodedAsFarAsItGoes)
@@ -746,8 +624,8 @@ TEST_F(decodeWrittenTest, ATruncatedFileIsDecodedAsFarAsItGoes)
     writeFile(file, whole.substr(0, whole.size() / 2 + 7));
     const runResult run = decode();
     EXPECT_EQ(run.status, 0) << run.out << run.err;
-    EXPECT_NE(run.out.find("the capture is truncated: "), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("cut off by the capture's end"), std::string::npos) << run.out;
+    EXPECT_TRUE(contains(run.out, "the capture is truncated: "));
+    EXPECT_TRUE(contains(run.out, "cut off by the capture's end"));
     const std::string client = readFile(out + "/1.client");
     EXPECT_GT(client.size(), 0U);
     EXPECT_TRUE(streamed->fromClient.compare(0, client.size(), client) == 0);
@@ -779,7 +657,7 @@ TEST_F(decodeWrittenTest, BadUseIsAUsageErrorAndABadFileAOneLineFailure)
     for (const refusal& one : refusals) {
         const runResult run = runVeltrix(one.args);
         EXPECT_EQ(run.status, one.status) << run.err;
-        EXPECT_NE(run.err.find(one.says), std::string::npos) << run.err;
+        EXPECT_TRUE(contains(run.err, one.says));
     }
 }
 

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -16,7 +15,7 @@ namespace {
 
 struct algorithmCase
 {
-    const char* word;
+    const char* name; ///< -a of the digest
     const char* program;
 };
 
@@ -25,11 +24,6 @@ const algorithmCase algorithms[] = {{"md5", "md5sum"},
                                     {"sha256", "sha256sum"},
                                     {"sha384", "sha384sum"},
                                     {"sha512", "sha512sum"}};
-
-void PrintTo(const algorithmCase& test, std::ostream* out)
-{
-    *out << test.word;
-}
 
 /** 1 MiB and a little more of varied bytes, so that reads cross the 64 KiB chunks unevenly. */
 std::string binaryContent()
@@ -107,7 +101,7 @@ TEST_P(digestAlgorithm, filesMatchTheSumProgram)
     std::vector<std::string> argv{GetParam().program};
     argv.insert(argv.end(), files.begin(), files.end());
     const runResult expected = runProgram(argv);
-    const runResult got = veltrix(GetParam().word, files);
+    const runResult got = veltrix(GetParam().name, files);
     ASSERT_EQ(expected.status, 0);
     EXPECT_EQ(got.status, 0);
     EXPECT_EQ(got.out, expected.out);
@@ -118,8 +112,8 @@ TEST_P(digestAlgorithm, standardInputMatchesTheSumProgram)
 {
     const std::string content = readFile(dir.file("big.bin"));
     const runResult expected = runProgram({GetParam().program}, content);
-    EXPECT_EQ(veltrix(GetParam().word, {}, content).out, expected.out);
-    EXPECT_EQ(veltrix(GetParam().word, {"-"}, content).out, expected.out);
+    EXPECT_EQ(veltrix(GetParam().name, {}, content).out, expected.out);
+    EXPECT_EQ(veltrix(GetParam().name, {"-"}, content).out, expected.out);
     EXPECT_EQ(expected.out.substr(expected.out.size() - 4), "  -\n");
 }
 
@@ -129,19 +123,19 @@ TEST_P(digestAlgorithm, checkOfGoodSumsMatchesTheSumProgram)
     argv.insert(argv.end(), files.begin(), files.end());
     writeFile(dir.file("sums"), runProgram(argv).out);
     const runResult expected = runProgram({GetParam().program, "-c", dir.file("sums")});
-    const runResult got = veltrix(GetParam().word, {"-c", dir.file("sums")});
+    const runResult got = veltrix(GetParam().name, {"-c", dir.file("sums")});
     EXPECT_EQ(got.status, 0);
     EXPECT_EQ(got.out, expected.out);
     EXPECT_EQ(lineCount(got.out), files.size());
     EXPECT_EQ(got.err, "");
     // The same sums read from standard input.
-    EXPECT_EQ(veltrix(GetParam().word, {"-c"}, readFile(dir.file("sums"))).out, expected.out);
+    EXPECT_EQ(veltrix(GetParam().name, {"-c"}, readFile(dir.file("sums"))).out, expected.out);
 }
 
 TEST_P(digestAlgorithm, tagLinesMatchTheSumProgram)
 {
     const runResult expected = runProgram(joined({GetParam().program, "--tag"}, files));
-    const runResult got = veltrix(GetParam().word, joined({"--tag"}, files));
+    const runResult got = veltrix(GetParam().name, joined({"--tag"}, files));
     ASSERT_EQ(expected.status, 0);
     EXPECT_EQ(got.status, 0);
     EXPECT_EQ(got.out, expected.out);
@@ -154,13 +148,12 @@ TEST_P(digestAlgorithm, checkOfTaggedSumsMatchesTheSumProgram)
     writeFile(files[2], "changed");
     const runResult expected = runProgram({GetParam().program, "-c", dir.file("sums")});
     ASSERT_EQ(lineCount(expected.out), files.size());
-    expectSameRun(veltrix(GetParam().word, {"-c", dir.file("sums")}), expected, GetParam().program);
+    expectSameRun(veltrix(GetParam().name, {"-c", dir.file("sums")}), expected, GetParam().program);
     // Without -a the tags name the algorithm.
     expectSameRun(unpinned({"-c", dir.file("sums")}), expected, GetParam().program);
 }
 
-INSTANTIATE_TEST_SUITE_P(sums, digestAlgorithm, ::testing::ValuesIn(algorithms),
-                         [](const auto& test) { return std::string(test.param.word); });
+INSTANTIATE_TEST_SUITE_P(sums, digestAlgorithm, ::testing::ValuesIn(algorithms), caseName());
 
 TEST_F(digestTest, truncatedSha256IsTheFirstHalfOfSha256)
 {
@@ -210,11 +203,6 @@ struct spoiledCase
     int missing;
     int malformed;
 };
-
-void PrintTo(const spoiledCase& test, std::ostream* out)
-{
-    *out << test.name;
-}
 
 const spoiledCase spoiledCases[] = {{"oneOfEach", 1, 1, 1},
                                     {"twoOfEach", 2, 2, 2},
@@ -268,8 +256,7 @@ TEST_P(spoiledSums, reportsAndWarningsMatchTheSumProgram)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(sums, spoiledSums, ::testing::ValuesIn(spoiledCases),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(sums, spoiledSums, ::testing::ValuesIn(spoiledCases), caseName());
 
 TEST_F(digestTest, warningsUseTheSumProgramsWording)
 {
@@ -290,10 +277,8 @@ TEST_F(digestTest, sumFileWithoutSumLinesFails)
         const runResult got = veltrix("sha1", {mode, "-c", dir.file("notes")});
         EXPECT_EQ(got.status, 1);
         EXPECT_EQ(got.out, "");
-        EXPECT_NE(got.err.find("veltrix digest: " + dir.file("notes") +
-                               ": no properly formatted checksum lines found\n"),
-                  std::string::npos)
-            << got.err;
+        EXPECT_TRUE(contains(got.err, "veltrix digest: " + dir.file("notes") +
+                                          ": no properly formatted checksum lines found\n"));
     }
     const runResult got = veltrix("sha1", {"-c", dir.file("notes")});
     EXPECT_EQ(got.err, asVeltrix(runProgram({"sha1sum", "-c", dir.file("notes")}).err, "sha1sum"));
@@ -333,9 +318,9 @@ TEST_F(digestTest, pinnedCheckOfMixedTagsMatchesTheSumProgram)
     // hintNamesTheMostFrequentAlgorithm.
     for (const algorithmCase& each : {algorithms[0], algorithms[1], algorithms[2], algorithms[4]}) {
         for (const std::vector<std::string>& mode : checkModes) {
-            SCOPED_TRACE(each.word + ::testing::PrintToString(mode));
+            SCOPED_TRACE(each.name + ::testing::PrintToString(mode));
             const std::vector<std::string> args = joined(mode, {"-c", sums});
-            expectSameRun(veltrix(each.word, args), runProgram(joined({each.program}, args)),
+            expectSameRun(veltrix(each.name, args), runProgram(joined({each.program}, args)),
                           each.program);
         }
     }
@@ -373,11 +358,6 @@ struct lookalikeCase
     const char* reference; ///< the sum program that checks that algorithm
     const char* hint;
 };
-
-void PrintTo(const lookalikeCase& test, std::ostream* out)
-{
-    *out << test.name;
-}
 
 const lookalikeCase lookalikeCases[] = {
     {"sha256ByDefault", "sha256sum", false, nullptr, nullptr, "md5sum",
@@ -429,8 +409,7 @@ TEST_P(lookalikeSums, refusalNamesTheAlgorithmTheLinesLookLike)
     EXPECT_EQ(got.err, withHint(asVeltrix(expected.err, test.reference), test.hint));
 }
 
-INSTANTIATE_TEST_SUITE_P(sums, lookalikeSums, ::testing::ValuesIn(lookalikeCases),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(sums, lookalikeSums, ::testing::ValuesIn(lookalikeCases), caseName());
 
 TEST_F(digestTest, hintNamesTheMostFrequentAlgorithm)
 {
@@ -458,11 +437,6 @@ struct missingCase
     const char* name;
     std::vector<listed> lines;
 };
-
-void PrintTo(const missingCase& test, std::ostream* out)
-{
-    *out << test.name;
-}
 
 const missingCase missingCases[] = {
     {"allMissing", {listed::missing, listed::missing}},
@@ -528,8 +502,7 @@ TEST_P(missingFiles, ignoreMissingMatchesTheSumProgram)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(sums, missingFiles, ::testing::ValuesIn(missingCases),
-                         [](const auto& test) { return std::string(test.param.name); });
+INSTANTIATE_TEST_SUITE_P(sums, missingFiles, ::testing::ValuesIn(missingCases), caseName());
 
 TEST_F(digestTest, ignoreMissingJudgesEachSumFileAlone)
 {

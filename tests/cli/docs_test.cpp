@@ -206,9 +206,7 @@ protected:
         for (const auto& file : std::filesystem::directory_iterator(pids)) {
             const pid_t pid = std::atoi(readFile(file.path().string()).c_str());
             if (pid > 0 && kill(pid, SIGTERM) == 0) {
-                for (int wait = 0; wait < 100 && running(pid); ++wait) {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-                }
+                (void)within(5, [pid] { return !running(pid); });
             }
             std::filesystem::remove(file.path());
         }
@@ -247,18 +245,15 @@ protected:
                             veltrixCommand() + "'" + " PIDS=" + pids + " /bin/sh " + script});
         EXPECT_EQ(run.status, 0) << one.where << "\n" << one.text << run.out << run.err;
         if (one.text.find("curl ") != std::string::npos) {
-            EXPECT_NE(run.out.find("hello through the tunnel"), std::string::npos)
-                << one.where << ": " << run.out << run.err;
+            EXPECT_TRUE(contains(run.out, "hello through the tunnel")) << one.where << run.err;
         }
         if (one.text.find("verify -k") != std::string::npos) {
-            EXPECT_NE(run.out.find("Verified OK"), std::string::npos) << one.where << run.out;
+            EXPECT_TRUE(contains(run.out, "Verified OK")) << one.where;
         }
         if (one.text.find("received.tar") != std::string::npos) {
             const runResult tar = runProgram({"/bin/sh", "-c", "cd " + work + " && tar c somedir"});
             const std::string received = work + "/received.tar";
-            for (int wait = 0; wait < 100 && readFile(received) != tar.out; ++wait) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            }
+            (void)within(10, [&] { return readFile(received) == tar.out; });
             EXPECT_TRUE(readFile(received) == tar.out)
                 << one.where << ": " << readFile(received).size() << " bytes received of "
                 << tar.out.size();

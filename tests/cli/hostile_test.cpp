@@ -1,9 +1,11 @@
-// veltrix tunnel --server facing hostile peers: silence, cut and garbage handshakes, a wrong
-// secret, a keyed peer whose stream is altered (bytes flipped, packets replayed, swapped or cut,
-// cells that break the stream protocol), a header that declares more body than was announced, and
-// a flood beyond --max-connections. After each, the bad connection has ended with a log line, the
-// tunnel still runs and serves a genuine connection, and at the end its processes' descriptors
-// and memory are where they were.
+// veltrix tunnel --server facing hostile peers: silence, cut and garbage handshakes, a keyed peer
+// whose stream is altered (a header or a body byte flipped, packets cut, cells that break the
+// stream protocol), a header that declares more body than was announced, and a flood beyond
+// --max-connections. Each way the relay can end a connection is seen once: a replayed, swapped
+// or foreign packet fails the same header check as a flipped header byte, and every broken cell
+// the same protocol check as a cell of an unknown kind. After each, the bad connection has ended
+// with a log line, the tunnel still runs and serves a genuine connection, and at the end its
+// processes' descriptors and memory are where they were.
 #include "cliRun.h"
 #include "streamPeer.h"
 
@@ -80,21 +82,6 @@ const alteration kAlterations[] = {
          return flipped(joined(genuine(peer)), cells::kFirstPacket + cells::kPacketHeader + 1000);
      },
      false, "receiving from the peer failed: tempBytes3 == hMacBody"},
-    {"a packet replayed",
-     [](streamPeer& peer) {
-         const std::vector<std::string> p = genuine(peer);
-         return p[0] + p[0] + p[1] + p[2] + p[3];
-     },
-     false, kForgedHeader},
-    {"two packets swapped",
-     [](streamPeer& peer) {
-         const std::vector<std::string> p = genuine(peer);
-         return p[1] + p[0] + p[2] + p[3];
-     },
-     false, kForgedHeader},
-    {"garbage after the handshake",
-     [](streamPeer& peer) { return pattern(joined(genuine(peer)).size(), 99); }, false,
-     kForgedHeader},
     {"cut in a header, then silence",
      [](streamPeer& peer) {
          const std::vector<std::string> p = genuine(peer);
@@ -126,93 +113,11 @@ const alteration kAlterations[] = {
          return peer.seal({2, 0, 1, 'x'});
      },
      false, "the peer broke the stream protocol: a cell of an unknown kind"},
-    {"an announcement past the largest packet",
-     [](streamPeer& peer) { return peer.seal(cells::data("x", cells::kMaxBlocks + 1)); }, false,
-     "the peer broke the stream protocol: a data cell without data or with an announcement of "
-     "1025 blocks"},
     {"the disconnect command before the end",
      [](streamPeer& peer) {
          return joined({peer.seal(cells::data("x", 1)), peer.sealDisconnect(), peer.sealEnd()});
      },
      false, "the peer disconnected before the end of the stream"},
-};
-
-/** One connection from a client to the server at `serverPort`: the server's bytes pass
- *  unchanged; of the client's, the proxy passes the handshake and the next `held` bytes, then
- *  either ends its side or holds the connection open and passes nothing more. */
-class cuttingProxy
-{
-public:
-    cuttingProxy(int serverPort, size_t held, bool thenClose)
-        : port(freePort()), listener(listenLoopback(port)),
-          worker([this, serverPort, held, thenClose] { run(serverPort, held, thenClose); })
-    {}
-
-    cuttingProxy(const cuttingProxy&) = delete;
-    cuttingProxy& operator=(const cuttingProxy&) = delete;
-
-    ~cuttingProxy()
-    {
-        (void)serverEnded();
-        (void)close(listener);
-    }
-
-    /** Waits for the proxy; true when the server ended the connection within 60 s. */
-    bool serverEnded()
-    {
-        if (worker.joinable()) {
-            worker.join();
-        }
-        return ended;
-    }
-
-    const int port;
-
-private:
-    /** Exactly `count` bytes from `fd`; fewer when its stream ends or its receive limit passes. */
-    static std::string take(int fd, size_t count)
-    {
-        std::string bytes(count, '\0');
-        const ssize_t got = count == 0 ? 0 : recv(fd, bytes.data(), count, MSG_WAITALL);
-        bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
-        return bytes;
-    }
-
-    void run(int serverPort, size_t held, bool thenClose)
-    {
-        const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        int server = -1;
-        for (int attempt = 0; server < 0 && attempt < 500; ++attempt) {
-            server = connectLoopback(serverPort); // a server just started may not listen yet
-            std::this_thread::sleep_for(std::chrono::milliseconds(server < 0 ? 20 : 0));
-        }
-        const timeval limit{60, 0};
-        (void)setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        std::thread back([&] {
-            std::vector<char> chunk(1 << 16);
-            ssize_t got = 0;
-            while ((got = recv(server, chunk.data(), chunk.size(), 0)) > 0) {
-                (void)sendAll(client, std::string(chunk.data(), static_cast<size_t>(got)));
-            }
-            ended = got == 0 || errno != EAGAIN;
-            (void)shutdown(client, SHUT_RDWR);
-        });
-        (void)sendAll(server, take(client, kHandshakeOut));
-        (void)sendAll(server, take(client, held));
-        if (thenClose) {
-            (void)shutdown(server, SHUT_WR);
-        }
-        std::vector<char> chunk(1 << 16);
-        while (recv(client, chunk.data(), chunk.size(), 0) > 0) {
-        }
-        back.join();
-        (void)close(client);
-        (void)close(server);
-    }
-
-    int listener;
-    bool ended = false;
-    std::thread worker;
 };
 
 /** A raw TCP peer: it sends `sends`, then ends its side or falls silent; the server's line for
@@ -289,12 +194,9 @@ protected:
      *  prints the line. */
     void expectLogged(size_t mark, const std::string& wanted, int seconds = kBound)
     {
-        std::string log = tunnel->errorText();
-        for (int wait = 0; wait < seconds * 100 && log.find(wanted, mark) == std::string::npos;
-             ++wait) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            log = tunnel->errorText();
-        }
+        (void)within(seconds,
+                     [&] { return tunnel->errorText().find(wanted, mark) != std::string::npos; });
+        const std::string log = tunnel->errorText();
         const size_t at = log.find(wanted, mark);
         ASSERT_NE(at, std::string::npos) << wanted << "\n" << log.substr(mark);
         const size_t start = log.rfind('\n', at) + 1;
@@ -306,28 +208,15 @@ protected:
     /** Waits until the tunnel logged `count` connections closed normally. */
     [[nodiscard]] bool waitClosed(size_t count) const
     {
-        for (int wait = 0; wait < kBound * 100; ++wait) {
-            const std::string log = tunnel->errorText();
-            size_t closed = 0;
-            for (size_t at = 0; (at = log.find(": closed after ", at)) != std::string::npos; ++at) {
-                ++closed;
-            }
-            if (closed >= count) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return within(kBound,
+                      [&] { return occurrences(tunnel->errorText(), ": closed after ") >= count; });
     }
 
     /** Waits until the tunnel's processes hold `descriptors` descriptors again, as they did with
      *  no connection: every place is free. */
     void expectNoConnections(size_t descriptors) const
     {
-        for (int wait = 0;
-             wait < kBound * 100 && figuresOfTree(tunnel->pid).descriptors != descriptors; ++wait) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        (void)within(kBound, [&] { return figuresOfTree(tunnel->pid).descriptors == descriptors; });
         EXPECT_EQ(figuresOfTree(tunnel->pid).descriptors, descriptors);
     }
 
@@ -358,18 +247,6 @@ protected:
                          lineFor(from, "the handshake with " + address(from) + " " + peer.logs));
             expectServing();
         }
-    }
-
-    void wrongSecret()
-    {
-        writeFile(dir.file("other"), "not the tunnel's secret");
-        const size_t mark = logMark();
-        const runResult run =
-            runVeltrix({"cat", address(port), "--psk-file", dir.file("other")}, "x", 60);
-        EXPECT_EQ(run.status, 1) << run.err;
-        std::cout << "a wrong secret:\n  cat: " << run.err;
-        expectLogged(mark, "failed: the peer does not share this end's secret, cipher and hash");
-        expectServing();
     }
 
     /** The untouched stream comes back whole and ends as it should. */
@@ -459,6 +336,15 @@ protected:
         EXPECT_TRUE(peer.sendRaw(first + oversized.substr(0, sent))) << peer.problem();
     }
 
+    /** A keyed peer that did declareMoreThanAnnounced(`sent`), and its local port. */
+    std::unique_ptr<streamPeer> oversizeAttacker(size_t sent, int& from)
+    {
+        auto peer = keyedPeer();
+        from = localPort(peer->fd());
+        declareMoreThanAnnounced(*peer, sent);
+        return peer;
+    }
+
     vxtest::testFrame frame;
     scratchDir dir;
     std::string secret = "the tunnel's secret";
@@ -482,7 +368,6 @@ TEST_F(hostileTest, EachBadPeerEndsAloneAndTheTunnelKeepsServing)
     const std::vector<pid_t> workers = childrenOf(tunnel->pid);
     const processFigures before = figuresOfTree(tunnel->pid);
     rawPeerCases();
-    wrongSecret();
     alterations();
     flood(before.descriptors);
     expectNoConnections(before.descriptors);
@@ -491,22 +376,10 @@ TEST_F(hostileTest, EachBadPeerEndsAloneAndTheTunnelKeepsServing)
               << before.anonKiB << " KiB anonymous before, " << after.descriptors << " and "
               << after.anonKiB << " KiB after\n";
     EXPECT_EQ(childrenOf(tunnel->pid), workers) << "a worker ended and was replaced";
-    EXPECT_EQ(tunnel->errorText().find("a worker"), std::string::npos) << tunnel->errorText();
+    EXPECT_FALSE(contains(tunnel->errorText(), "a worker"));
     if (!kSanitized) {
         EXPECT_LT(after.anonKiB - before.anonKiB, 1024);
     }
-}
-
-TEST_F(hostileTest, AHeaderDeclaringMoreThanWasAnnouncedEndsTheConnectionAtOnce)
-{
-    startServer({"--max-connections", "2", "--receive-timeout", "2"});
-    const size_t mark = logMark();
-    const auto attacker = keyedPeer();
-    const int from = localPort(attacker->fd());
-    declareMoreThanAnnounced(*attacker, cells::wireSize(2));
-    EXPECT_TRUE(closedWithin(attacker->fd(), kPromptly));
-    expectLogged(mark, lineFor(from, kOversize), kPromptly);
-    expectServing();
 }
 
 TEST_F(hostileTest, OversizeDeclarationsFillingEveryPlaceFreeThemForGenuineConnections)
@@ -520,6 +393,7 @@ TEST_F(hostileTest, OversizeDeclarationsFillingEveryPlaceFreeThemForGenuineConne
     ASSERT_GE(waiting, 0);
     pollfd answer{waiting, POLLIN, 0};
     EXPECT_EQ(poll(&answer, 1, 500), 0) << "served beyond --max-connections";
+    // Each sends the whole announced packet: the relay fails it at once.
     for (streamPeer* attacker : {first.get(), second.get()}) {
         declareMoreThanAnnounced(*attacker, cells::wireSize(2));
     }
@@ -533,7 +407,7 @@ TEST_F(hostileTest, OversizeDeclarationsFillingEveryPlaceFreeThemForGenuineConne
     expectServing();
     tunnel->signal(SIGTERM);
     EXPECT_EQ(tunnel->wait(kPromptly), 0) << tunnel->errorText();
-    EXPECT_NE(tunnel->errorText().find("stopped"), std::string::npos) << tunnel->errorText();
+    EXPECT_TRUE(contains(tunnel->errorText(), "stopped"));
 }
 
 TEST_F(hostileTest, AnOversizeHeaderThenSilenceEndsAtTheReceiveTimeOut)
@@ -542,10 +416,9 @@ TEST_F(hostileTest, AnOversizeHeaderThenSilenceEndsAtTheReceiveTimeOut)
     // genuine one, which must be served all the same.
     startServer({"--max-connections", "2", "--receive-timeout", "2", "--workers", "1"});
     const size_t mark = logMark();
-    const auto attacker = keyedPeer();
-    const int from = localPort(attacker->fd());
     // The header and one block of the 80 announced bytes; the connection stays open.
-    declareMoreThanAnnounced(*attacker, cells::kFirstPacket);
+    int from = 0;
+    const auto attacker = oversizeAttacker(cells::kFirstPacket, from);
     expectServing();
     EXPECT_TRUE(closedWithin(attacker->fd(), kPromptly));
     expectLogged(mark, lineFor(from, kPartial), kPromptly);
@@ -556,16 +429,15 @@ TEST_F(hostileTest, SigtermStopsTheTunnelWhileAPeerHoldsAPartialPacket)
 {
     startServer({"--max-connections", "2", "--receive-timeout", "2"});
     const size_t mark = logMark();
-    const auto attacker = keyedPeer();
-    const int from = localPort(attacker->fd());
-    declareMoreThanAnnounced(*attacker, cells::kPacketHeader);
+    int from = 0;
+    const auto attacker = oversizeAttacker(cells::kPacketHeader, from);
     ASSERT_TRUE(tunnel->waitForError("connected to", kPromptly)) << tunnel->errorText();
     tunnel->signal(SIGTERM);
     // The connection it waits for ends at the receive time-out, and then the tunnel.
     EXPECT_EQ(tunnel->wait(kPromptly), 0) << tunnel->errorText();
     EXPECT_NE(tunnel->errorText().find(lineFor(from, kPartial), mark), std::string::npos)
         << tunnel->errorText();
-    EXPECT_NE(tunnel->errorText().find("stopped"), std::string::npos) << tunnel->errorText();
+    EXPECT_TRUE(contains(tunnel->errorText(), "stopped"));
     EXPECT_TRUE(closedWithin(attacker->fd(), kPromptly));
 }
 
@@ -574,7 +446,7 @@ TEST_F(hostileTest, RawPayloadsCutMidPacketEndAtTheReceiveTimeOut)
     // The raw relay's receive happens inside the library; the limit applies there too.
     backgroundRun listener({veltrixPath(), "cat", "--listen", address(port), "--psk-file", psk,
                             "--raw", "--receive-timeout", "1"});
-    cuttingProxy proxy(port, 20, false); // 20 bytes of the first header
+    proxyConnection proxy(port, kHandshakeOut + 20); // the handshake, 20 bytes of a header
     const runResult client =
         runVeltrix({"cat", address(proxy.port), "--psk-file", psk, "--raw"}, "bare payload", 60);
     EXPECT_EQ(client.status, 0) << client.err; // it sent everything and the disconnect command

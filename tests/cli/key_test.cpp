@@ -207,7 +207,7 @@ TEST_F(keyTest, generateRefusesToOverwriteUnlessForced)
     const runResult refused = runVeltrix({"key", "generate", key});
     EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(lineCount(refused.err), 1U);
-    EXPECT_NE(refused.err.find("veltrix key generate: " + key), std::string::npos) << refused.err;
+    EXPECT_TRUE(contains(refused.err, "veltrix key generate: " + key));
     EXPECT_EQ(readFile(key), "precious");
     const runResult forced = runVeltrix({"key", "generate", "--force", key});
     EXPECT_EQ(forced.status, 0) << forced.err;
@@ -287,7 +287,7 @@ TEST_F(keyTest, exportedPemIsTheCanonicalEncodingOfTheModulus)
     const runResult text =
         runProgram({"openssl", "pkey", "-pubin", "-in", file("alice.pem"), "-noout", "-text"});
     EXPECT_EQ(text.status, 0) << text.err;
-    EXPECT_NE(text.out.find("Public-Key: (2048 bit)"), std::string::npos) << text.out;
+    EXPECT_TRUE(contains(text.out, "Public-Key: (2048 bit)"));
     // openssl writes the key back in its own encoding: identical bytes mean identical DER.
     EXPECT_EQ(runProgram({"openssl", "pkey", "-pubin", "-in", file("alice.pem"), "-pubout"}).out,
               pem);
@@ -309,7 +309,7 @@ TEST_F(keyTest, largeKeyTakesItsFingerprintFromSha512)
     EXPECT_EQ(made.out, expectedFingerprint(key, "sha512sum"));
     const runResult pem = runVeltrix({"key", "export-pem", "-k", key});
     const runResult text = runProgram({"openssl", "pkey", "-pubin", "-noout", "-text"}, pem.out);
-    EXPECT_NE(text.out.find("Public-Key: (4096 bit)"), std::string::npos) << text.err;
+    EXPECT_TRUE(contains(text.out, "Public-Key: (4096 bit)")) << text.err;
 }
 
 TEST_F(keyTest, unusableKeyFilesGiveOneLineNamingTheFile)
@@ -332,7 +332,7 @@ TEST_F(keyTest, unusableKeyFilesGiveOneLineNamingTheFile)
             EXPECT_EQ(got.out, "");
             EXPECT_EQ(lineCount(got.err), 1U) << got.err;
             EXPECT_EQ(got.err.rfind("veltrix key " + args[1] + ": ", 0), 0U) << got.err;
-            EXPECT_NE(got.err.find(file(name)), std::string::npos) << got.err;
+            EXPECT_TRUE(contains(got.err, file(name)));
         }
     }
 }
@@ -343,7 +343,7 @@ TEST_F(keyTest, signingNeedsThePrivateKey)
         {"key", "sign", "-k", file("alice.pub"), file("message"), "-o", file("public.sig")});
     EXPECT_EQ(got.status, 1);
     EXPECT_EQ(lineCount(got.err), 1U);
-    EXPECT_NE(got.err.find(file("alice.pub")), std::string::npos) << got.err;
+    EXPECT_TRUE(contains(got.err, file("alice.pub")));
 }
 
 // ---- Damaged key files ----
@@ -368,7 +368,7 @@ TEST_F(keyTest, noDamagedPrivateKeyEverMakesABadSignature)
         EXPECT_EQ(got.out, "");
         EXPECT_EQ(lineCount(got.err), 1U) << got.err;
         EXPECT_EQ(got.err.rfind("veltrix key sign: ", 0), 0U) << got.err;
-        EXPECT_NE(got.err.find(damaged), std::string::npos) << got.err;
+        EXPECT_TRUE(contains(got.err, damaged));
         EXPECT_EQ(access(signature.c_str(), F_OK), -1) << "a signature file was written";
     }
 }
@@ -453,6 +453,32 @@ TEST_F(keyTest, failedVerificationSaysWhyOnStandardError)
 
 // ---- The key file argument ----
 
+TEST_F(keyTest, aKeyFileMissingOrGivenTwiceIsAUsageErrorNamingBothWays)
+{
+    const struct
+    {
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {{"key", "sign", "-k", file("alice"), file("bob"), file("message")},
+         "veltrix key sign: the key file is given twice: --key " + file("alice") +
+             " and the first argument " + file("bob") + " (see \"veltrix key sign --help\")\n"},
+        {{"key", "sign", "firmware.bin"},
+         "veltrix key sign: --key is required, or with firmware.bin as KEYFILE, FILE is required "
+         "(see \"veltrix key sign --help\")\n"},
+        {{"key", "fingerprint"},
+         "veltrix key fingerprint: --key is required, or KEYFILE is required as the first "
+         "argument (see \"veltrix key fingerprint --help\")\n"},
+    };
+
+    for (const auto& misuse : cases) {
+        const runResult got = runVeltrix(misuse.args);
+        EXPECT_EQ(got.status, 2) << misuse.err;
+        EXPECT_EQ(got.err, misuse.err);
+    }
+    EXPECT_EQ(runVeltrix({"key", "fingerprint", "-k", file("alice"), file("bob")}).status, 2);
+}
+
 TEST_F(keyTest, everyKeyCommandTakesTheKeyFileEitherWay)
 {
     const std::string fingerprint = runVeltrix({"key", "fingerprint", file("alice")}).out;
@@ -473,29 +499,6 @@ TEST_F(keyTest, everyKeyCommandTakesTheKeyFileEitherWay)
     EXPECT_EQ(modeOf(file("either.key")), 0600U);
 }
 
-TEST_F(keyTest, keyFileGivenBothWaysIsAUsageError)
-{
-    const runResult got =
-        runVeltrix({"key", "sign", "-k", file("alice"), file("bob"), file("message")});
-    EXPECT_EQ(got.status, 2);
-    EXPECT_EQ(got.err, "veltrix key sign: the key file is given twice: --key " + file("alice") +
-                           " and the first argument " + file("bob") +
-                           " (see \"veltrix key sign --help\")\n");
-    EXPECT_EQ(runVeltrix({"key", "fingerprint", "-k", file("alice"), file("bob")}).status, 2);
-}
-
-TEST_F(keyTest, missingKeyFileNamesBothWaysOfGivingIt)
-{
-    const runResult sign = runVeltrix({"key", "sign", "firmware.bin"});
-    EXPECT_EQ(sign.status, 2);
-    EXPECT_EQ(sign.err, "veltrix key sign: --key is required, or with firmware.bin as KEYFILE, "
-                        "FILE is required (see \"veltrix key sign --help\")\n");
-    const runResult fingerprint = runVeltrix({"key", "fingerprint"});
-    EXPECT_EQ(fingerprint.status, 2);
-    EXPECT_EQ(fingerprint.err, "veltrix key fingerprint: --key is required, or KEYFILE is required "
-                               "as the first argument (see \"veltrix key fingerprint --help\")\n");
-}
-
 // ---- Help ----
 
 TEST_F(keyTest, helpOfAKeySubcommandIsItsOwnHelp)
@@ -505,7 +508,7 @@ TEST_F(keyTest, helpOfAKeySubcommandIsItsOwnHelp)
         const runResult topic = runVeltrix({"help", "key", name});
         EXPECT_EQ(topic.status, 0) << name << ": " << topic.err;
         EXPECT_EQ(topic.out, runVeltrix({"key", name, "--help"}).out) << name;
-        EXPECT_NE(topic.out.find(name), std::string::npos) << topic.out;
+        EXPECT_TRUE(contains(topic.out, name));
     }
     const runResult unknown = runVeltrix({"help", "key", "rotate"});
     EXPECT_EQ(unknown.status, 2);
@@ -740,19 +743,14 @@ TEST_F(keyTest, catRunsOnAWrittenSecretWithoutWarnings)
 {
     const std::string psk = file("cat.psk");
     ASSERT_EQ(runVeltrix({"key", "psk", psk}).status, 0);
-    const int port = freePort();
-    writeFile(file("spoken"), "from the listener\n");
-    backgroundRun listener({veltrixPath(), "cat", "--listen", address(port), "--psk-file", psk},
-                           file("spoken"), file("heard"));
-    ASSERT_TRUE(listeningWithin(port, 30)) << listener.errorText();
-    const runResult client =
-        runVeltrix({"cat", address(port), "--psk-file", psk}, "from the client\n", 120);
-    EXPECT_EQ(client.status, 0) << client.err;
-    EXPECT_EQ(client.out, "from the listener\n");
-    EXPECT_EQ(client.err, "");
-    EXPECT_EQ(listener.wait(60), 0) << listener.errorText();
-    EXPECT_EQ(readFile(file("heard")), "from the client\n");
-    EXPECT_EQ(listener.errorText(), "");
+    const catPair ends = runCatPair(freePort(), {"--psk-file", psk}, "from the listener\n",
+                                    {"--psk-file", psk}, "from the client\n");
+    EXPECT_EQ(ends.client.status, 0) << ends.client.err;
+    EXPECT_EQ(ends.client.out, "from the listener\n");
+    EXPECT_EQ(ends.client.err, "");
+    EXPECT_EQ(ends.listenerStatus, 0) << ends.listenerErr;
+    EXPECT_EQ(ends.heard, "from the client\n");
+    EXPECT_EQ(ends.listenerErr, "");
 }
 
 } // namespace

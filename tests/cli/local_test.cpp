@@ -33,20 +33,14 @@ protected:
 
     /** A listening cat with `listenerSecret` and a client with `clientSecret`: whether the
      *  data went across; the listener's standard error goes to `listenerErr`. */
-    bool talk(const std::string& listenerSecret, const std::string& clientSecret,
-              std::string& listenerErr, std::string& clientErr)
+    static bool talk(const std::string& listenerSecret, const std::string& clientSecret,
+                     std::string& listenerErr, std::string& clientErr)
     {
-        const int port = freePort();
-        backgroundRun listener({veltrixPath(), "cat", "--listen", address(port), "--psk-file",
-                                listenerSecret, "--once"},
-                               "", dir.file("heard"));
-        EXPECT_TRUE(listeningWithin(port, 30));
-        const runResult client =
-            runVeltrix({"cat", address(port), "--psk-file", clientSecret}, "across", 60);
-        const int status = listener.wait(30);
-        listenerErr = listener.errorText();
-        clientErr = client.err;
-        return client.status == 0 && status == 0 && readFile(dir.file("heard")) == "across";
+        const catPair ends = runCatPair(freePort(), {"--psk-file", listenerSecret, "--once"}, "",
+                                        {"--psk-file", clientSecret}, "across");
+        listenerErr = ends.listenerErr;
+        clientErr = ends.client.err;
+        return ends.client.status == 0 && ends.listenerStatus == 0 && ends.heard == "across";
     }
 
     scratchDir dir;
@@ -142,11 +136,10 @@ TEST_F(localTest, OneLineEndIsNotPartOfTheSecretAndWeakSecretsAreNamed)
     const std::string twice = dir.file("twice");
     writeFile(twice, std::string(kSecret) + "\n\n");
     EXPECT_FALSE(talk(twice, psk, listenerErr, clientErr));
-    EXPECT_NE(listenerErr.find("veltrix cat: warning: the secret file " + twice +
-                               " ends with more than one line end; only the last is not part "
-                               "of the secret\n"),
-              std::string::npos)
-        << listenerErr;
+    EXPECT_TRUE(
+        contains(listenerErr, "veltrix cat: warning: the secret file " + twice +
+                                  " ends with more than one line end; only the last is not part "
+                                  "of the secret\n"));
 
     const std::string shortOne = dir.file("short");
     writeFile(shortOne, "x\n");
@@ -155,34 +148,19 @@ TEST_F(localTest, OneLineEndIsNotPartOfTheSecretAndWeakSecretsAreNamed)
                              " is only 1 byte: use 16 or more (veltrix key psk makes one)\n");
 }
 
-/** Something another user may plant where the library appends its bind log. The path is shared
- *  by every process on the machine: the cases that bind run one at a time. */
+/** Something another user may plant where the library appends its bind log. */
 class bindLogTest : public localTest
 {
 protected:
-    static constexpr const char* kDir = "/tmp/fw/log";
+    static constexpr const char* kDir = vxtest::bindLogAside::kDir;
 
     void SetUp() override
     {
         localTest::SetUp();
-        struct stat info = {};
-        if (stat(kDir, &info) == 0) {
-            saved = std::string(kDir) + ".saved-" + std::to_string(getpid());
-            ASSERT_EQ(rename(kDir, saved.c_str()), 0);
-        }
-        ASSERT_EQ(system("mkdir -p /tmp/fw/log"), 0);
+        vxtest::bindLogAside::create();
     }
 
-    void TearDown() override
-    {
-        (void)remove((std::string(kDir) + "/vxNetSocket.log").c_str());
-        (void)rmdir(kDir);
-        if (!saved.empty()) {
-            (void)rename(saved.c_str(), kDir);
-        }
-    }
-
-    std::string saved;
+    vxtest::bindLogAside logAside;
 };
 
 TEST_F(bindLogTest, AFifoAtTheBindLogsPathIsLeftAloneWithOneLine)

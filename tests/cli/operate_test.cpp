@@ -86,7 +86,11 @@ double cpuSeconds(pid_t pid)
 class operateTest : public testing::Test
 {
 protected:
-    void SetUp() override { writeFile(psk, "the secret of the operated tunnel\n"); }
+    void SetUp() override
+    {
+        writeFile(psk, "the secret of the operated tunnel\n");
+        writeFile(wrong, "not the secret");
+    }
 
     /** `veltrix tunnel --config FILE --foreground`, once it logged `services` listening lines. */
     std::unique_ptr<backgroundRun> startConfigured(const std::vector<std::string>& extra = {},
@@ -95,25 +99,16 @@ protected:
         std::vector<std::string> argv{veltrixPath(), "tunnel", "--config", config, "--foreground"};
         argv.insert(argv.end(), extra.begin(), extra.end());
         auto run = std::make_unique<backgroundRun>(argv);
-        for (int wait = 0; wait < 300 && count(run->errorText(), "listening on") < services;
-             ++wait) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-        EXPECT_EQ(count(run->errorText(), "listening on"), services) << run->errorText();
+        (void)within(30, [&] { return occurrences(run->errorText(), "listening on") >= services; });
+        EXPECT_EQ(occurrences(run->errorText(), "listening on"), services) << run->errorText();
         return run;
     }
 
-    static size_t count(const std::string& text, const std::string& part)
-    {
-        size_t found = 0;
-        for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) {
-            ++found;
-        }
-        return found;
-    }
-
+    /** The service most cases put behind a tunnel. */
+    const loopbackService one{greets("one:")};
     scratchDir dir;
     std::string psk = dir.file("psk");
+    std::string wrong = dir.file("wrong"); ///< a secret file the tunnels do not share
     std::string config = dir.file("web.conf");
 };
 
@@ -175,13 +170,12 @@ TEST_F(operateTest, EachMistakeInTheFileIsOneLineNamingItsLine)
         EXPECT_EQ(run.status, 2) << mistake.content;
         EXPECT_EQ(lineCount(run.err), 1U) << run.err;
         EXPECT_EQ(run.err.rfind(expected, 0), 0U) << run.err;
-        EXPECT_NE(run.err.find(mistake.says), std::string::npos) << run.err;
+        EXPECT_TRUE(contains(run.err, mistake.says));
     }
 }
 
 TEST_F(operateTest, TwoServicesFromOneFileRunInOneProcess)
 {
-    const loopbackService one{greets("one:")};
     const loopbackService two{greets("two:")};
     const int front = freePort();
     const int back = freePort();
@@ -210,7 +204,6 @@ TEST_F(operateTest, TwoServicesFromOneFileRunInOneProcess)
 
 TEST_F(operateTest, HostNamesAndAChosenPortWork)
 {
-    const loopbackService one{greets("one:")};
     writeFile(config, "[named]\nserver = true\naccept = localhost:0\nconnect = localhost:" +
                           std::to_string(one.port) + "\npsk-file = " + psk +
                           "\n[nowhere]\nserver = true\naccept = 127.0.0.1:0\n"
@@ -242,7 +235,6 @@ TEST_F(operateTest, HostNamesAndAChosenPortWork)
 
 TEST_F(operateTest, ReloadChangesTheConfigurationAndLeavesOpenConnectionsAlone)
 {
-    const loopbackService one{greets("one:")};
     const loopbackService two{greets("two:")};
     const int front = freePort();
     const int back = freePort();
@@ -304,17 +296,13 @@ TEST_F(operateTest, ReloadChangesTheConfigurationAndLeavesOpenConnectionsAlone)
     EXPECT_EQ(roundTrip(open, "and now"), "and now");
     (void)close(open);
     // The retired worker ends once its connection did.
-    for (int wait = 0; wait < 100 && running(before.front()); ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_FALSE(running(before.front()));
+    EXPECT_TRUE(within(10, [&] { return !running(before.front()); }));
     tunnel->signal(SIGTERM);
     EXPECT_EQ(tunnel->wait(20), 0);
 }
 
 TEST_F(operateTest, SigusrTwoListsTheOpenConnections)
 {
-    const loopbackService one{greets("one:")};
     const int server = freePort();
     const int client = freePort();
     const auto back = startTunnel("--server", server, one.port, psk, {"--workers", "1"});
@@ -332,7 +320,6 @@ TEST_F(operateTest, SigusrTwoListsTheOpenConnections)
 
 TEST_F(operateTest, StoppingGivesOpenConnectionsTheDrainTimeThenEndsThem)
 {
-    const loopbackService one{greets("one:")};
     const int server = freePort();
     const int client = freePort();
     const auto back = startTunnel("--server", server, one.port, psk);
@@ -346,13 +333,18 @@ TEST_F(operateTest, StoppingGivesOpenConnectionsTheDrainTimeThenEndsThem)
         front->waitForError("stopping: waiting for 1 connection(s) to finish, at most 1 s", 10))
         << front->errorText();
     EXPECT_EQ(front->wait(15), 0) << "an idle connection cannot hold the stop";
-    EXPECT_NE(front->errorText().find("ended: the tunnel was stopped"), std::string::npos);
+    EXPECT_TRUE(contains(front->errorText(), "ended: the tunnel was stopped"));
     EXPECT_TRUE(closedWithin(idle, 5));
     (void)close(idle);
+}
 
-    // A second signal ends them at once.
+TEST_F(operateTest, ASecondSignalEndsOpenConnectionsAtOnce)
+{
+    const int server = freePort();
     const int again = freePort();
+    const auto back = startTunnel("--server", server, one.port, psk);
     const auto patient = startTunnel("--client", again, server, psk, {"--drain-timeout", "600"});
+    std::string greeting;
     const int held = greeted(again, greeting);
     patient->signal(SIGINT);
     EXPECT_TRUE(patient->waitForError("at most 600 s", 10));
@@ -363,7 +355,6 @@ TEST_F(operateTest, StoppingGivesOpenConnectionsTheDrainTimeThenEndsThem)
 
 TEST_F(operateTest, ThePidFileNamesTheTunnelWhileItRuns)
 {
-    const loopbackService one{greets("one:")};
     const int port = freePort();
     const std::string pidFile = dir.file("tunnel.pid");
     const std::string logFile = dir.file("tunnel.log");
@@ -379,59 +370,52 @@ TEST_F(operateTest, ThePidFileNamesTheTunnelWhileItRuns)
     EXPECT_EQ(readFile(pidFile), std::to_string(pid) + "\n");
     EXPECT_EQ(runVeltrix({"cat", address(port), "--psk-file", psk}, "x").out, "one:x");
     (void)kill(pid, SIGTERM);
-    for (int wait = 0; wait < 100 && running(pid); ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_FALSE(running(pid));
+    EXPECT_TRUE(within(10, [&] { return !running(pid); }));
     EXPECT_EQ(access(pidFile.c_str(), F_OK), -1) << "removed at the stop";
-    EXPECT_NE(readFile(logFile).find("notice: stopped"), std::string::npos) << readFile(logFile);
+    EXPECT_TRUE(contains(readFile(logFile), "notice: stopped"));
+}
 
+TEST_F(operateTest, APidFileThatCannotBeWrittenIsOneLine)
+{
     const runResult nowhere =
         runVeltrix({"tunnel", "--server", "--accept", address(freePort()), "--connect",
                     address(one.port), "--psk-file", psk, "--pid-file", dir.file("no/pid")});
     EXPECT_EQ(nowhere.status, 1);
-    EXPECT_NE(nowhere.err.find("veltrix tunnel: cannot write the PID file " + dir.file("no/pid") +
-                               ": No such file or directory"),
-              std::string::npos)
-        << nowhere.err;
+    EXPECT_TRUE(contains(nowhere.err, "veltrix tunnel: cannot write the PID file " +
+                                          dir.file("no/pid") + ": No such file or directory"));
 }
 
-TEST_F(operateTest, LogLinesHaveSeveritiesALevelAndAReopenedFile)
+TEST_F(operateTest, LogLinesHaveSeveritiesAnIdentAndAReopenedFile)
 {
-    const loopbackService one{greets("one:")};
     const int port = freePort();
     const std::string logFile = dir.file("tunnel.log");
-    writeFile(dir.file("wrong"), "not the secret");
     writeFile(config, "log-file = " + logFile +
                           "\n[web]\nserver = true\naccept = " + address(port) +
                           "\nconnect = " + address(one.port) + "\npsk-file = " + psk + "\n");
     const auto tunnel = startConfigured({"--workers", "1"});
     EXPECT_EQ(runVeltrix({"cat", address(port), "--psk-file", psk}, "x").out, "one:x");
-    EXPECT_NE(runVeltrix({"cat", address(port), "--psk-file", dir.file("wrong")}, "x").status, 0);
+    EXPECT_NE(runVeltrix({"cat", address(port), "--psk-file", wrong}, "x").status, 0);
     const std::string ident = " veltrix-tunnel@web[";
-    for (int wait = 0; wait < 100 && readFile(logFile).find("warning: ") == std::string::npos;
-         ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
+    (void)within(10, [&] { return readFile(logFile).find("warning: ") != std::string::npos; });
     const std::string log = readFile(logFile);
     for (const char* expected :
          {"] notice: web: server tunnel listening on", "] info: web: connection 1 from",
           "] warning: web: connection 2 from"}) {
-        EXPECT_NE(log.find(expected), std::string::npos) << expected << "\n" << log;
+        EXPECT_TRUE(contains(log, expected));
     }
-    EXPECT_NE(log.find(ident), std::string::npos) << log;
+    EXPECT_TRUE(contains(log, ident));
 
     // After a rotation, SIGUSR1 makes the tunnel write to a new file of the same name.
     ASSERT_EQ(std::rename(logFile.c_str(), (logFile + ".1").c_str()), 0);
     tunnel->signal(SIGUSR1);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     tunnel->signal(SIGUSR2);
-    for (int wait = 0; wait < 100 && readFile(logFile).empty(); ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_NE(readFile(logFile).find("notice: 0 connection(s) open"), std::string::npos);
+    (void)within(10, [&] { return !readFile(logFile).empty(); });
+    EXPECT_TRUE(contains(readFile(logFile), "notice: 0 connection(s) open"));
+}
 
-    // --log-level warning leaves out the lines of each connection.
+TEST_F(operateTest, LogLevelWarningLeavesOutTheLinesOfEachConnection)
+{
     const int quiet = freePort();
     const std::string quietLog = dir.file("quiet.log");
     backgroundRun second({veltrixPath(), "tunnel", "--server", "--foreground", "--accept",
@@ -439,69 +423,51 @@ TEST_F(operateTest, LogLinesHaveSeveritiesALevelAndAReopenedFile)
                           "--log-file", quietLog, "--log-level", "warning"});
     ASSERT_TRUE(listeningWithin(quiet, 30));
     EXPECT_EQ(runVeltrix({"cat", address(quiet), "--psk-file", psk}, "x").out, "one:x");
-    EXPECT_NE(runVeltrix({"cat", address(quiet), "--psk-file", dir.file("wrong")}, "x").status, 0);
-    for (int wait = 0; wait < 100 && readFile(quietLog).empty(); ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
+    EXPECT_NE(runVeltrix({"cat", address(quiet), "--psk-file", wrong}, "x").status, 0);
+    (void)within(10, [&] { return !readFile(quietLog).empty(); });
     const std::string quieter = readFile(quietLog);
-    EXPECT_NE(quieter.find("] warning: connection 2 from"), std::string::npos) << quieter;
-    EXPECT_EQ(quieter.find("] info: "), std::string::npos) << quieter;
-    EXPECT_EQ(quieter.find("] notice: "), std::string::npos) << quieter;
+    EXPECT_TRUE(contains(quieter, "] warning: connection 2 from"));
+    EXPECT_FALSE(contains(quieter, "] info: "));
+    EXPECT_FALSE(contains(quieter, "] notice: "));
 }
-
-struct mismatch
-{
-    std::vector<std::string> clientOptions;
-};
 
 TEST_F(operateTest, AHandshakeRefusedSaysOnBothEndsWhatToCompare)
 {
-    const loopbackService one{greets("one:")};
     const int server = freePort();
-    writeFile(dir.file("other"), "another secret");
     const auto back = startTunnel("--server", server, one.port, psk, {"--workers", "1"});
-    const mismatch cases[] = {
-        {{"--psk-file", dir.file("other")}},
-        {{"--psk-file", psk, "--cipher", "aes128"}},
-        {{"--psk-file", psk, "--hash", "sha256-128"}},
-    };
+    // The client tunnel's secret file and options: each differs from the server's in one.
+    const std::pair<std::string, std::vector<std::string>> cases[] = {
+        {wrong, {}}, {psk, {"--cipher", "aes128"}}, {psk, {"--hash", "sha256-128"}}};
     size_t refusals = 0;
-    for (const mismatch& one_case : cases) {
+    for (const auto& [secret, options] : cases) {
         const int client = freePort();
-        std::vector<std::string> argv{
-            veltrixPath(),   "tunnel",    "--client",      "--foreground", "--accept",
-            address(client), "--connect", address(server), "--workers",    "1"};
-        argv.insert(argv.end(), one_case.clientOptions.begin(), one_case.clientOptions.end());
-        backgroundRun front(argv);
-        ASSERT_TRUE(front.waitForError("listening on", 30)) << front.errorText();
+        const auto front = startTunnel("--client", client, server, secret, options);
         const int fd = connectLoopback(client);
-        EXPECT_TRUE(closedWithin(fd, 10));
+        bool ended = true;
+        EXPECT_EQ(receiveAll(fd, &ended), "");
+        EXPECT_FALSE(ended) << "the application sees the refused connection reset";
         (void)close(fd);
-        EXPECT_TRUE(front.waitForError(
+        EXPECT_TRUE(front->waitForError(
             "failed: the server tunnel refused this end's answer: the two ends do not share the "
             "same secret, cipher and hash (compare --psk-file, --cipher and --hash on both ends)",
             10))
-            << front.errorText();
+            << front->errorText();
         ++refusals;
-        for (int wait = 0;
-             wait < 100 && count(back->errorText(), "failed: the peer does not "
-                                                    "share this end's secret, "
-                                                    "cipher and hash (compare "
-                                                    "--psk-file, --cipher and "
-                                                    "--hash on both ends)") < refusals;
-             ++wait) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        EXPECT_EQ(count(back->errorText(), "does not share this end's secret"), refusals)
+        (void)within(5, [&] {
+            return occurrences(back->errorText(),
+                               "failed: the peer does not share this end's secret, cipher and "
+                               "hash (compare --psk-file, --cipher and --hash on both ends)") >=
+                   refusals;
+        });
+        EXPECT_EQ(occurrences(back->errorText(), "does not share this end's secret"), refusals)
             << back->errorText();
     }
-    EXPECT_EQ(back->errorText().find("( decrypted == correctResponse )"), std::string::npos)
+    EXPECT_FALSE(contains(back->errorText(), "( decrypted == correctResponse )"))
         << "the trail's texts only with -v";
 }
 
 TEST_F(operateTest, UnauthenticatedConnectionsFromOneAddressAreCapped)
 {
-    const loopbackService one{greets("one:")};
     const int port = freePort();
     const auto tunnel = startTunnel("--server", port, one.port, psk,
                                     {"--max-handshakes-per-source", "2", "--auth-timeout", "30"});
@@ -516,9 +482,9 @@ TEST_F(operateTest, UnauthenticatedConnectionsFromOneAddressAreCapped)
     (void)close(third);
     EXPECT_TRUE(tunnel->waitForError("refused a connection from 127.0.0.1:", 10))
         << tunnel->errorText();
-    EXPECT_NE(tunnel->errorText().find(
-                  "2 handshakes from that address are under way (max-handshakes-per-source)"),
-              std::string::npos);
+    EXPECT_TRUE(
+        contains(tunnel->errorText(),
+                 "2 handshakes from that address are under way (max-handshakes-per-source)"));
     // Another address is not held back by this one.
     const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in from{};
@@ -546,7 +512,6 @@ TEST_F(operateTest, AFailingAcceptBacksOffInsteadOfSpinning)
         // process out of them for a memory error; an emulator uses descriptors of its own too.
         GTEST_SKIP() << "a runtime that needs descriptors of its own cannot run out of them";
     }
-    const loopbackService one{greets("one:")};
     // Each connection waiting for its handshake holds three descriptors (its socket and the
     // library's pair), so a limit runs out at the accept itself for one of three limits in a row;
     // for the others a connection runs out while it is set up, and ends.

@@ -1,7 +1,6 @@
 // One veltrix tunnel --server over many sessions and one long stream: a thousand sessions one
 // after the other leave the tunnel and its workers with the descriptors and about the memory they
-// had, and a gibibyte through one connection arrives byte for byte while cat's traffic counters
-// pass their restart point on the way.
+// had, and a gibibyte through one connection arrives byte for byte.
 #include "cliRun.h"
 #include "streamPeer.h"
 
@@ -96,7 +95,7 @@ TEST(soakTest, AThousandSessionsLeaveTheTunnelAndItsWorkersAsTheyWere)
     }
 }
 
-TEST(soakTest, AGibibyteThroughOneConnectionArrivesExactWhileTheCountersRestart)
+TEST(soakTest, AGibibyteThroughOneConnectionArrivesExact)
 {
     constexpr uint64_t kSize = uint64_t{1} << 30U;
     const scratchDir dir;
@@ -134,9 +133,9 @@ TEST(soakTest, AGibibyteThroughOneConnectionArrivesExactWhileTheCountersRestart)
     const int port = freePort();
     const auto tunnel = startTunnel("--server", port, sink.port, dir.file("psk"));
     const auto start = steadyClock::now();
-    backgroundRun cat({veltrixPath(), "cat", address(port), "--psk-file", dir.file("psk"),
-                       "--stats", "--stats-start", std::to_string(kCountersStart)},
-                      dir.file("input"), dir.file("output"));
+    backgroundRun cat(
+        {veltrixPath(), "cat", address(port), "--psk-file", dir.file("psk"), "--stats"},
+        dir.file("input"), dir.file("output"));
     EXPECT_EQ(cat.wait(1500), 0) << cat.errorText();
     const double seconds = std::chrono::duration<double>(steadyClock::now() - start).count();
     EXPECT_EQ(received, kSize);
@@ -145,19 +144,6 @@ TEST(soakTest, AGibibyteThroughOneConnectionArrivesExactWhileTheCountersRestart)
 
     std::cout << "1 GiB in " << seconds << " s, " << 1024 / seconds << " MiB/s\n"
               << cat.errorText();
-    // cat sent the data and its end, and the disconnect command, and received the end cell;
-    // the byte counters restarted at their first update and hold the whole stream.
-    const trafficCounters counted = trafficOf(cat.errorText());
-    const int64_t messages = messagesCounted(counted.sentMsgs);
-    ASSERT_EQ(messages % 2, 1) << "two messages per packet, and the disconnect command";
-    const int64_t packets = (messages - 1) / 2;
-    const int64_t bodies = counted.sentBytes - 48 * packets - 64;
-    expectStreamBodies(kSize, packets, bodies);
-    expectSent(counted, packets, bodies, true);
-    EXPECT_EQ(messagesCounted(counted.recvMsgs), 1);
-    EXPECT_EQ(counted.recvBytes, 16);
-    EXPECT_LT(counted.sentMsgs, kCountersStart) << "the message count restarted";
-    EXPECT_LT(counted.sentBytes, kCountersStart);
 }
 
 } // namespace

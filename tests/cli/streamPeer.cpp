@@ -1,6 +1,7 @@
 // The test's end of the stream protocol: cells built here, packets sealed by the library.
 #include "streamPeer.h"
 
+#include "cliRun.h"
 #include "vxLoopback.h"
 
 #include <sys/socket.h>
@@ -78,7 +79,7 @@ bool streamPeer::openCapture()
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
         return fail("socketpair failed");
     }
-    if (!frame.open(capture, false)) {
+    if (!frame.openChild(capture, false)) {
         (void)::close(pair[0]);
         (void)::close(pair[1]);
         return fail("cannot open the capture socket: " + vxtest::firstMessage());
@@ -163,36 +164,29 @@ std::string streamPeer::sealEnd()
 
 bool streamPeer::sendRaw(const std::string& bytes)
 {
-    for (size_t at = 0; at < bytes.size();) {
-        const ssize_t sent = send(fd(), bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            return fail("sending failed: " + std::string(std::strerror(errno)));
-        }
-        at += static_cast<size_t>(sent);
-    }
-    return true;
+    return sendAll(fd(), bytes) || fail("sending failed: " + std::string(std::strerror(errno)));
+}
+
+bool streamPeer::sendSealed(const std::string& packet)
+{
+    return !packet.empty() && sendRaw(packet);
 }
 
 bool streamPeer::sendData(const std::string& bytes)
 {
-    for (const std::string& packet : sealData(bytes)) {
-        if (packet.empty() || !sendRaw(packet)) {
-            return false;
-        }
-    }
-    return true;
+    const std::vector<std::string> packets = sealData(bytes);
+    return std::all_of(packets.begin(), packets.end(),
+                       [this](const std::string& packet) { return sendSealed(packet); });
 }
 
 bool streamPeer::sendEnd()
 {
-    const std::string packet = sealEnd();
-    return !packet.empty() && sendRaw(packet);
+    return sendSealed(sealEnd());
 }
 
 bool streamPeer::sendDisconnect()
 {
-    const std::string packet = sealDisconnect();
-    return !packet.empty() && sendRaw(packet);
+    return sendSealed(sealDisconnect());
 }
 
 bool streamPeer::receive(receivedCell& cell)

@@ -117,6 +117,8 @@ public:
 
 private:
     bool fail(const std::string& text);
+    /** Sends a sealed packet; false when it is empty, sealing having failed. */
+    bool sendSealed(const std::string& packet);
     /** What `send` writes on the channel, as bytes, sent to a capture instead of the peer. */
     std::string sealWith(const std::function<bool(veltrix::vxNetEncryptedSocket&)>& send,
                          const std::string& what);

@@ -140,9 +140,10 @@ bool fuzzChannel::Open(const std::string& cipher)
     victimPlain.sockFd = victimFd;
     LVX_CALL_OPEN(sender, cipher, &senderPlain);
     LVX_CALL_OPEN(victim, cipher, &victimPlain);
-    // Padding and haystacks from the reproducible stream: an input means the same bytes twice.
-    (void)sender.header.rand.SetTestMode();
-    return sender.keys.ReSeed(seed(0x00), seed(0x10)) && victim.keys.ReSeed(seed(0x00), seed(0x10));
+    // Padding and haystacks from the reproducible stream at both ends: an input means the same
+    // bytes twice.
+    return sender.header.rand.SetTestMode() && victim.header.rand.SetTestMode() &&
+           sender.keys.ReSeed(seed(0x00), seed(0x10)) && victim.keys.ReSeed(seed(0x00), seed(0x10));
 }
 
 bool fuzzChannel::Close()
@@ -186,7 +187,9 @@ bool fuzzChannel::deliver(const byteStream& stream)
 
 const std::string& cipherFor(uint8_t choice)
 {
-    static const std::array<std::string, 4> modes = {"none", "aes128", "aes192", "aes256"};
+#define VX_FUZZ_CIPHER_NAME(identifier, id, name, bytes) name,
+    static const std::array<std::string, 4> modes = {VX_CIPHER_ALGORITHMS(VX_FUZZ_CIPHER_NAME)};
+#undef VX_FUZZ_CIPHER_NAME
     return modes.at(choice % modes.size());
 }
 

@@ -48,13 +48,6 @@ public:
 
     bool main(int /*argc*/, char** /*argv*/) override { return true; }
 
-    /** Opens `child` under the frame, through the object protocol. */
-    template <class Child, class... Args> bool open(Child& child, Args&&... args)
-    {
-        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
-        return true;
-    }
-
     /** PreClose, Close and PostClose of an open object. */
     static void close(veltrix::vxBase& child);
     /** The end of an input: clears the error latch (a failing input leaves it set, and a
@@ -88,8 +81,11 @@ public:
      *  and was cut. */
     bool deliver(const byteStream& stream);
 
-private:
+    /** The harness's end of the sender's socket: what the sender writes arrives here, and what
+     *  is written here the sender receives. */
     int captureFd = -1;
+    /** The harness's end of the victim's socket (non-blocking): what is written here the victim
+     *  receives, and what the victim writes arrives here. */
     int feedFd = -1;
 };
 
@@ -98,7 +94,7 @@ private:
 template <class Body> void withChannel(const std::string& cipher, Body&& body)
 {
     fuzzChannel channel;
-    if (!fuzzFrame::get().open(channel, cipher)) {
+    if (!fuzzFrame::get().openChild(channel, cipher)) {
         std::abort();
     }
     body(channel);

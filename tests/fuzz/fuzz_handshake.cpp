@@ -30,6 +30,17 @@ const std::string& hashFor(uint8_t choice)
     return modes.at(choice % modes.size());
 }
 
+uint32_t cipherIdOf(const std::string& name)
+{
+#define VX_FUZZ_CIPHER_ID(identifier, id, text, bytes) \
+    if (name == (text)) {                              \
+        return id;                                     \
+    }
+    VX_CIPHER_ALGORITHMS(VX_FUZZ_CIPHER_ID)
+#undef VX_FUZZ_CIPHER_ID
+    std::abort();
+}
+
 /** The input's messages sealed as the peer of `victimIsServer` would send them. */
 vxfuzz::byteStream seal(const vxfuzz::byteStream& plain, const veltrix::vxBytes& secret,
                         const veltrix::vxCipherId& cipher, bool victimIsServer)
@@ -39,8 +50,8 @@ vxfuzz::byteStream seal(const vxfuzz::byteStream& plain, const veltrix::vxBytes&
     veltrix::vxBytes sealed;
     clear.bytes = plain;
     clear.bytes.resize((plain.size() + kMessage - 1) / kMessage * kMessage);
-    if (!vxfuzz::fuzzFrame::get().open(peer, cipher, !victimIsServer) || !peer.SetSecret(secret) ||
-        !peer.keys.Encrypt(clear, sealed)) {
+    if (!vxfuzz::fuzzFrame::get().openChild(peer, cipher, !victimIsServer) ||
+        !peer.SetSecret(secret) || !peer.keys.Encrypt(clear, sealed)) {
         std::abort();
     }
     vxfuzz::fuzzFrame::close(peer);
@@ -63,7 +74,7 @@ bool handshake(int fd, bool asServer, const std::string& cipher, const std::stri
     vxfuzz::fuzzFrame& frame = vxfuzz::fuzzFrame::get();
     if (asServer) {
         veltrix::vxNetConnectedClient connected;
-        if (!frame.open(connected, cipher, hash)) {
+        if (!frame.openChild(connected, cipher, hash)) {
             std::abort();
         }
         const bool done = connected.SetSocketFd(fd) && connected.PerformKeyExchange(secret);
@@ -72,11 +83,11 @@ bool handshake(int fd, bool asServer, const std::string& cipher, const std::stri
         return done;
     }
     veltrix::vxNetClient client;
-    if (!frame.open(client)) {
+    if (!frame.openChild(client)) {
         std::abort();
     }
     client.socket.sockFd = fd;
-    if (!frame.open(client.encryptedSocket, cipher, hash, &client.socket)) {
+    if (!frame.openChild(client.encryptedSocket, cipher, hash, &client.socket)) {
         std::abort();
     }
     const bool done = client.PerformKeyExchange(secret);
@@ -97,15 +108,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string& cipher = vxfuzz::cipherFor(static_cast<uint8_t>(modes >> 2U));
     const std::string& hash = hashFor(static_cast<uint8_t>(modes >> 4U));
     veltrix::vxBytes secret;
-    secret.Replace("a secret both ends hold");
-
     vxfuzz::fuzzFrame& frame = vxfuzz::fuzzFrame::get();
     veltrix::vxCipherId cipherId;
     int fds[2] = {-1, -1};
-    if (!frame.open(cipherId, cipher == "none"     ? 1U
-                              : cipher == "aes128" ? 2U
-                              : cipher == "aes192" ? 3U
-                                                   : 4U) ||
+    if (!secret.Replace("a secret both ends hold") ||
+        !frame.openChild(cipherId, cipherIdOf(cipher)) ||
         socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
         std::abort();
     }

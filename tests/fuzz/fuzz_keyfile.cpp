@@ -40,8 +40,7 @@ public:
              !key.GetFingerprint(first) || !again.GetFingerprint(second) || first != second)) {
             std::abort();
         }
-        return key.PreClose() && key.Close() && key.PostClose() && again.PreClose() &&
-               again.Close() && again.PostClose();
+        return closeChild(key) && closeChild(again);
     }
 };
 

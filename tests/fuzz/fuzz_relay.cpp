@@ -29,7 +29,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -56,90 +55,6 @@ constexpr uint32_t kDisconnect = 1;
 {
     std::abort();
 }
-
-const veltrix::vxBytes& seed(unsigned char first)
-{
-    static veltrix::vxBytes seeds[2];
-    veltrix::vxBytes& chosen = seeds[first == 0 ? 0 : 1];
-    if (chosen.bytes.empty()) {
-        for (unsigned char i = 0; i < 16; ++i) {
-            chosen.bytes.push_back(static_cast<unsigned char>(first + i));
-        }
-    }
-    return chosen;
-}
-
-void closeFd(int& fd)
-{
-    if (fd >= 0) {
-        (void)::close(fd);
-        fd = -1;
-    }
-}
-
-/** The keyed pair: the peer's encrypted socket writes into a capture pair (and reads what the
- *  harness puts back there), the relay's is handed to the relay with its end of the network. */
-class relayRig : public veltrix::vxBase
-{
-public:
-    veltrix::vxNetSocket peerPlain;
-    veltrix::vxNetSocket relayPlain;
-    veltrix::vxNetEncryptedSocket peer;
-    veltrix::vxNetEncryptedSocket relayEnd;
-    int captureFd = -1; ///< the harness's end of the peer's plain socket
-    int networkFd = -1; ///< the peer's end of the network; the relay's is relayPlain's for now
-
-    relayRig() { LVX_INIT_OBJECT(); }
-
-    LVX_NOT_COPYABLE(relayRig);
-
-    ~relayRig() override
-    {
-        LVX_DESTRUCT();
-        closeFd(captureFd);
-        closeFd(networkFd);
-    }
-
-    using vxBase::Open;
-
-    bool Open(const std::string& cipher)
-    {
-        int peerFd[2] = {-1, -1};
-        int netFd[2] = {-1, -1};
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, peerFd) != 0) {
-            return false;
-        }
-        captureFd = peerFd[1];
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, netFd) != 0) {
-            (void)::close(peerFd[0]);
-            return false;
-        }
-        networkFd = netFd[1];
-        LVX_CALL_OPEN(peerPlain, false);
-        peerPlain.sockFd = peerFd[0];
-        LVX_CALL_OPEN(relayPlain, true);
-        relayPlain.sockFd = netFd[0];
-        LVX_CALL_OPEN(peer, cipher, &peerPlain);
-        LVX_CALL_OPEN(relayEnd, cipher, &relayPlain);
-        // Padding from the reproducible stream at both ends: an input means the same bytes twice.
-        return peer.header.rand.SetTestMode() && relayEnd.header.rand.SetTestMode() &&
-               peer.keys.ReSeed(seed(0x00), seed(0x10)) &&
-               relayEnd.keys.ReSeed(seed(0x00), seed(0x10));
-    }
-
-    bool Close() override
-    {
-        for (veltrix::vxBase* child :
-             {static_cast<veltrix::vxBase*>(&peer), static_cast<veltrix::vxBase*>(&relayEnd),
-              static_cast<veltrix::vxBase*>(&peerPlain),
-              static_cast<veltrix::vxBase*>(&relayPlain)}) {
-            vxfuzz::fuzzFrame::close(*child);
-        }
-        closeFd(captureFd);
-        closeFd(networkFd);
-        return true;
-    }
-};
 
 /** What the peer put on its way to the relay: one packet (perhaps altered since) or one run of
  *  raw bytes. */
@@ -259,12 +174,13 @@ private:
 class harness
 {
 public:
-    harness(relayRig& keyed, bool isInitiator) : rig(keyed), initiator(isInitiator) {}
+    harness(vxfuzz::fuzzChannel& keyed, bool isInitiator) : channel(keyed), initiator(isInitiator)
+    {}
 
     harness(const harness&) = delete;
     harness& operator=(const harness&) = delete;
 
-    ~harness() { closeFd(appFd); }
+    ~harness() { (void)::close(appFd); }
 
     void run(vxfuzz::inputReader& input)
     {
@@ -276,9 +192,9 @@ public:
         relaySide = plain[0];
         int net = -1;
         vxcli::eventLoop loop;
-        const vxcli::packetPipe pipe(rig.relayPlain.sockFd, net);
+        const vxcli::packetPipe pipe(channel.victimPlain.sockFd, net);
         vxcli::setNonBlocking(net);
-        vxcli::streamRelay relay(loop, rig.relayEnd, pipe, net,
+        vxcli::streamRelay relay(loop, channel.victim, pipe, net,
                                  {relaySide, relaySide, true, "the application", "the application"},
                                  initiator, limits);
         current = &relay;
@@ -331,7 +247,7 @@ private:
             endApplication();
             settle(loop, relay);
         }
-        (void)shutdown(rig.networkFd, SHUT_WR);
+        (void)shutdown(channel.feedFd, SHUT_WR);
         settle(loop, relay);
     }
 
@@ -391,7 +307,7 @@ private:
         veltrix::vxBytes payload;
         payload.bytes = cell;
         sealedPacket packet;
-        if (!rig.peer.SendEncrypted(payload) || !capture(packet.bytes)) {
+        if (!channel.sender.SendEncrypted(payload) || !channel.capture(packet.bytes)) {
             fault(); // the genuine peer cannot fail on a payload within bounds
         }
         sealAnnounced = cell.size() >= 3 ? next : sealAnnounced;
@@ -408,8 +324,9 @@ private:
             return;
         }
         sealedPacket packet;
-        if (!rig.peer.header.CreateCmdMessage(code, rig.peer.keys, &rig.peerPlain) ||
-            !capture(packet.bytes)) {
+        if (!channel.sender.header.CreateCmdMessage(code, channel.sender.keys,
+                                                    &channel.senderPlain) ||
+            !channel.capture(packet.bytes)) {
             fault();
         }
         packet.command = true;
@@ -498,7 +415,7 @@ private:
             unit& front = pending.front();
             const size_t take = std::min(count, front.bytes.size() - frontSent);
             const ssize_t wrote =
-                take == 0 ? 0 : write(rig.networkFd, front.bytes.data() + frontSent, take);
+                take == 0 ? 0 : write(channel.feedFd, front.bytes.data() + frontSent, take);
             if (wrote < 0) {
                 fault(); // well within the pair's buffer
             }
@@ -530,7 +447,7 @@ private:
     {
         unsigned char chunk[4096];
         ssize_t got = 0;
-        while ((got = read(rig.networkFd, chunk, sizeof chunk)) > 0) {
+        while ((got = read(channel.feedFd, chunk, sizeof chunk)) > 0) {
             outbound.insert(outbound.end(), chunk, chunk + got);
         }
         for (;;) {
@@ -549,12 +466,13 @@ private:
 
     void peerReceiveCell(size_t size)
     {
-        if (write(captureFd(), outbound.data(), size) != static_cast<ssize_t>(size)) {
+        if (write(channel.captureFd, outbound.data(), size) != static_cast<ssize_t>(size)) {
             fault();
         }
         veltrix::vxBytes payload;
-        if (!rig.peer.RecvEncrypted(payload) ||
-            rig.peer.header.sizeWithPadding != kBlock * outExpected || !validCell(payload.bytes)) {
+        if (!channel.sender.RecvEncrypted(payload) ||
+            channel.sender.header.sizeWithPadding != kBlock * outExpected ||
+            !validCell(payload.bytes)) {
             fault(); // the relay sent a packet the protocol does not allow
         }
         outReceived.insert(outReceived.end(), payload.bytes.begin() + 3, payload.bytes.end());
@@ -575,18 +493,16 @@ private:
             fault();
         }
         // The peer's receive reads 16 bytes after a command header: the end of its stream.
-        if (write(captureFd(), outbound.data(), kHeader) != static_cast<ssize_t>(kHeader)) {
+        if (write(channel.captureFd, outbound.data(), kHeader) != static_cast<ssize_t>(kHeader)) {
             fault();
         }
-        (void)shutdown(captureFd(), SHUT_WR);
+        (void)shutdown(channel.captureFd, SHUT_WR);
         veltrix::vxBytes payload;
-        if (!rig.peer.RecvEncrypted(payload) || !rig.peerPlain.doDisconnect) {
+        if (!channel.sender.RecvEncrypted(payload) || !channel.senderPlain.doDisconnect) {
             fault();
         }
         disconnectSeen = true;
     }
-
-    [[nodiscard]] int captureFd() const { return rig.captureFd; }
 
     [[nodiscard]] reading readWire() const { return readStream(sealed, wire, appEndAt, initiator); }
 
@@ -648,19 +564,6 @@ private:
         sealed.push_back(std::move(packet));
     }
 
-    bool capture(byteStream& out) const
-    {
-        unsigned char chunk[4096];
-        for (;;) {
-            const ssize_t got = recv(rig.captureFd, chunk, sizeof chunk, MSG_DONTWAIT);
-            if (got > 0) {
-                out.insert(out.end(), chunk, chunk + got);
-                continue;
-            }
-            return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-        }
-    }
-
     /** A cell of `kind` announcing `next` with `count` bytes of data that differ from cell to
      *  cell, so that a replay or a reordering shows in what the application receives. */
     byteStream dataCell(uint8_t kind, uint32_t next, size_t count)
@@ -673,7 +576,7 @@ private:
         return cell;
     }
 
-    relayRig& rig;
+    vxfuzz::fuzzChannel& channel;
     bool initiator;
     vxcli::relayLimits limits{0, 0}; // no time limits: the script decides what arrives
     vxcli::streamRelay* current = nullptr;
@@ -706,14 +609,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     vxfuzz::inputReader input(data, size);
     const uint8_t setup = input.byte();
     const std::string& cipher = vxfuzz::cipherFor(setup);
-    relayRig rig;
-    if (!vxfuzz::fuzzFrame::get().open(rig, cipher)) {
-        fault();
-    }
-    {
-        harness script(rig, (setup & 0x80U) != 0);
+    vxfuzz::withChannel(cipher, [&input, setup](vxfuzz::fuzzChannel& channel) {
+        harness script(channel, (setup & 0x80U) != 0);
         script.run(input);
-    }
-    vxfuzz::fuzzFrame::finish(rig);
+    });
     return 0;
 }

@@ -244,6 +244,21 @@ bool receivedSomething(int fd, vs::milliseconds bound)
     return recv(fd, some, sizeof some, 0) > 0;
 }
 
+/** The base of the helpers below that hold a thread, a lock, a process or a file: none is copied
+ *  or moved. */
+class pinned
+{
+public:
+    pinned(const pinned&) = delete;
+    pinned& operator=(const pinned&) = delete;
+    pinned(pinned&&) = delete;
+    pinned& operator=(pinned&&) = delete;
+
+protected:
+    pinned() = default;
+    ~pinned() = default;
+};
+
 // ---------------------------------------------------------------------------------------------
 // A server on a thread of its own, with a record of how each of its sessions ended.
 
@@ -266,7 +281,7 @@ std::string describe(const ended& record)
            (record.clean ? "clean" : std::string(vs::causeName(record.why)) + ": " + record.text);
 }
 
-class serverHarness
+class serverHarness : pinned
 {
 public:
     /** What the server does with one message. */
@@ -308,11 +323,6 @@ public:
         };
         server.listen("127.0.0.1", "0");
     }
-
-    serverHarness(const serverHarness&) = delete;
-    serverHarness& operator=(const serverHarness&) = delete;
-    serverHarness(serverHarness&&) = delete;
-    serverHarness& operator=(serverHarness&&) = delete;
 
     ~serverHarness() { stop(); }
 
@@ -383,15 +393,9 @@ std::unique_ptr<vs::client> connectedClient(vs::context& loaded, const std::stri
 }
 
 /** Threads joined when the case leaves, however it leaves. */
-class threadGroup
+class threadGroup : pinned
 {
 public:
-    threadGroup() = default;
-    threadGroup(const threadGroup&) = delete;
-    threadGroup& operator=(const threadGroup&) = delete;
-    threadGroup(threadGroup&&) = delete;
-    threadGroup& operator=(threadGroup&&) = delete;
-
     ~threadGroup() { joinAll(); }
 
     template <class Body> void run(Body body) { all.emplace_back(std::move(body)); }
@@ -411,15 +415,9 @@ private:
 
 /** Holds threads until the case lets them go, or until a bound passes, so that no case hangs on
  *  it; the case can wait for a number of them to be held. */
-class gate
+class gate : pinned
 {
 public:
-    gate() = default;
-    gate(const gate&) = delete;
-    gate& operator=(const gate&) = delete;
-    gate(gate&&) = delete;
-    gate& operator=(gate&&) = delete;
-
     ~gate() { release(); }
 
     /** Waits until release(), at most kWait. */
@@ -453,15 +451,10 @@ private:
 };
 
 /** Releases a gate when the case leaves, however it leaves. */
-class releaseOnExit
+class releaseOnExit : pinned
 {
 public:
     explicit releaseOnExit(gate& held) : guarded(held) {}
-
-    releaseOnExit(const releaseOnExit&) = delete;
-    releaseOnExit& operator=(const releaseOnExit&) = delete;
-    releaseOnExit(releaseOnExit&&) = delete;
-    releaseOnExit& operator=(releaseOnExit&&) = delete;
 
     ~releaseOnExit() { guarded.release(); }
 
@@ -539,15 +532,10 @@ TEST_F(sessionEchoTest, AThousandMessagesOfRandomSizesComeBackWholeAndTheCloseIs
 }
 
 /** A child process, killed and reaped if the case leaves before it ended. */
-class childProcess
+class childProcess : pinned
 {
 public:
     explicit childProcess(pid_t started) : pid(started) {}
-
-    childProcess(const childProcess&) = delete;
-    childProcess& operator=(const childProcess&) = delete;
-    childProcess(childProcess&&) = delete;
-    childProcess& operator=(childProcess&&) = delete;
 
     ~childProcess()
     {
@@ -1058,7 +1046,7 @@ TEST_F(sessionStopTest, SessionsStillOpenAtStopEndWithStopped)
 // Secret files: no plug-in needed.
 
 /** A directory of its own under /tmp, removed with what the case wrote in it. */
-class scratchDirectory
+class scratchDirectory : pinned
 {
 public:
     scratchDirectory()
@@ -1068,11 +1056,6 @@ public:
             path = name;
         }
     }
-
-    scratchDirectory(const scratchDirectory&) = delete;
-    scratchDirectory& operator=(const scratchDirectory&) = delete;
-    scratchDirectory(scratchDirectory&&) = delete;
-    scratchDirectory& operator=(scratchDirectory&&) = delete;
 
     ~scratchDirectory()
     {
@@ -1171,7 +1154,7 @@ TEST(sessionContextTest, ADirectoryWithoutThePlugInIsASetupErrorNamingIt)
 }
 
 /** Sets or unsets an environment variable for the case, and puts it back afterwards. */
-class environmentVariable
+class environmentVariable : pinned
 {
 public:
     explicit environmentVariable(const char* variable) : name(variable)
@@ -1181,11 +1164,6 @@ public:
             saved = was;
         }
     }
-
-    environmentVariable(const environmentVariable&) = delete;
-    environmentVariable& operator=(const environmentVariable&) = delete;
-    environmentVariable(environmentVariable&&) = delete;
-    environmentVariable& operator=(environmentVariable&&) = delete;
 
     ~environmentVariable() { set(saved ? saved->c_str() : nullptr); }
 

@@ -29,9 +29,9 @@ using veltrix::vxBytes;
 using veltrix::vxNetClient;
 using veltrix::vxNetConnectedClient;
 using veltrix::vxNetEncryptedSocket;
+using vxtest::payload;
 using octets = std::vector<unsigned char>;
 
-const char* const kSecret = "the secret both ends share";
 const char* const kCipher = "aes128";
 const char* const kHash = "md5";
 constexpr uint32_t kPatience = 5; // seconds a victim waits for a first byte
@@ -54,15 +54,6 @@ constexpr bool kSanitized = true;
 #else
 constexpr bool kSanitized = false;
 #endif
-
-vxBytes payload(uint32_t size, unsigned seed)
-{
-    vxBytes out;
-    for (uint32_t i = 0; i < size; ++i) {
-        out.bytes.push_back(static_cast<unsigned char>(i * 7U + seed));
-    }
-    return out;
-}
 
 /** The bytes a payload of `size` occupies on the wire: the header and the padded body. */
 size_t wireSize(size_t size)
@@ -170,15 +161,13 @@ struct seededEnd
 
     bool open(vxtest::testFrame& frame, bool origin, int fd)
     {
-        vxBytes seed0;
-        vxBytes seed1;
-        seed0.bytes = vxtest::unhex("000102030405060708090A0B0C0D0E0F");
-        seed1.bytes = vxtest::unhex("101112131415161718191A1B1C1D1E1F");
+        const vxBytes seed0 = vxtest::fromHex("000102030405060708090A0B0C0D0E0F");
+        const vxBytes seed1 = vxtest::fromHex("101112131415161718191A1B1C1D1E1F");
         uint32_t patience = kPatience;
-        const bool adopted = frame.open(socket, origin);
+        const bool adopted = frame.openChild(socket, origin);
         socket.sockFd = fd; // the socket's close closes it from here on
         return adopted && socket.setTimeOut(patience) &&
-               frame.open(encrypted, kCipher, kHash, &socket) &&
+               frame.openChild(encrypted, kCipher, kHash, &socket) &&
                encrypted.keys.ReSeed(seed0, seed1);
     }
 
@@ -198,15 +187,13 @@ void expectLatchedWith(const std::string& text)
     veltrix::vxBase::lvxClearLastError();
 }
 
-class vxNetHostileTest : public vxtest::vxCryptoTest
+class vxNetHostileTest : public vxtest::loopbackTest
 {
 protected:
     void TearDown() override
     {
         dropConnections();
-        vxtest::closeClient(client);
-        vxtest::closeIfOpen(server);
-        vxtest::vxCryptoTest::TearDown();
+        vxtest::loopbackTest::TearDown();
     }
 
     static void closeRecord(vxNetConnectedClient& record) { vxtest::closeIfOpen(record); }
@@ -220,13 +207,11 @@ protected:
         server.connectedClients.clear();
     }
 
-    bool listen() { return vxtest::listenOnLoopback(frame, server, kCipher, kHash, port); }
+    bool listen() { return loopbackTest::listen(kCipher, kHash); }
 
-    /** Connects `end` and runs both handshakes; the server's record is then the last listed. */
     bool session(vxNetClient& end, const std::string& secret = kSecret)
     {
-        return vxtest::connectOnLoopback(frame, end, port, kCipher, kHash) &&
-               vxtest::handshakeBoth(server, end, kSecret, secret);
+        return loopbackTest::session(end, kCipher, kHash, secret);
     }
 
     bool start() { return listen() && session(client); }
@@ -258,10 +243,6 @@ protected:
                server.func_LVX_CALL_OPENP(&record, kCipher, kHash) &&
                server.acceptNewClient(vxtest::bytesOf(kSecret), &record, patience);
     }
-
-    veltrix::vxNetServer server;
-    vxNetClient client;
-    std::string port;
 };
 
 TEST_F(vxNetHostileTest, APeerThatClosesInsideAPacketFailsTheReceive)

@@ -24,10 +24,24 @@ bool readableWithin(int fd, int seconds)
     return poll(&watched, 1, seconds * 1000) == 1;
 }
 
+bool openOnSocketPair(testFrame& frame, veltrix::vxNetSocket& serverEnd,
+                      veltrix::vxNetSocket& clientEnd)
+{
+    int fds[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) {
+        return false;
+    }
+    // Each descriptor is the socket's from here on, closed with it.
+    const bool opened = frame.openChild(serverEnd, true) && frame.openChild(clientEnd, false);
+    serverEnd.sockFd = fds[0];
+    clientEnd.sockFd = fds[1];
+    return opened;
+}
+
 bool listenOnLoopback(testFrame& frame, veltrix::vxNetServer& server, const std::string& cipher,
                       const std::string& hash, std::string& port)
 {
-    const bool listening = frame.open(server) && server.SetCipherMode(cipher) &&
+    const bool listening = frame.openChild(server) && server.SetCipherMode(cipher) &&
                            server.SetHashMode(hash) && server.socket.setPort("0") &&
                            server.socket.setAddress("127.0.0.1") && server.socket.BindAndListen();
     port = listening ? boundPort(server.socket.sockFd) : "";
@@ -37,9 +51,9 @@ bool listenOnLoopback(testFrame& frame, veltrix::vxNetServer& server, const std:
 bool connectOnLoopback(testFrame& frame, veltrix::vxNetClient& client, const std::string& port,
                        const std::string& cipher, const std::string& hash)
 {
-    return frame.open(client) && client.socket.setPort(port) &&
+    return frame.openChild(client) && client.socket.setPort(port) &&
            client.socket.setAddress("127.0.0.1") && client.Connect() &&
-           frame.open(client.encryptedSocket, cipher, hash, &client.socket);
+           frame.openChild(client.encryptedSocket, cipher, hash, &client.socket);
 }
 
 bool handshakeBoth(veltrix::vxNetServer& server, veltrix::vxNetClient& client,
@@ -58,7 +72,7 @@ bool handshakeBoth(veltrix::vxNetServer& server, veltrix::vxNetClient& client,
 void closeIfOpen(veltrix::vxBase& object)
 {
     if (object.opened) {
-        (void)testFrame::close(object);
+        (void)testFrame::closeChild(object);
     }
 }
 
@@ -66,6 +80,14 @@ void closeClient(veltrix::vxNetClient& end)
 {
     closeIfOpen(end.encryptedSocket);
     closeIfOpen(end);
+}
+
+void loopbackTest::TearDown()
+{
+    veltrix::vxBase::lvxClearLastError();
+    closeClient(client);
+    closeIfOpen(server);
+    vxCryptoTest::TearDown();
 }
 
 } // namespace vxtest

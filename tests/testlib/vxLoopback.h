@@ -16,6 +16,10 @@ std::string boundPort(int fd);
 /** Whether `fd` becomes readable within `seconds`. */
 bool readableWithin(int fd, int seconds);
 
+/** Opens `serverEnd` (origin) and `clientEnd` on the two ends of a new socket pair. */
+bool openOnSocketPair(testFrame& frame, veltrix::vxNetSocket& serverEnd,
+                      veltrix::vxNetSocket& clientEnd);
+
 /** Opens `server` with the two modes and binds and listens on 127.0.0.1, port 0; `port` is the
  *  port the system picked. */
 bool listenOnLoopback(testFrame& frame, veltrix::vxNetServer& server, const std::string& cipher,
@@ -35,5 +39,34 @@ void closeIfOpen(veltrix::vxBase& object);
 
 /** Closes a client's encrypted socket and then the client, whichever is open. */
 void closeClient(veltrix::vxNetClient& end);
+
+/** A server and a client over 127.0.0.1, the client closed and then the server when the case
+ *  ends. */
+class loopbackTest : public vxCryptoTest
+{
+protected:
+    static constexpr const char* kSecret = "the secret both ends share";
+
+    void TearDown() override;
+
+    /** Opens the server with the two modes and listens on a port the system picks. */
+    bool listen(const std::string& cipher, const std::string& hash)
+    {
+        return listenOnLoopback(frame, server, cipher, hash, port);
+    }
+
+    /** Connects `end` with the two modes and runs both handshakes, the server with kSecret and
+     *  `end` with `secret`; the new connection is then the server's last. */
+    bool session(veltrix::vxNetClient& end, const std::string& cipher, const std::string& hash,
+                 const std::string& secret = kSecret)
+    {
+        return connectOnLoopback(frame, end, port, cipher, hash) &&
+               handshakeBoth(server, end, kSecret, secret);
+    }
+
+    veltrix::vxNetServer server;
+    veltrix::vxNetClient client;
+    std::string port;
+};
 
 } // namespace vxtest

@@ -1,5 +1,8 @@
 #include "vxTest.h"
 
+#include "vxPlugin.h"
+
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +16,17 @@
 #include <sstream>
 
 namespace vxtest {
+
+void vxTest::TearDown()
+{
+    veltrix::vxBase::lvxClearLastError();
+    for (veltrix::vxBase* object : closeAtEnd) {
+        if (object->opened) {
+            testFrame::closeExpected(*object);
+        }
+    }
+    veltrix::vxBase::lvxClearLastError();
+}
 
 void vxCryptoTest::SetUp()
 {
@@ -60,6 +74,32 @@ std::string dumpTrail()
     return out.str();
 }
 
+std::vector<namedId> ciphers()
+{
+#define VX_TEST_ALGORITHM(identifier, id, name, bytes) {name, id},
+    return {VX_CIPHER_ALGORITHMS(VX_TEST_ALGORITHM)};
+}
+
+std::vector<namedId> digests()
+{
+    return {VX_DIGEST_ALGORITHMS(VX_TEST_ALGORITHM)};
+#undef VX_TEST_ALGORITHM
+}
+
+const std::vector<digestSize> kDigestSizes = {{1, 16}, {2, 20}, {3, 32},
+                                              {4, 64}, {5, 48}, {19, 16}};
+
+uint32_t idOf(const std::vector<namedId>& table, const std::string& name)
+{
+    for (const auto& [known, id] : table) {
+        if (known == name) {
+            return id;
+        }
+    }
+    ADD_FAILURE() << "no algorithm " << name;
+    return 0;
+}
+
 void ensurePlugin()
 {
     if (veltrix::cryptoRegistry != nullptr) {
@@ -78,11 +118,40 @@ std::string toHex(const std::vector<unsigned char>& bytes)
     return veltrix::hexString(bytes).text;
 }
 
+std::string hexOf(const veltrix::vxBytes& data)
+{
+    return toHex(data.bytes);
+}
+
 veltrix::vxBytes bytesOf(const std::string& text)
 {
-    veltrix::vxBytes bytes;
-    bytes.bytes.assign(text.begin(), text.end());
-    return bytes;
+    return bufferOf(std::vector<unsigned char>(text.begin(), text.end()));
+}
+
+veltrix::vxBytes bufferOf(const std::vector<unsigned char>& bytes)
+{
+    veltrix::vxBytes buffer;
+    buffer.bytes = bytes;
+    return buffer;
+}
+
+veltrix::vxBytes fromHex(const std::string& hex)
+{
+    return bufferOf(unhex(hex));
+}
+
+veltrix::vxBytes filled(size_t size, unsigned char value)
+{
+    return bufferOf(std::vector<unsigned char>(size, value));
+}
+
+veltrix::vxBytes payload(size_t size, unsigned seed)
+{
+    veltrix::vxBytes out;
+    for (size_t i = 0; i < size; ++i) {
+        out.bytes.push_back(static_cast<unsigned char>(i * 7U + seed));
+    }
+    return out;
 }
 
 std::vector<unsigned char> unhex(const std::string& hex)
@@ -140,6 +209,31 @@ std::string run(const std::string& command)
     const int status = pclose(pipe);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << command;
     return output;
+}
+
+bindLogAside::bindLogAside()
+{
+    struct stat info = {};
+    if (stat(kDir, &info) == 0) {
+        saved = std::string(kDir) + ".saved-" + std::to_string(getpid());
+        EXPECT_EQ(rename(kDir, saved.c_str()), 0) << "cannot move " << kDir << " aside";
+    }
+}
+
+bindLogAside::~bindLogAside()
+{
+    (void)remove(kFile);
+    (void)rmdir(kDir);
+    if (!saved.empty()) {
+        (void)rename(saved.c_str(), kDir);
+    }
+}
+
+void bindLogAside::create()
+{
+    std::error_code failed;
+    std::filesystem::create_directories(kDir, failed);
+    EXPECT_FALSE(failed) << "cannot create " << kDir << ": " << failed.message();
 }
 
 tempDir::tempDir()

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
@@ -23,25 +24,16 @@ class testFrame : public veltrix::vxMain
 public:
     bool main(int /*argc*/, char** /*argv*/) override { return mainResult; }
 
-    template <class Child, class... Args> bool open(Child& child, Args&&... args)
-    {
-        LVX_CALL_OPEN(child, std::forward<Args>(args)...);
-        return true;
-    }
-
-    /** PreClose, Close, PostClose; false at the first step that fails. */
-    static bool close(veltrix::vxBase& child)
-    {
-        return child.PreClose() && child.Close() && child.PostClose();
-    }
-
     /** Closes each object in turn, expecting every close to succeed. */
     template <class... Objects> static void closeAll(Objects&... objects)
     {
         (closeExpected(objects), ...);
     }
 
-    static void closeExpected(veltrix::vxBase& child) { EXPECT_TRUE(close(child)) << dumpTrail(); }
+    static void closeExpected(veltrix::vxBase& child)
+    {
+        EXPECT_TRUE(closeChild(child)) << dumpTrail();
+    }
 
     bool mainResult = true;
 };
@@ -52,9 +44,13 @@ class vxTest : public ::testing::Test
 protected:
     void SetUp() override { veltrix::vxBase::lvxClearLastError(); }
 
-    void TearDown() override { veltrix::vxBase::lvxClearLastError(); }
+    /** Clears the latch, which refuses a close, then closes whatever of `closeAtEnd` is open, in
+     *  order, expecting each close to succeed. */
+    void TearDown() override;
 
     testFrame frame;
+    /** The fixture's objects, closed by TearDown however the case left them. */
+    std::vector<veltrix::vxBase*> closeAtEnd;
 };
 
 /** A fixture whose cases also need the crypto plug-in loaded. */
@@ -72,11 +68,42 @@ std::vector<std::string> trailMessages();
 /** The first line of the oldest event: the innermost failure. */
 std::string firstMessage();
 
+/** A name and the id the library's table gives it. */
+using namedId = std::pair<std::string, uint32_t>;
+/** Every cipher and every digest, by name and id, as the library's tables list them. */
+std::vector<namedId> ciphers();
+std::vector<namedId> digests();
+/** The id of the cipher or digest named `name`; a test failure and 0 for an unknown name. */
+uint32_t idOf(const std::vector<namedId>& table, const std::string& name);
+
+/** A digest's id and the size of its value, written out apart from the library's table. */
+struct digestSize
+{
+    uint32_t id;
+    size_t size;
+};
+
+extern const std::vector<digestSize> kDigestSizes;
+
 /** Loads the OpenSSL plug-in from the build tree once per process. */
 void ensurePlugin();
 
+/** The trail's refusal of every guarded step while the latch is set. */
+inline constexpr const char* kRefusal = "Unable to continue from previous error";
+/** The failure of an operation on an object that is not open. */
+inline constexpr const char* kExpectedOpen = "Object in incorrect state:  Expected open. ";
+
 std::string toHex(const std::vector<unsigned char>& bytes);
+/** A buffer's bytes as upper-case hex. */
+std::string hexOf(const veltrix::vxBytes& data);
 veltrix::vxBytes bytesOf(const std::string& text);
+veltrix::vxBytes bufferOf(const std::vector<unsigned char>& bytes);
+/** Hex text as a buffer. */
+veltrix::vxBytes fromHex(const std::string& hex);
+/** `size` bytes of `value`. */
+veltrix::vxBytes filled(size_t size, unsigned char value);
+/** `size` bytes that differ with `seed`: byte i is i * 7 + seed. */
+veltrix::vxBytes payload(size_t size, unsigned seed);
 
 /** Hex to bytes, bytes to upper-case hex, and upper-casing, all independent of the library. */
 std::vector<unsigned char> unhex(const std::string& hex);
@@ -89,15 +116,32 @@ void writeFile(const std::string& path, const std::string& bytes);
 /** Runs a shell command and returns its standard output; fails the test on a nonzero status. */
 std::string run(const std::string& command);
 
+/** The directory of the library's bind log, moved aside while the object lives and put back
+ *  after, with whatever a case left in its place removed. The path is shared by every process on
+ *  the machine: the cases that bind run one at a time. */
+class bindLogAside
+{
+public:
+    static constexpr const char* kDir = "/tmp/fw/log";
+    static constexpr const char* kFile = "/tmp/fw/log/vxNetSocket.log";
+
+    bindLogAside();
+    LVX_NOT_COPYABLE(bindLogAside);
+    ~bindLogAside();
+
+    /** Creates the directory, so that binds write the log. */
+    static void create();
+
+private:
+    std::string saved;
+};
+
 /** A fresh directory under the system temporary directory, removed by the destructor. */
 class tempDir
 {
 public:
     tempDir();
-    tempDir(const tempDir&) = delete;
-    tempDir& operator=(const tempDir&) = delete;
-    tempDir(tempDir&&) = delete;
-    tempDir& operator=(tempDir&&) = delete;
+    LVX_NOT_COPYABLE(tempDir);
     ~tempDir();
 
     std::string path(const std::string& name) const { return dir + "/" + name; }
@@ -137,8 +181,8 @@ std::vector<katCase> readKat(const std::string& file);
     } while (0)
 
 /** `op` returns false and the newest trail line is the latch refusal. */
-#define EXPECT_REFUSED(op)                                                                   \
-    do {                                                                                     \
-        EXPECT_FALSE(op);                                                                    \
-        EXPECT_EQ(vxtest::trailMessages().back(), "Unable to continue from previous error"); \
+#define EXPECT_REFUSED(op)                                           \
+    do {                                                             \
+        EXPECT_FALSE(op);                                            \
+        EXPECT_EQ(vxtest::trailMessages().back(), vxtest::kRefusal); \
     } while (0)

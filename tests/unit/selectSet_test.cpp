@@ -49,7 +49,7 @@ bool emptySet(const fd_set& set)
     return std::memcmp(&set, &empty, sizeof empty) == 0;
 }
 
-TEST(selectSet, MaxFdIgnoredFdsOwnSetsAndReset)
+TEST(selectSet, MaxFdIsTheLargestKeptAndFdsPastTheSetAreIgnored)
 {
     // clang-format off
     const struct { std::vector<uint32_t> readFds; std::vector<uint32_t> writeFds; uint32_t maxFd; } rows[] = {
@@ -71,6 +71,10 @@ TEST(selectSet, MaxFdIgnoredFdsOwnSetsAndReset)
             EXPECT_TRUE(emptySet(set.readSet) && emptySet(set.writeSet));
         }
     }
+}
+
+TEST(selectSet, ReadAndWriteFdsGoToTheirOwnSetsAndResetEmptiesBoth)
+{
     selectSet both;
     both.timeoutSeconds = 7;
     both.addFd(3);
@@ -88,7 +92,7 @@ TEST(selectSet, MaxFdIgnoredFdsOwnSetsAndReset)
     EXPECT_EQ(both.maxFd, 0U);
 }
 
-TEST(selectSet, SelectOverPipesClosedFdsAndTheTimeoutKeptAfterReset)
+TEST(selectSet, SelectCountsTheReadyDescriptorsButIsSetOnlyReadsOnes)
 {
     pipePair ready;
     pipePair idle;
@@ -103,6 +107,10 @@ TEST(selectSet, SelectOverPipesClosedFdsAndTheTimeoutKeptAfterReset)
     EXPECT_FALSE(set.isSet(idle.readEnd()));
     EXPECT_TRUE(FD_ISSET(idle.fds[1], &set.writeSet)); // writable...
     EXPECT_FALSE(set.isSet(idle.writeEnd()));          // ...but isSet does not say so
+}
+
+TEST(selectSet, ASelectOverAClosedDescriptorFailsWithEbadf)
+{
     pipePair pipe;
     const uint32_t fd = pipe.readEnd();
     pipe.closeBoth();
@@ -112,8 +120,13 @@ TEST(selectSet, SelectOverPipesClosedFdsAndTheTimeoutKeptAfterReset)
     errno = 0;
     EXPECT_EQ(closedSet.doSelect(), -1);
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST(selectSet, TheTimeOutSurvivesReset)
+{
     // The time-out survives reset(): the wait over an idle pipe ends after it, not when a late
     // writer makes the pipe readable (which it would without a time-out).
+    pipePair idle;
     pipePair late;
     selectSet idleSet;
     idleSet.timeoutSeconds = 1;

@@ -12,6 +12,12 @@ namespace {
 
 using libuiTable::uiTable;
 
+/** Fills a cell, which always succeeds. */
+void put(libuiTable::uiRow& row, libuiTable::uiColumnId column, const std::string& text)
+{
+    EXPECT_TRUE(row.Insert(column, text));
+}
+
 std::string render(uiTable& table)
 {
     std::ostringstream out;
@@ -26,12 +32,12 @@ TEST(uiTable, RendersExactly)
         if (decor) {
             t.createDecorRow();
         }
-        t.createRow().Insert(name, "one");
+        put(t.createRow(), name, "one");
         if (decor) {
             t.createDecorRow();
             t.createDecorRow();
         }
-        t.createRow().Insert(name, "two");
+        put(t.createRow(), name, "two");
         EXPECT_EQ(t.rows.size(), 2U);
     };
     const std::string oneColumnText = "|------|\n"
@@ -59,7 +65,7 @@ TEST(uiTable, RendersExactly)
         {"a long cell widens its column, rules included",
          [](uiTable& t) {
              const auto id = t.createColumn("Id");
-             t.createRow().Insert(id, "abcdef");
+             put(t.createRow(), id, "abcdef");
          },
          "|--------|\n"
          "| Id     |\n"
@@ -71,11 +77,11 @@ TEST(uiTable, RendersExactly)
              const auto name = t.createColumn("Name");
              const auto id = t.createColumn("Id");
              libuiTable::uiRow& first = t.createRow();
-             first.Insert(name, "ab");
-             first.Insert(id, "1");
+             put(first, name, "ab");
+             put(first, id, "1");
              libuiTable::uiRow& second = t.createRow();
-             second.Insert(name, "abcd");
-             second.Insert(id, "22");
+             put(second, name, "abcd");
+             put(second, id, "22");
          },
          "|------|----|\n"
          "| Name | Id |\n"
@@ -88,7 +94,7 @@ TEST(uiTable, RendersExactly)
              t.createColumn("Left");
              const auto right = t.createColumn("R");
              t.createRow();
-             t.createRow().Insert(right, "xyz");
+             put(t.createRow(), right, "xyz");
          },
          "|------|-----|\n"
          "| Left | R   |\n"
@@ -99,11 +105,11 @@ TEST(uiTable, RendersExactly)
         {"a row created before a later column still prints",
          [](uiTable& t) {
              const auto a = t.createColumn("A");
-             t.createRow().Insert(a, "x");
+             put(t.createRow(), a, "x");
              const auto b = t.createColumn("B");
              libuiTable::uiRow& second = t.createRow();
-             second.Insert(a, "y");
-             second.Insert(b, "z");
+             put(second, a, "y");
+             put(second, b, "z");
          },
          "|---|---|\n"
          "| A | B |\n"

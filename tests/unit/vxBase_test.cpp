@@ -29,7 +29,7 @@ size_t eventCount()
     return vxGlobal.stackTrace.events.size();
 }
 
-TEST_F(vxBaseTest, DumpPrintsRowsSeparatorsFallbacksAndOnlyTheHeaderOnceCleared)
+TEST_F(vxBaseTest, DumpPrintsARowPerLineAndASeparatorBetweenEventsOfSeveralLines)
 {
     vxBytes object;
     // Two lines: the first falls back to the event's file and line, the second has its own.
@@ -59,7 +59,11 @@ TEST_F(vxBaseTest, DumpPrintsRowsSeparatorsFallbacksAndOnlyTheHeaderOnceCleared)
     caller << std::setw(6) << 42;
     EXPECT_EQ(caller.str(), "    42") << "the caller's adjustment and fill are back";
     EXPECT_FALSE(vxtest::latched());
-    vxBase::lvxClearLastError();
+}
+
+TEST_F(vxBaseTest, ALineWithoutItsOwnFileOrLineTakesTheEvents)
+{
+    vxBytes object;
     object.addHistory("bool f()", "event.cpp", 31);
     veltrix::vxHistoryLine onlyFile;
     onlyFile.message = "own file";
@@ -75,6 +79,10 @@ TEST_F(vxBaseTest, DumpPrintsRowsSeparatorsFallbacksAndOnlyTheHeaderOnceCleared)
                                    "| event.cpp | 8    | own line      |\n"
                                    "|           |      |               |\n"
                                    "|-----------|------|---------------|\n");
+}
+
+TEST_F(vxBaseTest, ClearingEmptiesTheTrailAndTheDumpIsTheHeaderAlone)
+{
     latchByFailure();
     EXPECT_TRUE(vxBase::HaveStackTrace());
     vxBase::lvxClearLastError();
@@ -169,7 +177,7 @@ static_assert(notCopyable<veltrix::vxMd, veltrix::vxHmacMd, veltrix::vxCipher, v
 TEST_F(vxBaseTest, CopiesTakeTheValueButNeverTheOpenStateOrTheLinks)
 {
     vxHashId open;
-    ASSERT_TRUE(frame.open(open, vxHashId::sha256));
+    ASSERT_TRUE(frame.openChild(open, vxHashId::sha256));
     {
         vxHashId copy(open);
         vxHashId moved(std::move(copy));
@@ -181,7 +189,7 @@ TEST_F(vxBaseTest, CopiesTakeTheValueButNeverTheOpenStateOrTheLinks)
             EXPECT_EQ(id->openLine, 0U);
         }
         EXPECT_EQ(moved.name, open.name);
-        ASSERT_TRUE(frame.open(moved, vxHashId::md5)) << "a copy opens under any parent";
+        ASSERT_TRUE(frame.openChild(moved, vxHashId::md5)) << "a copy opens under any parent";
         vxHashId closed;
         closed = open;
         EXPECT_EQ(closed.value, vxHashId::sha256);
@@ -190,11 +198,11 @@ TEST_F(vxBaseTest, CopiesTakeTheValueButNeverTheOpenStateOrTheLinks)
         EXPECT_EQ(open.value, vxHashId::md5);
         EXPECT_TRUE(open.opened);
         EXPECT_EQ(open.parent, &frame);
-        EXPECT_TRUE(vxtest::testFrame::close(moved));
+        EXPECT_TRUE(vxtest::testFrame::closeChild(moved));
     }
     EXPECT_FALSE(vxtest::latched()) << vxtest::dumpTrail();
     EXPECT_FALSE(vxBase::HaveStackTrace());
-    EXPECT_TRUE(vxtest::testFrame::close(open));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(open));
 }
 
 TEST_F(vxBaseTest, PreOpenLinkageViolations)
@@ -252,16 +260,15 @@ TEST_F(vxBaseTest, PreOpenLinkageViolations)
     }
 }
 
-TEST_F(vxBaseTest, OpenObjectRefusesPreOpenPostOpenCloseKeepsLinksAndStepsOfAClosedObject)
+TEST_F(vxBaseTest, AnOpenObjectRefusesPreOpenAndQuietlyPostOpen)
 {
     vxBytes object;
-    ASSERT_TRUE(frame.open(object));
+    ASSERT_TRUE(frame.openChild(object));
     EXPECT_TRUE(object.opened);
     EXPECT_EQ(object.depth, 1U);
     EXPECT_EQ(object.parent, &frame);
     ASSERT_NE(object.initLine, 0);
     ASSERT_NE(object.openLine, 0U);
-    const uint32_t openLine = object.openLine;
     EXPECT_FALSE(object.PostOpen(1));
     EXPECT_FALSE(vxtest::latched());
     EXPECT_FALSE(vxBase::HaveStackTrace());
@@ -275,20 +282,32 @@ TEST_F(vxBaseTest, OpenObjectRefusesPreOpenPostOpenCloseKeepsLinksAndStepsOfAClo
     EXPECT_EQ(eventCount(), 1U);
     EXPECT_TRUE(object.opened);
     vxBase::lvxClearLastError();
-    ASSERT_TRUE(vxtest::testFrame::close(object));
+    ASSERT_TRUE(vxtest::testFrame::closeChild(object));
+}
+
+TEST_F(vxBaseTest, CloseKeepsTheLinksAndAClosedObjectOpensAgain)
+{
+    vxBytes object;
+    ASSERT_TRUE(frame.openChild(object));
+    const uint32_t openLine = object.openLine;
+    ASSERT_TRUE(vxtest::testFrame::closeChild(object));
     EXPECT_FALSE(object.opened);
     EXPECT_EQ(object.openLine, openLine);
     EXPECT_EQ(object.depth, 1U);
     EXPECT_EQ(object.parent, &frame);
-    ASSERT_TRUE(frame.open(object)) << "a closed object opens again";
+    ASSERT_TRUE(frame.openChild(object)) << "a closed object opens again";
     EXPECT_TRUE(object.opened);
-    EXPECT_TRUE(vxtest::testFrame::close(object));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(object));
     EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxBaseTest, TheStepsOfANeverOpenedObject)
+{
     vxBytes closedObject;
     EXPECT_FALSE(closedObject.PostClose()) << "never opened: quietly false";
     EXPECT_FALSE(vxtest::latched());
     EXPECT_FALSE(vxBase::HaveStackTrace());
-    EXPECT_FAILS_WITH(closedObject.PreClose(), "Object in incorrect state:  Expected open. ");
+    EXPECT_FAILS_WITH(closedObject.PreClose(), vxtest::kExpectedOpen);
     vxBase::lvxClearLastError();
     EXPECT_FAILS_WITH(closedObject.PostOpen(1),
                       "Object Protocol Violation -- : Use LVX_CALL_OPEN().");
@@ -301,7 +320,7 @@ void expectUnclosedReport(vxtest::testFrame& frame, const std::string& readable)
     vxBase::lvxClearLastError();
     {
         Object object;
-        ASSERT_TRUE(frame.open(object));
+        ASSERT_TRUE(frame.openChild(object));
     }
     EXPECT_TRUE(vxtest::latched());
     EXPECT_EQ(vxtest::trailMessages(),
@@ -310,7 +329,7 @@ void expectUnclosedReport(vxtest::testFrame& frame, const std::string& readable)
                                         "Opened by: " + readable}));
     ASSERT_EQ(eventCount(), 1U);
     // The "Opened by" line names where the frame opened the object.
-    EXPECT_EQ(vxGlobal.stackTrace.events.front().lines[1].file, "vxTest.h");
+    EXPECT_EQ(vxGlobal.stackTrace.events.front().lines[1].file, "vxBase.h");
 }
 
 /** Derives from vxBase without a destructor check of its own. */
@@ -318,11 +337,11 @@ class bareObject : public vxBase
 {
 };
 
-TEST_F(vxBaseTest, LatchRefusesEveryGuardedStepAndDestroyingOpenObjectsIsReportedUnlessLatched)
+TEST_F(vxBaseTest, TheLatchRefusesEveryGuardedStep)
 {
     vxBytes closed;
     vxBytes open;
-    ASSERT_TRUE(frame.open(open));
+    ASSERT_TRUE(frame.openChild(open));
     vxBytes source;
     source.bytes = {1, 2, 3};
     unsigned char out[4] = {};
@@ -333,7 +352,7 @@ TEST_F(vxBaseTest, LatchRefusesEveryGuardedStepAndDestroyingOpenObjectsIsReporte
         {"PostOpen", [&] { return closed.PostOpen(1); }},
         {"PreClose", [&] { return open.PreClose(); }},
         {"PostClose", [&] { return open.PostClose(); }},
-        {"open through the frame", [&] { return frame.open(closed); }},
+        {"open through the frame", [&] { return frame.openChild(closed); }},
         {"ExportToC", [&] { return source.ExportToC(4, out); }},
         {"CopyOffsets", [&] { return closed.CopyOffsets(0, 1, source); }},
     };
@@ -347,7 +366,7 @@ TEST_F(vxBaseTest, LatchRefusesEveryGuardedStepAndDestroyingOpenObjectsIsReporte
         ASSERT_EQ(eventCount(), before + 1) << r.title;
         const veltrix::vxHistoryEvent& event = vxGlobal.stackTrace.events.back();
         ASSERT_EQ(event.lines.size(), 1U) << r.title;
-        EXPECT_EQ(event.lines[0].message, "Unable to continue from previous error") << r.title;
+        EXPECT_EQ(event.lines[0].message, vxtest::kRefusal) << r.title;
     }
     for (const std::string& message : vxtest::trailMessages()) {
         EXPECT_NE(message, "Boolean return value failed.");
@@ -356,7 +375,11 @@ TEST_F(vxBaseTest, LatchRefusesEveryGuardedStepAndDestroyingOpenObjectsIsReporte
     EXPECT_FALSE(closed.opened);
     EXPECT_TRUE(closed.bytes.empty());
     vxBase::lvxClearLastError();
-    EXPECT_TRUE(vxtest::testFrame::close(open));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(open));
+}
+
+TEST_F(vxBaseTest, AnOpenObjectGoingOutOfScopeIsReportedOnceUnlessLatched)
+{
     expectUnclosedReport<vxBytes>(frame, "veltrix::vxBytes");
     expectUnclosedReport<vxMutex>(frame, "veltrix::vxMutex");
     {
@@ -365,11 +388,14 @@ TEST_F(vxBaseTest, LatchRefusesEveryGuardedStepAndDestroyingOpenObjectsIsReporte
     }
     EXPECT_EQ(eventCount(), 1U);
     EXPECT_EQ(vxtest::trailMessages().size(), 2U);
-    vxBase::lvxClearLastError();
+}
+
+TEST_F(vxBaseTest, AnObjectWithoutAScopeCheckIsReportedByItsAddress)
+{
     vxBytes recorder;
     recorder.addHistory("bool f()", "f.cpp", 1);
     auto* object = new bareObject;
-    ASSERT_TRUE(frame.open(*object));
+    ASSERT_TRUE(frame.openChild(*object));
     const auto address = reinterpret_cast<std::uintptr_t>(object);
     delete object;
     EXPECT_TRUE(vxtest::latched());

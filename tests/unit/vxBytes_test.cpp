@@ -13,15 +13,9 @@ using veltrix::vxBase;
 using veltrix::vxBytes;
 using vxBytesTest = vxtest::vxTest;
 using byteVector = std::vector<unsigned char>;
+using vxtest::bufferOf;
 
-vxBytes bufferOf(const byteVector& bytes)
-{
-    vxBytes buffer;
-    buffer.bytes = bytes;
-    return buffer;
-}
-
-TEST_F(vxBytesTest, BytesOperationsScrubAndExports)
+TEST_F(vxBytesTest, EachOperationChangesTheBytesAsItsNameSays)
 {
     const vxBytes source = bufferOf({5, 6, 7});
     const unsigned char raw[] = {5, 6, 7};
@@ -47,8 +41,11 @@ TEST_F(vxBytesTest, BytesOperationsScrubAndExports)
         EXPECT_TRUE(r.op(buffer)) << r.title;
         EXPECT_EQ(buffer.bytes, r.expected) << r.title;
     }
-    EXPECT_FALSE(vxBase::HaveStackTrace());
-    EXPECT_FALSE(vxtest::latched());
+    EXPECT_QUIET();
+}
+
+TEST_F(vxBytesTest, ScrubEmptiesAndKeepsTheCapacity)
+{
     for (const byteVector& initial :
          {byteVector{}, byteVector{0x00}, byteVector{1, 2, 3, 4, 5, 6, 7, 8}}) {
         vxBytes buffer = bufferOf(initial);
@@ -57,7 +54,10 @@ TEST_F(vxBytesTest, BytesOperationsScrubAndExports)
         EXPECT_EQ(buffer.bytes.size(), 0U) << "Scrub empties";
         EXPECT_EQ(buffer.bytes.capacity(), capacity) << "and keeps the capacity";
     }
+}
 
+TEST_F(vxBytesTest, ExportToCWritesAtMostTheBoundOrNothing)
+{
     // clang-format off
     const struct { size_t size; uint32_t maxSize; bool ok; } bounds[] = {{4, 4, true}, {4, 3, false}, {4, 100, true}, {0, 0, true}, {1, 0, false}};
 
@@ -81,7 +81,10 @@ TEST_F(vxBytesTest, BytesOperationsScrubAndExports)
         EXPECT_EQ(out, data);
         EXPECT_FALSE(vxBase::HaveStackTrace());
     }
+}
 
+TEST_F(vxBytesTest, ExportToStringAppendsThePrintableCharacters)
+{
     // clang-format off
     const struct { byteVector bytes; std::string initial; std::string expected; } stringRows[] = {
         {{0x41, 0x00, 0x42}, "", "AB"}, {{0x41, 0x00, 0x42}, "x", "xAB"}, {{0x20, 0x7E, 0x7F, 0x0A, 0x09}, "", " ~"},
@@ -96,7 +99,7 @@ TEST_F(vxBytesTest, BytesOperationsScrubAndExports)
     }
 }
 
-TEST_F(vxBytesTest, BytesCopyOffsetsRangesAndTheLatch)
+TEST_F(vxBytesTest, CopyOffsetsRefusesAnEmptyOrReversedRange)
 {
     const vxBytes source = bufferOf({1, 2, 3, 4, 5});
     for (const auto& [offset1, offset2] : {std::pair<uint32_t, uint32_t>{3, 3}, {4, 2}, {0, 0}}) {
@@ -112,7 +115,10 @@ TEST_F(vxBytesTest, BytesCopyOffsetsRangesAndTheLatch)
             EXPECT_EQ(target.bytes, byteVector{9});
         }
     }
-    vxBase::lvxClearLastError();
+}
+
+TEST_F(vxBytesTest, CopyOffsetsPastTheSourceThrowsWithoutRecording)
+{
     const vxBytes shorter = bufferOf({1, 2, 3});
     for (const auto& [offset1, offset2] : {std::pair<uint32_t, uint32_t>{1, 4}, {3, 4}, {5, 9}}) {
         vxBytes target = bufferOf({9});
@@ -121,8 +127,11 @@ TEST_F(vxBytesTest, BytesCopyOffsetsRangesAndTheLatch)
         EXPECT_EQ(target.bytes, byteVector{9});
     }
     // Past the source is a programming error, not a recorded failure.
-    EXPECT_FALSE(vxtest::latched());
-    EXPECT_FALSE(vxBase::HaveStackTrace());
+    EXPECT_QUIET();
+}
+
+TEST_F(vxBytesTest, OnlyTheBoundedCopiesRefuseWhileLatched)
+{
     vxtest::latchByFailure();
     const vxBytes three = bufferOf({1, 2, 3});
     byteVector out(4, 0xAA);
@@ -134,7 +143,7 @@ TEST_F(vxBytesTest, BytesCopyOffsetsRangesAndTheLatch)
     EXPECT_EQ(guarded.bytes, byteVector{9});
     const std::vector<std::string> messages = vxtest::trailMessages();
     EXPECT_EQ(std::vector<std::string>(messages.begin() + 1, messages.end()),
-              std::vector<std::string>(3, "Unable to continue from previous error"));
+              std::vector<std::string>(3, vxtest::kRefusal));
     EXPECT_EQ(vxGlobal.stackTrace.events.size(), 4U);
     vxBytes buffer;
     EXPECT_TRUE(buffer.Replace("ab"));

@@ -15,6 +15,7 @@ namespace {
 using veltrix::vxBytes;
 using veltrix::vxHashId;
 using veltrix::vxHmacMd;
+using vxtest::bufferOf;
 using vxtest::testFrame;
 
 using byteVector = std::vector<unsigned char>;
@@ -22,13 +23,6 @@ using byteVector = std::vector<unsigned char>;
 byteVector bytes(const std::string& text)
 {
     return byteVector(text.begin(), text.end());
-}
-
-vxBytes wrap(const byteVector& data)
-{
-    vxBytes out;
-    out.bytes = data;
-    return out;
 }
 
 /** Each key byte XORed with 0x36, then the message: the input of the value's digest. */
@@ -42,24 +36,23 @@ byteVector innerInput(const byteVector& key, const byteVector& message)
     return input;
 }
 
-/** The openssl command line digest of `data`, upper-case hex; id 19 is SHA-256 cut to 16 bytes. */
+/** The openssl command line digest of `data`, upper-case hex; SHA-256/128 is SHA-256 cut to 16
+ *  bytes. */
 std::string cliDigest(uint32_t id, const byteVector& data)
 {
-    const char* names[] = {"", "md5", "sha1", "sha256", "sha512", "sha384"};
+    const bool truncated = id == vxHashId::sha256_128;
+    std::string name = "sha256";
+    for (const auto& [known, number] : vxtest::digests()) {
+        name = number == id && !truncated ? known : name;
+    }
     const vxtest::tempDir dir;
     const std::string path = dir.path("input.bin");
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(data.data()),
                static_cast<std::streamsize>(data.size()));
-    const std::string name = id == vxHashId::sha256_128 ? "sha256" : names[id];
     const std::string line = vxtest::run("openssl dgst -" + name + " -r " + path);
     const std::string hex = vxtest::upper(line.substr(0, line.find(' ')));
-    return id == vxHashId::sha256_128 ? hex.substr(0, 32) : hex;
-}
-
-std::string hexOf(const vxBytes& data)
-{
-    return vxtest::hexUpper(std::string(data.bytes.begin(), data.bytes.end()));
+    return truncated ? hex.substr(0, 32) : hex;
 }
 
 class vxHmacMdTest : public vxtest::vxCryptoTest
@@ -68,26 +61,17 @@ protected:
     void SetUp() override
     {
         vxtest::vxCryptoTest::SetUp();
-        ASSERT_TRUE(frame.open(id, vxHashId::sha1));
-        ASSERT_TRUE(frame.open(mac, id)) << vxtest::dumpTrail();
-    }
-
-    void TearDown() override
-    {
-        veltrix::vxBase::lvxClearLastError();
-        if (mac.opened) {
-            EXPECT_TRUE(testFrame::close(mac)) << vxtest::dumpTrail();
-        }
-        EXPECT_TRUE(testFrame::close(id));
-        vxtest::vxCryptoTest::TearDown();
+        ASSERT_TRUE(frame.openChild(id, vxHashId::sha1));
+        ASSERT_TRUE(frame.openChild(mac, id)) << vxtest::dumpTrail();
+        closeAtEnd = {&mac, &id};
     }
 
     /** One message through SetKey(bytes), Init, Update, Final; the value as hex. */
     static std::string valueOf(vxHmacMd& keyed, const byteVector& key, const byteVector& message)
     {
-        EXPECT_TRUE(keyed.SetKey(wrap(key)));
+        EXPECT_TRUE(keyed.SetKey(bufferOf(key)));
         EXPECT_TRUE(keyed.Init());
-        EXPECT_TRUE(keyed.Update(wrap(message)));
+        EXPECT_TRUE(keyed.Update(bufferOf(message)));
         return finalValue(keyed);
     }
 
@@ -97,7 +81,7 @@ protected:
         EXPECT_TRUE(keyed.Final());
         vxBytes value;
         EXPECT_TRUE(keyed.GetBytes(value));
-        return hexOf(value);
+        return vxtest::hexOf(value);
     }
 
     vxHashId id;
@@ -119,19 +103,15 @@ TEST_F(vxHmacMdTest, ValueIsTheInnerDigestOfThePaddedMessageForEveryIdAndKeyLeng
     EXPECT_EQ(valueOf(mac, {}, bytes("abc")), "A9993E364706816ABA3E25717850C26C9CD0D89D");
     EXPECT_EQ(valueOf(mac, {}, {}), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
 
-    // clang-format off
-    const struct { uint32_t id; size_t size; } cases[] = {{vxHashId::md5, 16}, {vxHashId::sha1, 20}, {vxHashId::sha256, 32}, {vxHashId::sha512, 64}, {vxHashId::sha384, 48}, {vxHashId::sha256_128, 16}};
-
-    // clang-format on
     byteVector longKey(200); // used as it is
     for (size_t i = 0; i < longKey.size(); ++i) {
         longKey[i] = static_cast<unsigned char>(i * 7 + 3);
     }
     const byteVector message = bytes("The quick brown fox jumps over the lazy dog");
-    for (const auto& c : cases) {
+    for (const auto& c : vxtest::kDigestSizes) {
         vxHashId otherId;
         vxHmacMd other;
-        ASSERT_TRUE(frame.open(otherId, c.id) && frame.open(other, otherId));
+        ASSERT_TRUE(frame.openChild(otherId, c.id) && frame.openChild(other, otherId));
         for (const byteVector& key : {bytes("a shared secret"), longKey}) {
             const std::string value = valueOf(other, key, message);
             EXPECT_EQ(value.size(), 2 * c.size) << c.id;
@@ -142,21 +122,29 @@ TEST_F(vxHmacMdTest, ValueIsTheInnerDigestOfThePaddedMessageForEveryIdAndKeyLeng
     EXPECT_FALSE(vxtest::latched());
 }
 
-// Init again reuses the key: the second message below runs without a new SetKey.
-TEST_F(vxHmacMdTest, UpdatesSetKeyPadsAndGetBytesBeforeFinal)
+TEST_F(vxHmacMdTest, SetKeyMakesBothPadsFromTheKeyAsItIs)
 {
-    ASSERT_TRUE(mac.SetKey(wrap({0x00, 0x6B, 0xFF})));
+    ASSERT_TRUE(mac.SetKey(bufferOf({0x00, 0x6B, 0xFF})));
     EXPECT_EQ(mac.innerKey.bytes, (byteVector{0x36, 0x5D, 0xC9}));
     EXPECT_EQ(mac.outerKey.bytes, (byteVector{0x5C, 0x37, 0xA3}));
-    ASSERT_TRUE(mac.SetKey(wrap({})));
+    ASSERT_TRUE(mac.SetKey(bufferOf({})));
     EXPECT_TRUE(mac.innerKey.bytes.empty());
     EXPECT_TRUE(mac.outerKey.bytes.empty());
-    ASSERT_TRUE(mac.SetKey(wrap({0x01})) && mac.Init());
+}
+
+TEST_F(vxHmacMdTest, GetBytesBeforeAnyFinalIsEmpty)
+{
+    ASSERT_TRUE(mac.SetKey(bufferOf({0x01})) && mac.Init());
     ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
     vxBytes early; // before any Final: empty
     early.bytes = {9, 9};
     EXPECT_TRUE(mac.GetBytes(early));
     EXPECT_TRUE(early.bytes.empty());
+}
+
+// Init again reuses the key: the second message below runs without a new SetKey.
+TEST_F(vxHmacMdTest, AMessageInPiecesHasTheValueOfTheWhole)
+{
     const byteVector key = {0x01, 0x02, 0x03};
     const std::string whole = valueOf(mac, key, bytes("first,second,third"));
     ASSERT_TRUE(mac.Init());
@@ -165,14 +153,22 @@ TEST_F(vxHmacMdTest, UpdatesSetKeyPadsAndGetBytesBeforeFinal)
     }
     EXPECT_EQ(finalValue(mac), whole);
     EXPECT_EQ(whole, cliDigest(vxHashId::sha1, innerInput(key, bytes("first,second,third"))));
+}
+
+TEST_F(vxHmacMdTest, ANewKeyTakesEffectAtTheNextInit)
+{
     const byteVector oldKey = bytes("old key");
     const byteVector newKey = bytes("new key");
     const byteVector message = bytes("payload");
-    ASSERT_TRUE(mac.SetKey(wrap(oldKey)) && mac.Init() && mac.SetKey(wrap(newKey)));
-    ASSERT_TRUE(mac.Update(wrap(message)));
+    ASSERT_TRUE(mac.SetKey(bufferOf(oldKey)) && mac.Init() && mac.SetKey(bufferOf(newKey)));
+    ASSERT_TRUE(mac.Update(bufferOf(message)));
     EXPECT_EQ(finalValue(mac), cliDigest(vxHashId::sha1, innerInput(oldKey, message)));
-    ASSERT_TRUE(mac.Init() && mac.Update(wrap(message)));
+    ASSERT_TRUE(mac.Init() && mac.Update(bufferOf(message)));
     EXPECT_EQ(finalValue(mac), cliDigest(vxHashId::sha1, innerInput(newKey, message)));
+}
+
+TEST_F(vxHmacMdTest, ATextKeyIsItsBytesAndAShorterKeyShrinksThePads)
+{
     const std::string fromBytes = valueOf(mac, bytes("text key"), bytes("abc"));
     ASSERT_TRUE(mac.SetKey(std::string("text key")) && mac.Init());
     ASSERT_TRUE(mac.Update(vxtest::bytesOf("abc")));
@@ -194,22 +190,22 @@ TEST_F(vxHmacMdTest, UpdateAfterFinalFailsAndGuardedOperationsRefuseWhileLatched
     EXPECT_REFUSED(mac.Close());
     EXPECT_TRUE(mac.inner.opened) << "a refused Close leaves the digests open";
     // The unguarded operations still work.
-    EXPECT_TRUE(mac.SetKey(wrap({0x02})));
+    EXPECT_TRUE(mac.SetKey(bufferOf({0x02})));
     vxBytes value;
     EXPECT_TRUE(mac.GetBytes(value));
-    EXPECT_EQ(hexOf(value), before);
+    EXPECT_EQ(vxtest::hexOf(value), before);
 }
 
 TEST_F(vxHmacMdTest, CloseClosesBothDigestsAndOpenWithAnUnsetIdFails)
 {
     ASSERT_TRUE(mac.inner.opened && mac.outer.opened && mac.inner.storage.isopen);
-    EXPECT_TRUE(testFrame::close(mac));
+    EXPECT_TRUE(testFrame::closeChild(mac));
     EXPECT_FALSE(mac.opened || mac.inner.opened || mac.outer.opened);
     EXPECT_FALSE(mac.inner.storage.isopen || mac.outer.storage.isopen);
     EXPECT_FALSE(vxtest::latched());
     vxHashId unset; // value 0: refused by the plug-in
     vxHmacMd other;
-    EXPECT_FAILS_WITH(frame.open(other, unset), "Object Open() routine failed.");
+    EXPECT_FAILS_WITH(frame.openChild(other, unset), "Object Open() routine failed.");
     EXPECT_FALSE(other.opened);
     EXPECT_FALSE(other.inner.storage.isopen);
 }

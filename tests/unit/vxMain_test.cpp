@@ -28,7 +28,7 @@ void closeGlobalObjects()
     for (vxBase* object :
          {static_cast<vxBase*>(&vxGlobal.debug), static_cast<vxBase*>(&vxGlobal.signals)}) {
         if (object->opened) {
-            ASSERT_TRUE(vxtest::testFrame::close(*object));
+            ASSERT_TRUE(vxtest::testFrame::closeChild(*object));
         }
     }
 }
@@ -128,7 +128,7 @@ TEST_F(mainTest, LatchedFrameDoesNotRun)
     vxGlobal.stackTrace.errorLatch = true;
     EXPECT_FALSE(app.InitAndRun("tester", "1", 0, nullptr));
     EXPECT_EQ(app.seenArgc, 0);
-    EXPECT_EQ(trailMessages(), std::vector<std::string>{"Unable to continue from previous error"});
+    EXPECT_EQ(trailMessages(), std::vector<std::string>{vxtest::kRefusal});
 }
 
 TEST_F(mainTest, LoadPluginTwiceFailsInPreOpen)
@@ -146,7 +146,7 @@ TEST_F(mainTest, LoadPluginTwiceFailsInPreOpen)
     EXPECT_EQ(firstMessage().rfind("Object in incorrect state:  Expected closed, Inited: ", 0), 0U)
         << firstMessage();
     veltrix::vxBase::lvxClearLastError();
-    EXPECT_TRUE(vxtest::testFrame::close(app.api));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(app.api));
     EXPECT_EQ(cryptoRegistry, nullptr);
 }
 

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <fstream>
-#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,15 +17,6 @@ using veltrix::vxCipherId;
 using veltrix::vxHashId;
 using veltrix::vxMd;
 using vxtest::testFrame;
-
-uint32_t idOf(const std::string& algorithm)
-{
-    static const std::map<std::string, uint32_t> ids = {
-        {"md5", 1}, {"sha1", 2}, {"sha256", 3}, {"sha512", 4}, {"sha384", 5}};
-    const auto found = ids.find(algorithm);
-    EXPECT_NE(found, ids.end()) << algorithm;
-    return found == ids.end() ? 0 : found->second;
-}
 
 /** The message of a known-answer case: In repeated Repeat times. */
 std::string messageOf(const vxtest::katCase& kat)
@@ -71,10 +61,24 @@ class vxMdTest : public vxtest::vxCryptoTest
 protected:
     bool openDigest(vxHashId& id, vxMd& md, uint32_t value)
     {
-        return frame.open(id, value) && frame.open(md, id);
+        return frame.openChild(id, value) && frame.openChild(md, id);
     }
 
     static void closeDigest(vxHashId& id, vxMd& md) { testFrame::closeAll(md, id); }
+
+    /** Opens the fixture's SHA-1 digest and starts a message; closed when the case ends. */
+    bool openSha1()
+    {
+        closeAtEnd = {&sha1, &sha1Id};
+        return openDigest(sha1Id, sha1, vxHashId::sha1) && sha1.Init();
+    }
+
+    static uint32_t lengthOf(vxMd& md)
+    {
+        uint32_t size = 99;
+        EXPECT_TRUE(md.GetLength(size));
+        return size;
+    }
 
     /** Hex digest of `message` fed in pieces of at most `piece` bytes through `form`. */
     std::string digestOf(uint32_t value, const std::string& message, size_t form,
@@ -93,6 +97,9 @@ protected:
         closeDigest(id, md);
         return text;
     }
+
+    vxHashId sha1Id;
+    vxMd sha1;
 };
 
 TEST_F(vxMdTest, PublishedVectorsThroughEveryUpdateFormAndTheCoreutilsTools)
@@ -105,7 +112,9 @@ TEST_F(vxMdTest, PublishedVectorsThroughEveryUpdateFormAndTheCoreutilsTools)
         // The million-byte messages go in 1000-byte pieces; the form matters less than the total.
         const size_t piece = message.size() > 100000 ? 1000 : SIZE_MAX;
         for (const size_t form : allForms) {
-            EXPECT_EQ(digestOf(idOf(kat.algorithm), message, form, piece), expected)
+            EXPECT_EQ(
+                digestOf(vxtest::idOf(vxtest::digests(), kat.algorithm), message, form, piece),
+                expected)
                 << kat.algorithm << " In=" << kat.fields.at("In") << " form=" << form;
         }
         if (kat.algorithm == "sha256") { // the truncated digest: the first sixteen bytes
@@ -155,7 +164,7 @@ template <class Id> void expectAccepted(uint32_t old, uint32_t value, bool accep
     EXPECT_EQ(now, accepted ? value : old) << value;
 }
 
-TEST_F(vxMdTest, IdentifiersOpenFinalGetStringGetBytesAndInit)
+TEST_F(vxMdTest, IdentifiersTakeOnlyKnownValuesAndARefusedValueKeepsTheOld)
 {
     // clang-format off
     const std::pair<uint32_t, bool> hashCases[] = {{0, false}, {1, true}, {2, true}, {3, true}, {4, true}, {5, true}, {6, false}, {7, false}, {18, false}, {19, true}, {20, false}, {255, false}, {0x10003U, false}, {0xFFFFFFFFU, false}};
@@ -174,136 +183,184 @@ TEST_F(vxMdTest, IdentifiersOpenFinalGetStringGetBytesAndInit)
     value = 99;
     EXPECT_TRUE(vxCipherId().GetValue(value));
     EXPECT_EQ(value, 0U);
+}
+
+TEST_F(vxMdTest, AnUnsetIdentifierOpensNoDigestQuietly)
+{
     const vxHashId neverSet; // value 0
     vxMd md;
     EXPECT_FALSE(md.Open(neverSet));
     EXPECT_FALSE(md.storage.isopen);
-    vxBytes digest;
-    digest.bytes = {7};
+    vxBytes digest = vxtest::bufferOf({7});
     EXPECT_FALSE(md.GetBytes(digest)) << "an unopened digest is quiet too";
     EXPECT_EQ(digest.bytes, std::vector<unsigned char>{7});
     EXPECT_QUIET();
+}
+
+TEST_F(vxMdTest, OpenRefusesWhileLatched)
+{
     vxHashId id;
     ASSERT_TRUE(id.Open(vxHashId::md5));
+    vxMd md;
     vxGlobal.stackTrace.errorLatch = true;
     EXPECT_FALSE(md.Open(id));
-    EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
+    EXPECT_EQ(vxtest::firstMessage(), vxtest::kRefusal);
     EXPECT_FALSE(md.storage.isopen);
-    veltrix::vxBase::lvxClearLastError();
-    vxHashId sha1Id;
-    vxMd sha1;
-    ASSERT_TRUE(openDigest(sha1Id, sha1, vxHashId::sha1) && sha1.Init() &&
-                sha1.Update(std::string("abc")));
-    EXPECT_TRUE(sha1.storage.isopen);
+}
+
+TEST_F(vxMdTest, GetStringBeforeFinalFailsAndLeavesTheText)
+{
+    ASSERT_TRUE(openSha1() && sha1.Update(std::string("abc")));
     std::string text = "unchanged";
     EXPECT_FAILS_WITH(sha1.GetString(text), "( finalized == true )");
     EXPECT_EQ(text, "unchanged");
-    veltrix::vxBase::lvxClearLastError();
-    ASSERT_TRUE(sha1.Final());
-    vxBytes sha1Digest;
-    sha1Digest.bytes = {1, 2, 3}; // replaced, not appended to
-    EXPECT_TRUE(sha1.GetBytes(sha1Digest));
-    EXPECT_EQ(sha1Digest.bytes, vxtest::unhex("A9993E364706816ABA3E25717850C26C9CD0D89D"));
+}
+
+TEST_F(vxMdTest, GetBytesReplacesTheBufferAndUpdateAfterFinalFails)
+{
+    ASSERT_TRUE(openSha1() && sha1.Update(std::string("abc")) && sha1.Final());
+    vxBytes digest = vxtest::bufferOf({1, 2, 3});
+    EXPECT_TRUE(sha1.GetBytes(digest));
+    EXPECT_EQ(vxtest::hexOf(digest), "A9993E364706816ABA3E25717850C26C9CD0D89D");
     EXPECT_FAILS_WITH(sha1.Update(std::string("c")), "finalized == false");
-    // Latched: every guarded form refuses, and Init alone does not clear the latch.
+    // Latched: every guarded form refuses.
     for (const size_t form : allForms) {
         EXPECT_REFUSED(feed(sha1, "c", form));
     }
+    std::string text;
     EXPECT_FALSE(sha1.GetString(text));
-    veltrix::vxBase::lvxClearLastError();
-    ASSERT_TRUE(sha1.Init());
-    ASSERT_TRUE(sha1.Update(std::string("some earlier message")));
-    ASSERT_TRUE(sha1.Init()); // drops what came before
-    ASSERT_TRUE(sha1.Final());
+}
+
+TEST_F(vxMdTest, InitDropsWhatCameBefore)
+{
+    ASSERT_TRUE(openSha1() && sha1.Update(std::string("some earlier message")));
+    ASSERT_TRUE(sha1.Init() && sha1.Final());
+    std::string text;
     EXPECT_TRUE(sha1.GetString(text));
     EXPECT_EQ(text, "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+}
+
+TEST_F(vxMdTest, AClosedDigestHasNoBytes)
+{
+    ASSERT_TRUE(openSha1() && sha1.Final());
     closeDigest(sha1Id, sha1);
     EXPECT_FALSE(sha1.storage.isopen);
     EXPECT_FALSE(sha1.opened);
-    EXPECT_FALSE(sha1.GetBytes(sha1Digest)) << "closed";
-    EXPECT_FALSE(vxtest::latched());
+    vxBytes digest;
+    EXPECT_FALSE(sha1.GetBytes(digest));
+    EXPECT_QUIET();
 }
 
-TEST_F(vxMdTest, GetBytesBeforeFinalGetLengthStreamOutputTraceMdAndDumpVec)
+TEST_F(vxMdTest, GetBytesBeforeFinalHasTheDigestsSizeAndGetLengthCountsSinceInit)
 {
-    // clang-format off
-    const struct { uint32_t id; size_t size; } cases[] = {{vxHashId::md5, 16}, {vxHashId::sha1, 20}, {vxHashId::sha256, 32}, {vxHashId::sha512, 64}, {vxHashId::sha384, 48}, {vxHashId::sha256_128, 16}};
-
-    // clang-format on
-    for (const auto& c : cases) {
+    for (const auto& c : vxtest::kDigestSizes) {
+        SCOPED_TRACE(c.id);
         vxHashId id;
         vxMd md;
-        ASSERT_TRUE(openDigest(id, md, c.id));
-        ASSERT_TRUE(md.Init());
-        uint32_t size = 99;
-        EXPECT_TRUE(md.GetLength(size));
-        EXPECT_EQ(size, 0U);
+        ASSERT_TRUE(openDigest(id, md, c.id) && md.Init());
+        EXPECT_EQ(lengthOf(md), 0U);
         ASSERT_TRUE(md.Update("abc", 3));
         vxBytes digest;
         EXPECT_TRUE(md.GetBytes(digest)) << "before Final";
-        EXPECT_EQ(digest.bytes.size(), c.size) << c.id;
+        EXPECT_EQ(digest.bytes.size(), c.size);
         ASSERT_TRUE(md.Update(vxtest::bytesOf("defgh")));
-        EXPECT_TRUE(md.GetLength(size));
-        EXPECT_EQ(size, 8U) << c.id;
+        EXPECT_EQ(lengthOf(md), 8U);
         ASSERT_TRUE(md.Final());
-        EXPECT_TRUE(md.GetLength(size));
-        EXPECT_EQ(size, 8U);
+        EXPECT_EQ(lengthOf(md), 8U);
         ASSERT_TRUE(md.Init()); // a new message starts from zero
-        EXPECT_TRUE(md.GetLength(size));
-        EXPECT_EQ(size, 0U);
+        EXPECT_EQ(lengthOf(md), 0U);
         closeDigest(id, md);
     }
     EXPECT_FALSE(vxtest::latched());
-    vxHashId streamId;
-    vxMd streamed;
-    ASSERT_TRUE(openDigest(streamId, streamed, vxHashId::md5));
-    ASSERT_TRUE(streamed.Init());
-    ASSERT_TRUE(streamed.Update(std::string("message digest")));
-    ASSERT_TRUE(streamed.Final());
+}
+
+TEST_F(vxMdTest, AStreamGetsTheHexDigestAndTheDigestCanBeWrittenAgain)
+{
+    vxHashId id;
+    vxMd md;
+    ASSERT_TRUE(openDigest(id, md, vxHashId::md5) && md.Init() &&
+                md.Update(std::string("message digest")) && md.Final());
     std::ostringstream out;
-    out << streamed << streamed; // the original is untouched and can be written again
+    out << md << md;
     EXPECT_EQ(out.str(), "F96B697D7CB7938D525A2F31AAF161D0F96B697D7CB7938D525A2F31AAF161D0");
     EXPECT_FALSE(vxtest::latched());
-    ASSERT_TRUE(streamed.Init());
+    closeDigest(id, md);
+}
+
+TEST_F(vxMdTest, AnUnfinishedDigestWritesAProtocolErrorAndLatches)
+{
+    ASSERT_TRUE(openSha1());
     std::ostringstream unfinished;
-    unfinished << streamed;
+    unfinished << sha1;
     EXPECT_EQ(unfinished.str(), "Object protocol error");
-    // The failed GetString is an ordinary failure: recorded and latched.
     EXPECT_TRUE(vxtest::latched());
     EXPECT_EQ(vxtest::firstMessage(), "( finalized == true )");
-    veltrix::vxBase::lvxClearLastError();
-    closeDigest(streamId, streamed);
+}
+
+/** The process's debug object, closed and unlinked from the case's frame when the case ends. */
+class vxMdTraceTest : public vxMdTest
+{
+protected:
+    void TearDown() override
+    {
+        veltrix::vxBase::lvxClearLastError();
+        if (vxGlobal.debug.opened) {
+            EXPECT_TRUE(testFrame::closeChild(vxGlobal.debug));
+        }
+        // A closed object keeps its links; the frame goes at the end of the case, so that a later
+        // case does not walk to a frame that no longer exists.
+        vxGlobal.debug.parent = nullptr;
+        vxGlobal.debug.depth = 0;
+        vxMdTest::TearDown();
+    }
+
+    /** What `action` writes on standard error. */
+    template <class Action> static std::string stderrOf(const Action& action)
+    {
+        testing::internal::CaptureStderr();
+        action();
+        return testing::internal::GetCapturedStderr();
+    }
+};
+
+TEST_F(vxMdTraceTest, TraceMdFailsOnAClosedDebugObjectWritingNothing)
+{
     ASSERT_FALSE(vxGlobal.debug.opened);
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+    EXPECT_EQ(stderrOf([] {
+                  EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+              }),
+              "");
     EXPECT_TRUE(vxtest::latched());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    veltrix::vxBase::lvxClearLastError();
-    ASSERT_TRUE(frame.open(vxGlobal.debug));
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "block %d of %s", 7, "key"))
-        << vxtest::dumpTrail();
-    std::string written = testing::internal::GetCapturedStderr();
+}
+
+TEST_F(vxMdTraceTest, TraceMdWritesOneLineEndingInTheMd5OfTheData)
+{
+    ASSERT_TRUE(frame.openChild(vxGlobal.debug));
+    std::string written = stderrOf([] {
+        EXPECT_TRUE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "block %d of %s", 7, "key"))
+            << vxtest::dumpTrail();
+    });
     EXPECT_TRUE(endsWith(written, "block 7 of key : 900150983CD24FB0D6963F7D28E17F72\n"))
         << written;
     EXPECT_EQ(written.find('\n'), written.size() - 1) << "one line";
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(vxGlobal.debug.TraceMd(vxBytes(), "empty"));
-    written = testing::internal::GetCapturedStderr();
+    written = stderrOf([] { EXPECT_TRUE(vxGlobal.debug.TraceMd(vxBytes(), "empty")); });
     EXPECT_TRUE(endsWith(written, "empty : D41D8CD98F00B204E9800998ECF8427E\n")) << written;
     EXPECT_FALSE(vxtest::latched());
-    vxGlobal.stackTrace.errorLatch = true;
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_EQ(vxtest::firstMessage(), "Unable to continue from previous error");
-    veltrix::vxBase::lvxClearLastError();
-    EXPECT_TRUE(testFrame::close(vxGlobal.debug));
-    // A closed object keeps its links; unlink it from this case's frame, which goes at the end of
-    // the case, so that a later case does not walk to a frame that no longer exists.
-    vxGlobal.debug.parent = nullptr;
-    vxGlobal.debug.depth = 0;
+}
 
+TEST_F(vxMdTraceTest, TraceMdRefusesWhileLatchedWritingNothing)
+{
+    ASSERT_TRUE(frame.openChild(vxGlobal.debug));
+    vxGlobal.stackTrace.errorLatch = true;
+    EXPECT_EQ(stderrOf([] {
+                  EXPECT_FALSE(vxGlobal.debug.TraceMd(vxtest::bytesOf("abc"), "never written"));
+              }),
+              "");
+    EXPECT_EQ(vxtest::firstMessage(), vxtest::kRefusal);
+}
+
+TEST(vxDebug, DumpVecPrintsEachByteInLowerCaseHexWithoutLeadingZeros)
+{
     // clang-format off
     const struct { std::vector<unsigned char> data; const char* printed; } dumps[] = {{{0x0A, 0xFF, 0x00}, "a ff 0 \n"}, {{}, "\n"}, {{0x10, 0x01, 0xAB}, "10 1 ab \n"}};
 

@@ -3,20 +3,17 @@
 
 #include "vxNetAuth.h"
 
+#include "vxLoopback.h"
 #include "vxNetSocket.h"
-#include "vxTest.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <initializer_list>
 #include <string>
 
 namespace {
 
 using veltrix::vxBytes;
 using veltrix::vxNetPSKChallengeResponse;
-using vxtest::testFrame;
 
 class vxNetAuthTest : public vxtest::vxCryptoTest
 {
@@ -24,29 +21,14 @@ protected:
     void SetUp() override
     {
         vxtest::vxCryptoTest::SetUp();
-        int fds[2] = {-1, -1};
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        ASSERT_TRUE(frame.open(cipher, 2U) && frame.open(serverPlain, true) &&
-                    frame.open(clientPlain, false));
-        serverPlain.sockFd = fds[0];
-        clientPlain.sockFd = fds[1];
-    }
-
-    void TearDown() override
-    {
-        veltrix::vxBase::lvxClearLastError();
-        for (veltrix::vxBase* object : std::initializer_list<veltrix::vxBase*>{
-                 &server, &client, &serverPlain, &clientPlain, &cipher}) {
-            if (object->opened) {
-                testFrame::closeExpected(*object);
-            }
-        }
-        vxtest::vxCryptoTest::TearDown();
+        closeAtEnd = {&server, &client, &serverPlain, &clientPlain, &cipher};
+        ASSERT_TRUE(frame.openChild(cipher, 2U) &&
+                    vxtest::openOnSocketPair(frame, serverPlain, clientPlain));
     }
 
     bool openBoth(const std::string& serverSecret, const std::string& clientSecret)
     {
-        return frame.open(server, cipher, true) && frame.open(client, cipher, false) &&
+        return frame.openChild(server, cipher, true) && frame.openChild(client, cipher, false) &&
                server.SetSecret(vxtest::bytesOf(serverSecret)) &&
                client.SetSecret(vxtest::bytesOf(clientSecret));
     }
@@ -60,7 +42,7 @@ protected:
 
 TEST_F(vxNetAuthTest, TheSecretAccumulatesAndItsDigestCoversAll)
 {
-    ASSERT_TRUE(frame.open(server, cipher, true));
+    ASSERT_TRUE(frame.openChild(server, cipher, true));
     ASSERT_TRUE(server.SetSecret(vxtest::bytesOf("a")) && server.SetSecret(vxtest::bytesOf("bc")));
     EXPECT_EQ(server.secret.bytes, vxtest::bytesOf("abc").bytes);
     // MD5("abc"), RFC 1321 appendix A.5: the default digest.
@@ -69,7 +51,7 @@ TEST_F(vxNetAuthTest, TheSecretAccumulatesAndItsDigestCoversAll)
 
 TEST_F(vxNetAuthTest, ChallengesFromThePeerGoToThePeerPoolAtEitherEnd)
 {
-    ASSERT_TRUE(frame.open(server, cipher, true) && frame.open(client, cipher, false));
+    ASSERT_TRUE(frame.openChild(server, cipher, true) && frame.openChild(client, cipher, false));
     for (vxNetPSKChallengeResponse* end : {&server, &client}) {
         EXPECT_TRUE(end->UpdateEntropyPool(true, vxtest::bytesOf("p")));
         EXPECT_TRUE(end->UpdateEntropyPool(false, vxtest::bytesOf("l")));

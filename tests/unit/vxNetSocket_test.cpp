@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <initializer_list>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -28,14 +27,8 @@ namespace {
 
 using veltrix::vxBytes;
 using veltrix::vxNetSocket;
+using vxtest::filled;
 using vxtest::testFrame;
-
-vxBytes filled(size_t size, unsigned char value)
-{
-    vxBytes out;
-    out.bytes.assign(size, value);
-    return out;
-}
 
 /** A socket opened on one end of a socket pair; `peer` is the other end's descriptor. */
 class vxNetSocketTest : public vxtest::vxTest
@@ -46,21 +39,18 @@ protected:
         vxtest::vxTest::SetUp();
         int fds[2] = {-1, -1};
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        ASSERT_TRUE(frame.open(socket, true));
+        ASSERT_TRUE(frame.openChild(socket, true));
         socket.sockFd = fds[0];
         peer = fds[1];
+        closeAtEnd = {&socket};
     }
 
     void TearDown() override
     {
-        veltrix::vxBase::lvxClearLastError();
-        if (socket.opened) {
-            testFrame::closeExpected(socket);
-        }
+        vxtest::vxTest::TearDown();
         if (peer != -1) {
             (void)close(peer);
         }
-        vxtest::vxTest::TearDown();
     }
 
     void peerWrites(const vxBytes& data)
@@ -161,9 +151,9 @@ TEST_F(vxNetSocketTest, OperationsNeedAnOpenSocketAndCloseReleasesTheDescriptor)
     EXPECT_EQ(socket.packetBuffer, nullptr);
     EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "closed";
     vxBytes got;
-    EXPECT_FAILS_WITH(socket.RecvPlaintext(1, got), "Object in incorrect state:  Expected open. ");
+    EXPECT_FAILS_WITH(socket.RecvPlaintext(1, got), vxtest::kExpectedOpen);
     veltrix::vxBase::lvxClearLastError();
-    EXPECT_FAILS_WITH(socket.SendPlaintext(got), "Object in incorrect state:  Expected open. ");
+    EXPECT_FAILS_WITH(socket.SendPlaintext(got), vxtest::kExpectedOpen);
 }
 
 TEST_F(vxNetSocketThreadTest, AByteInTheWakeUpPipeReleasesABlockedReceive)
@@ -193,15 +183,10 @@ TEST_F(vxNetSocketThreadTest, AByteInTheWakeUpPipeReleasesABlockedReceive)
 class vxNetSocketSetupTest : public vxtest::vxTest
 {
 protected:
-    void TearDown() override
+    void SetUp() override
     {
-        veltrix::vxBase::lvxClearLastError();
-        for (vxNetSocket* end : {&fresh, &other}) {
-            if (end->opened) {
-                testFrame::closeExpected(*end);
-            }
-        }
-        vxtest::vxTest::TearDown();
+        vxtest::vxTest::SetUp();
+        closeAtEnd = {&fresh, &other};
     }
 
     vxNetSocket fresh;
@@ -228,7 +213,7 @@ TEST_F(vxNetSocketSetupTest, OnlyANumericAddressResolvesAndOnlyAfterThePort)
 
 TEST_F(vxNetSocketSetupTest, SystemCallFailuresCarryTheirErrnoText)
 {
-    ASSERT_TRUE(frame.open(fresh, false));
+    ASSERT_TRUE(frame.openChild(fresh, false));
     EXPECT_FAILS_WITH(fresh.Connect(), "Address is not set.");
     veltrix::vxBase::lvxClearLastError();
     EXPECT_FAILS_WITH(fresh.setSockOpt(SO_KEEPALIVE, true),
@@ -236,7 +221,8 @@ TEST_F(vxNetSocketSetupTest, SystemCallFailuresCarryTheirErrnoText)
     veltrix::vxBase::lvxClearLastError();
 
     // A bound but not listening socket holds a port nobody answers on.
-    ASSERT_TRUE(frame.open(other, true) && other.setPort("0") && other.setAddress("127.0.0.1"));
+    ASSERT_TRUE(frame.openChild(other, true) && other.setPort("0") &&
+                other.setAddress("127.0.0.1"));
     other.sockFd = ::socket(AF_INET, SOCK_STREAM, 0);
     ASSERT_EQ(bind(other.sockFd, other.aitop->ai_addr, other.aitop->ai_addrlen), 0);
     const std::string closedPort = vxtest::boundPort(other.sockFd);
@@ -246,7 +232,7 @@ TEST_F(vxNetSocketSetupTest, SystemCallFailuresCarryTheirErrnoText)
     testFrame::closeExpected(fresh);
 
     // Two listeners on one port: the second bind fails.
-    ASSERT_TRUE(frame.open(fresh, true) && fresh.setPort(closedPort) &&
+    ASSERT_TRUE(frame.openChild(fresh, true) && fresh.setPort(closedPort) &&
                 fresh.setAddress("127.0.0.1"));
     ASSERT_EQ(listen(other.sockFd, 1), 0);
     EXPECT_FAILS_WITH(fresh.BindAndListen(), std::string("bind() failed: ") + strerror(EADDRINUSE));
@@ -254,7 +240,7 @@ TEST_F(vxNetSocketSetupTest, SystemCallFailuresCarryTheirErrnoText)
 
 TEST_F(vxNetSocketSetupTest, BindingNeedsAPortAndAnAddress)
 {
-    ASSERT_TRUE(frame.open(fresh, true));
+    ASSERT_TRUE(frame.openChild(fresh, true));
     EXPECT_FAILS_WITH(fresh.BindAndListen(), "Port is not set.");
     veltrix::vxBase::lvxClearLastError();
     ASSERT_TRUE(fresh.setPort("0"));
@@ -263,8 +249,9 @@ TEST_F(vxNetSocketSetupTest, BindingNeedsAPortAndAnAddress)
 
 TEST_F(vxNetSocketSetupTest, AcceptWithNothingPendingIsQuietAndTheNodeNameIsDottedDecimal)
 {
-    ASSERT_TRUE(frame.open(fresh, true) && fresh.setPort("0") && fresh.setAddress("127.0.0.1") &&
-                fresh.BindAndListen() && frame.open(other, true));
+    ASSERT_TRUE(frame.openChild(fresh, true) && fresh.setPort("0") &&
+                fresh.setAddress("127.0.0.1") && fresh.BindAndListen() &&
+                frame.openChild(other, true));
     EXPECT_FALSE(fresh.Accept(other));
     EXPECT_QUIET();
     EXPECT_EQ(other.sockFd, -1);
@@ -283,8 +270,9 @@ TEST_F(vxNetSocketSetupTest, AcceptWithNothingPendingIsQuietAndTheNodeNameIsDott
 
 TEST_F(vxNetSocketSetupTest, TheDumpWritesEveryFieldOnItsOwnLine)
 {
-    ASSERT_TRUE(frame.open(fresh, true) && fresh.setPort("4000") && fresh.setAddress("10.0.0.7") &&
-                fresh.setSecret("s3") && fresh.setKeyExchangeMode(2));
+    ASSERT_TRUE(frame.openChild(fresh, true) && fresh.setPort("4000") &&
+                fresh.setAddress("10.0.0.7") && fresh.setSecret("s3") &&
+                fresh.setKeyExchangeMode(2));
     std::cout << std::boolalpha << std::hex; // the caller's stream flags change nothing
     testing::internal::CaptureStdout();
     EXPECT_TRUE(fresh.dumpSocketInfo());
@@ -300,7 +288,7 @@ TEST_F(vxNetSocketSetupTest, TheDumpWritesEveryFieldOnItsOwnLine)
 TEST_F(vxNetSocketSetupTest, AKeptOptionIsACopyAppliedLater)
 {
     veltrix::vxNetSockoptProperties option;
-    ASSERT_TRUE(frame.open(option));
+    ASSERT_TRUE(frame.openChild(option));
     int on = 1;
     ASSERT_TRUE(option.Set(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
     on = 0; // the option holds its own copy
@@ -325,34 +313,17 @@ protected:
     void SetUp() override
     {
         vxtest::vxCryptoTest::SetUp();
-        int fds[2] = {-1, -1};
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        ASSERT_TRUE(frame.open(serverPlain, true) && frame.open(clientPlain, false));
-        serverPlain.sockFd = fds[0];
-        clientPlain.sockFd = fds[1];
-    }
-
-    void TearDown() override
-    {
-        veltrix::vxBase::lvxClearLastError();
-        for (veltrix::vxBase* end : std::initializer_list<veltrix::vxBase*>{
-                 &serverEnd, &clientEnd, &serverPlain, &clientPlain}) {
-            if (end->opened) {
-                testFrame::closeExpected(*end);
-            }
-        }
-        vxtest::vxCryptoTest::TearDown();
+        closeAtEnd = {&serverEnd, &clientEnd, &serverPlain, &clientPlain};
+        ASSERT_TRUE(vxtest::openOnSocketPair(frame, serverPlain, clientPlain));
     }
 
     bool openBoth(const std::string& cipher)
     {
-        vxBytes seed0;
-        vxBytes seed1;
-        seed0.bytes.assign(16, 0x11);
-        seed1.bytes.assign(16, 0x22);
-        return frame.open(serverEnd, cipher, &serverPlain) &&
-               frame.open(clientEnd, cipher, &clientPlain) && serverEnd.keys.ReSeed(seed0, seed1) &&
-               clientEnd.keys.ReSeed(seed0, seed1);
+        const vxBytes seed0 = filled(16, 0x11);
+        const vxBytes seed1 = filled(16, 0x22);
+        return frame.openChild(serverEnd, cipher, &serverPlain) &&
+               frame.openChild(clientEnd, cipher, &clientPlain) &&
+               serverEnd.keys.ReSeed(seed0, seed1) && clientEnd.keys.ReSeed(seed0, seed1);
     }
 
     vxNetSocket serverPlain;
@@ -377,14 +348,14 @@ TEST_F(vxNetEncryptedSocketTest, ModeNamesMapToTheirNumbersAndUnknownNamesAreQui
     // An encrypted socket's ciphers cannot be opened twice: one object per opening.
     for (const modeCase& mode : known) {
         veltrix::vxNetEncryptedSocket channel;
-        ASSERT_TRUE(frame.open(channel, mode.cipher, mode.hash, &serverPlain))
+        ASSERT_TRUE(frame.openChild(channel, mode.cipher, mode.hash, &serverPlain))
             << mode.hash << vxtest::dumpTrail();
         uint32_t number = 0;
         EXPECT_TRUE(channel.cipherId.GetValue(number) && number == mode.cipherNumber);
         EXPECT_TRUE(channel.hashId.GetValue(number) && number == mode.hashNumber);
         testFrame::closeExpected(channel);
     }
-    ASSERT_TRUE(frame.open(serverEnd, "aes192", &serverPlain));
+    ASSERT_TRUE(frame.openChild(serverEnd, "aes192", &serverPlain));
     uint32_t number = 0;
     EXPECT_TRUE(serverEnd.hashId.GetValue(number) && number == 1) << "md5 by default";
     EXPECT_QUIET();

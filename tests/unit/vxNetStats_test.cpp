@@ -25,16 +25,8 @@ protected:
     void SetUp() override
     {
         vxtest::vxTest::SetUp();
-        ASSERT_TRUE(frame.open(stats));
-    }
-
-    void TearDown() override
-    {
-        veltrix::vxBase::lvxClearLastError();
-        if (stats.opened) {
-            testFrame::closeExpected(stats);
-        }
-        vxtest::vxTest::TearDown();
+        ASSERT_TRUE(frame.openChild(stats));
+        closeAtEnd = {&stats};
     }
 
     vxNetProtocolStats stats;
@@ -51,7 +43,7 @@ TEST_F(vxNetStatsTest, ACounterRestartsAtTheLimitOneLargestPacketBelowTwoToThe32
         {0, 0, 0, 0}};
     for (const auto& [before, added, after, wraps] : cases) {
         vxNetProtocolStatsCounter counter;
-        ASSERT_TRUE(frame.open(counter));
+        ASSERT_TRUE(frame.openChild(counter));
         counter.value = before;
         ASSERT_TRUE(counter.Update(added));
         uint32_t value = 0;
@@ -113,12 +105,12 @@ TEST_F(vxNetStatsTest, DisplayWritesTheCountersAsATableAndLeavesTheStreamAsItWas
 TEST_F(vxNetStatsTest, CountersRefuseBeforeOpenAfterCloseAndWhileLatched)
 {
     vxNetProtocolStatsCounter counter;
-    EXPECT_FAILS_WITH(counter.Update(1), "Object in incorrect state:  Expected open. ");
+    EXPECT_FAILS_WITH(counter.Update(1), vxtest::kExpectedOpen);
     veltrix::vxBase::lvxClearLastError();
     testFrame::closeExpected(stats);
-    EXPECT_FAILS_WITH(stats.UpdateRecvStats(1), "Object in incorrect state:  Expected open. ");
+    EXPECT_FAILS_WITH(stats.UpdateRecvStats(1), vxtest::kExpectedOpen);
     veltrix::vxBase::lvxClearLastError();
-    ASSERT_TRUE(frame.open(stats));
+    ASSERT_TRUE(frame.openChild(stats));
     vxtest::latchByFailure();
     EXPECT_REFUSED(stats.Display());
     EXPECT_REFUSED(stats.NeedReKey());

@@ -39,9 +39,6 @@ const std::string fixedD =
     "5BD6A5968DD1DD984C1E022A186DD11A48769CBF5B5EFC70A99DA87DB40C4E1D6F6B03F0C6C6A403CC477E27E02657"
     "FA7C6E570FC6B9A1FEE0D09DB7A2802154ABCEFF94F94424F4F01E46997263E5AA01";
 
-const char* const refused = "Unable to continue from previous error";
-const char* const notOpen = "storage.isopen == true";
-
 /** The fingerprint of a modulus text: the first 32 digest bytes as hex pairs joined by ":". */
 std::string fingerprintOf(const std::string& modulus, const std::string& tool = "sha256sum")
 {
@@ -131,7 +128,7 @@ protected:
     /** Opens `key` and loads the fixed key, or only its public half. */
     bool openFixed(vxRsa& key, bool withPrivate = true)
     {
-        return frame.open(key) &&
+        return frame.openChild(key) &&
                key.MakeKeyFromExps(fixedN, fixedE, withPrivate ? fixedP : "",
                                    withPrivate ? fixedQ : "", withPrivate ? fixedD : "");
     }
@@ -139,7 +136,7 @@ protected:
     /** Opens `key` and `copy` and makes `copy` the public half of the fixed key. */
     bool openFixedPair(vxRsa& key, vxRsa& copy)
     {
-        return openFixed(key) && frame.open(copy) && key.SpawnPublicCopy(copy);
+        return openFixed(key) && frame.openChild(copy) && key.SpawnPublicCopy(copy);
     }
 
     static keyNumbers numbersOf(vxRsa& key)
@@ -159,53 +156,72 @@ protected:
     vxtest::tempDir dir;
 };
 
-TEST_F(vxRsaTest, LifeCycleUnopenedKeysAndKeyFileErrors)
+TEST_F(vxRsaTest, WithoutAKeyTheFingerprintIsTheDeadCodeOpenOrNot)
 {
-    vxRsa key;
-    vxRsa target;
     std::string deadCode = "de:ad:c0:de";
     for (int i = 1; i < 8; ++i) {
         deadCode += ":de:ad:c0:de";
     }
-    EXPECT_EQ(fingerprintOf(target), deadCode);
-    ASSERT_TRUE(frame.open(target));
-    EXPECT_EQ(fingerprintOf(target), deadCode) << "opening makes no key";
-    EXPECT_FAILS_WITH(target.Open(), "storage.isopen == false");
+    vxRsa key;
+    EXPECT_EQ(fingerprintOf(key), deadCode);
+    ASSERT_TRUE(frame.openChild(key));
+    EXPECT_EQ(fingerprintOf(key), deadCode) << "opening makes no key";
+    EXPECT_FAILS_WITH(key.Open(), "storage.isopen == false");
     veltrix::vxBase::lvxClearLastError();
+    testFrame::closeAll(key);
+}
+
+TEST_F(vxRsaTest, AnUnopenedKeyFailsSomeOperationsAndTheOthersQuietly)
+{
+    vxRsa key;
     std::string n, e, p, q, d;
     for (const std::function<bool()>& op : std::vector<std::function<bool()>>{
              [&] { return key.GeneratePrivate(1024); }, [&] { return key.BlindingOff(); },
              [&] { return key.GetExponents(n, e, p, q, d); },
              [&] { return key.WriteKeyToDisk(dir.path("never.key")); }}) {
-        EXPECT_FAILS_WITH(op(), notOpen);
+        EXPECT_FAILS_WITH(op(), "storage.isopen == true");
         veltrix::vxBase::lvxClearLastError();
     }
-    uint32_t size = 7; // the others fail quietly
+    uint32_t size = 7;
     EXPECT_FALSE(key.GetKeySize(size));
     EXPECT_EQ(size, 7U);
+    vxRsa target;
     EXPECT_FALSE(key.SpawnPublicCopy(target) || key.IsPublic() || key.IsPrivate() ||
                  key.KeyCheck() || key.BlindingOn());
     EXPECT_QUIET();
-    testFrame::closeAll(target);
-    vxRsa other;
+}
+
+TEST_F(vxRsaTest, OpenRefusesWhileLatched)
+{
+    vxRsa key;
     vxGlobal.stackTrace.errorLatch = true;
-    EXPECT_FALSE(other.Open());
-    EXPECT_EQ(vxtest::firstMessage(), refused);
-    EXPECT_FALSE(other.storage.isopen);
-    veltrix::vxBase::lvxClearLastError();
+    EXPECT_FALSE(key.Open());
+    EXPECT_EQ(vxtest::firstMessage(), vxtest::kRefusal);
+    EXPECT_FALSE(key.storage.isopen);
+}
+
+TEST_F(vxRsaTest, WritingToAMissingDirectoryFailsQuietlyAndWhileLatchedWritesNothing)
+{
     vxRsa fixed;
     ASSERT_TRUE(openFixed(fixed));
     EXPECT_FALSE(fixed.WriteKeyToDisk(dir.path("no-such-dir/key")));
     EXPECT_QUIET();
     vxGlobal.stackTrace.errorLatch = true;
     EXPECT_FALSE(fixed.WriteKeyToDisk(dir.path("latched.key")));
-    EXPECT_EQ(vxtest::firstMessage(), refused);
+    EXPECT_EQ(vxtest::firstMessage(), vxtest::kRefusal);
     EXPECT_EQ(vxtest::readFile(dir.path("latched.key")), "") << "nothing written";
     veltrix::vxBase::lvxClearLastError();
+    testFrame::closeAll(fixed);
+}
+
+TEST_F(vxRsaTest, AMissingKeyFileIsNamedAndWhileLatchedOnlyRefused)
+{
+    vxRsa fixed;
+    ASSERT_TRUE(openFixed(fixed));
     const std::string path = dir.path("no-such.key");
     EXPECT_FAILS_WITH(fixed.ReadKeyFromDisk(path), "Unable to locate key: " + path);
     EXPECT_EQ(vxtest::trailMessages().size(), 1U);
-    EXPECT_REFUSED(fixed.ReadKeyFromDisk(path)); // while latched, only the refusal
+    EXPECT_REFUSED(fixed.ReadKeyFromDisk(path));
     veltrix::vxBase::lvxClearLastError();
     testFrame::closeAll(fixed);
 }
@@ -214,7 +230,7 @@ TEST_F(vxRsaTest, GeneratePrivate2048RoundTripAnd4096TakesItsFingerprintFromSha5
 {
     vxRsa key;
     vxRsa loaded;
-    ASSERT_TRUE(frame.open(key) && frame.open(loaded));
+    ASSERT_TRUE(frame.openChild(key) && frame.openChild(loaded));
     ASSERT_TRUE(key.GeneratePrivate(2048)) << vxtest::dumpTrail();
     uint32_t size = 0;
     EXPECT_TRUE(key.GetKeySize(size));
@@ -234,7 +250,7 @@ TEST_F(vxRsaTest, GeneratePrivate2048RoundTripAnd4096TakesItsFingerprintFromSha5
     EXPECT_EQ(numbersOf(loaded).all(), numbers.all());
     testFrame::closeAll(key, loaded);
     vxRsa big;
-    ASSERT_TRUE(frame.open(big));
+    ASSERT_TRUE(frame.openChild(big));
     ASSERT_TRUE(big.GeneratePrivate(4096)) << vxtest::dumpTrail();
     uint32_t bigSize = 0;
     EXPECT_TRUE(big.GetKeySize(bigSize));
@@ -256,7 +272,7 @@ TEST_F(vxRsaTest, MakeKeyFromExpsAndSpawnPublicCopy)
     vxRsa copy;
     vxRsa second;
     ASSERT_TRUE(openFixed(key) && openFixed(publicKey, false));
-    ASSERT_TRUE(frame.open(copy) && frame.open(second));
+    ASSERT_TRUE(frame.openChild(copy) && frame.openChild(second));
     EXPECT_TRUE(key.IsPrivate() && key.KeyCheck());
     EXPECT_EQ(numbersOf(key).all(), fixedKey.all());
     EXPECT_EQ(fingerprintOf(key), ::fingerprintOf(fixedN));
@@ -275,7 +291,7 @@ TEST_F(vxRsaTest, MakeKeyFromExpsAndSpawnPublicCopy)
     EXPECT_FALSE(second.IsPublic());
     testFrame::closeAll(key, publicKey, copy, second);
     vxRsa bad;
-    ASSERT_TRUE(frame.open(bad));
+    ASSERT_TRUE(frame.openChild(bad));
     EXPECT_FAILS_WITH(bad.MakeKeyFromExps("XYZ", fixedE, "", "", ""),
                       "Boolean return value failed.");
     EXPECT_REFUSED(bad.MakeKeyFromExps(fixedN, fixedE, "", "", ""));
@@ -283,7 +299,7 @@ TEST_F(vxRsaTest, MakeKeyFromExpsAndSpawnPublicCopy)
     testFrame::closeAll(bad);
 }
 
-TEST_F(vxRsaTest, EncryptionSignaturesAndBlinding)
+TEST_F(vxRsaTest, ThePublicHalfEncryptsForThePrivateKeyWithinTheOaepBound)
 {
     vxRsa key;
     vxRsa copy;
@@ -303,6 +319,14 @@ TEST_F(vxRsaTest, EncryptionSignaturesAndBlinding)
     const byteVector tooLong(87, 0x41);
     EXPECT_FALSE(key.PublicEncrypt(87, tooLong.data(), cipher.data()));
     EXPECT_FALSE(vxtest::latched()) << "encryption failures are not recorded";
+    testFrame::closeAll(key, copy);
+}
+
+TEST_F(vxRsaTest, SignaturesAreDeterministicAndAnyChangeFailsTheirCheck)
+{
+    vxRsa key;
+    vxRsa copy;
+    ASSERT_TRUE(openFixedPair(key, copy));
     const vxBytes message = vxtest::bytesOf("a message to sign");
     vxBytes signature;
     vxBytes again;
@@ -322,6 +346,15 @@ TEST_F(vxRsaTest, EncryptionSignaturesAndBlinding)
     EXPECT_FAILS_WITH(key.Verify(vxtest::bytesOf("another message"), signature),
                       "Boolean return value failed.");
     veltrix::vxBase::lvxClearLastError();
+    testFrame::closeAll(key, copy);
+}
+
+TEST_F(vxRsaTest, BlindingChangesNoSignatureAndOnlyBlindingOffIsGuarded)
+{
+    vxRsa key;
+    ASSERT_TRUE(openFixed(key));
+    vxBytes signature;
+    vxBytes again;
     EXPECT_TRUE(key.BlindingOff());
     ASSERT_TRUE(key.Sign(vxtest::bytesOf("m"), signature));
     EXPECT_TRUE(key.BlindingOn());
@@ -331,9 +364,9 @@ TEST_F(vxRsaTest, EncryptionSignaturesAndBlinding)
     vxGlobal.stackTrace.errorLatch = true;
     EXPECT_TRUE(key.BlindingOn()) << "BlindingOn has no guard";
     EXPECT_FALSE(key.BlindingOff());
-    EXPECT_EQ(vxtest::firstMessage(), refused);
+    EXPECT_EQ(vxtest::firstMessage(), vxtest::kRefusal);
     veltrix::vxBase::lvxClearLastError();
-    testFrame::closeAll(key, copy);
+    testFrame::closeAll(key);
 }
 
 TEST_F(vxRsaTest, InteroperatesWithTheOpensslCommandLine)
@@ -347,7 +380,7 @@ TEST_F(vxRsaTest, InteroperatesWithTheOpensslCommandLine)
     ASSERT_EQ(numbers.n.size(), 512U);
     vxRsa key;
     vxRsa copy;
-    ASSERT_TRUE(frame.open(key) && frame.open(copy));
+    ASSERT_TRUE(frame.openChild(key) && frame.openChild(copy));
     ASSERT_TRUE(key.MakeKeyFromExps(numbers.n, numbers.e, numbers.p, numbers.q, numbers.d))
         << vxtest::dumpTrail();
     ASSERT_TRUE(key.SpawnPublicCopy(copy));
@@ -402,7 +435,7 @@ TEST_F(vxRsaTest, KeyFilesAreExactlyTheDocumentedTextRoundTripAndWrapAtEighty)
     vxRsa key;
     vxRsa copy;
     vxRsa loaded;
-    ASSERT_TRUE(openFixedPair(key, copy) && frame.open(loaded));
+    ASSERT_TRUE(openFixedPair(key, copy) && frame.openChild(loaded));
     ASSERT_TRUE(copy.WriteKeyToDisk(dir.path("public.key")));
     EXPECT_EQ(vxtest::readFile(dir.path("public.key")),
               keyFileText("1024 BIT PUBLIC", ::fingerprintOf(fixedN),
@@ -414,7 +447,7 @@ TEST_F(vxRsaTest, KeyFilesAreExactlyTheDocumentedTextRoundTripAndWrapAtEighty)
     // A 144-bit key: "N: " + 36 digits + "\n" and "E: 010001\n" are 100 hex digits, 80 + 20.
     const std::string smallN = "C3F2D063ACA63101ADB11F2F5DB52DCDF82B";
     vxRsa small;
-    ASSERT_TRUE(frame.open(small));
+    ASSERT_TRUE(frame.openChild(small));
     ASSERT_TRUE(small.MakeKeyFromExps(smallN, fixedE, "", "", "")) << vxtest::dumpTrail();
     ASSERT_TRUE(small.WriteKeyToDisk(dir.path("small.key")));
     EXPECT_EQ(vxtest::readFile(dir.path("small.key")),
@@ -488,7 +521,7 @@ TEST_F(vxRsaTest, ReaderRulesLeadingSpacesAndBodyLineWithoutAWord)
     for (const auto& c : cases) {
         vxtest::writeFile(dir.path("rules.key"), c.file);
         vxRsa key;
-        ASSERT_TRUE(frame.open(key));
+        ASSERT_TRUE(frame.openChild(key));
         EXPECT_TRUE(key.ReadKeyFromDisk(dir.path("rules.key"))) << c.what << "\n"
                                                                 << vxtest::dumpTrail();
         EXPECT_EQ(key.IsPrivate(), c.isPrivate) << c.what;
@@ -514,7 +547,7 @@ TEST_F(vxRsaTest, ReaderRulesLeadingSpacesAndBodyLineWithoutAWord)
         file.insert(c.at, c.spaces);
         vxtest::writeFile(dir.path("spoilt.key"), file);
         vxRsa key;
-        ASSERT_TRUE(frame.open(key));
+        ASSERT_TRUE(frame.openChild(key));
         EXPECT_FALSE(key.ReadKeyFromDisk(dir.path("spoilt.key"))) << c.what;
         EXPECT_FALSE(key.storage.isopen) << c.what;
         EXPECT_QUIET();
@@ -525,7 +558,7 @@ TEST_F(vxRsaTest, ReaderRulesLeadingSpacesAndBodyLineWithoutAWord)
                                     "N: " + fixedN + "\n \n"}) {
         vxtest::writeFile(dir.path("empty-line.key"), keyFileText("1024 BIT PUBLIC", "", body));
         vxRsa key;
-        ASSERT_TRUE(frame.open(key));
+        ASSERT_TRUE(frame.openChild(key));
         EXPECT_THROW((void)key.ReadKeyFromDisk(dir.path("empty-line.key")), std::out_of_range);
         testFrame::closeAll(key);
     }

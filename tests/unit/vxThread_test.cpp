@@ -21,8 +21,6 @@ using vxThreadTest = vxtest::vxTest;
 
 using vxtest::latchByFailure;
 
-const char* const unable = "Unable to continue from previous error";
-
 void pause()
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -60,17 +58,21 @@ vxThread* waitForStart()
     return seen;
 }
 
-TEST_F(vxThreadTest, MutexLocksUnlocksRefusesWhileLatchedAndRecordsFailingCallStatus)
+TEST_F(vxThreadTest, MutexLocksAndUnlocks)
 {
     vxMutex mutex;
-    ASSERT_TRUE(frame.open(mutex));
+    ASSERT_TRUE(frame.openChild(mutex));
     EXPECT_TRUE(mutex.Lock());
     EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), EBUSY);
     EXPECT_TRUE(mutex.UnLock());
     EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(&mutex.mutex), 0);
-    EXPECT_TRUE(vxtest::testFrame::close(mutex));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(mutex));
     EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxThreadTest, MutexRefusesWhileLatchedWithoutTakingTheLock)
+{
     vxMutex other;
     latchByFailure();
     EXPECT_FALSE(other.Lock());
@@ -79,10 +81,13 @@ TEST_F(vxThreadTest, MutexLocksUnlocksRefusesWhileLatchedAndRecordsFailingCallSt
     const std::vector<std::string> messages = vxtest::trailMessages();
     ASSERT_EQ(vxGlobal.stackTrace.events.size(), 4U);
     EXPECT_EQ(std::vector<std::string>(messages.begin() + 1, messages.end()),
-              std::vector<std::string>(3, unable));
+              std::vector<std::string>(3, vxtest::kRefusal));
     EXPECT_EQ(pthread_mutex_trylock(&other.mutex), 0) << "Lock did not take the mutex";
     EXPECT_EQ(pthread_mutex_unlock(&other.mutex), 0);
-    vxBase::lvxClearLastError();
+}
+
+TEST_F(vxThreadTest, AFailingLockRecordsTheCallsStatus)
+{
     vxMutex checking;
     pthread_mutexattr_t checkingAttributes;
     ASSERT_EQ(pthread_mutexattr_init(&checkingAttributes), 0);
@@ -116,7 +121,7 @@ TEST_F(vxThreadTest, ConditionWakeupOneHoldsSleeperUntilUnlockAndWakeupAllWakesE
 {
     for (const int count : {1, 2}) {
         vxCondition condition;
-        ASSERT_TRUE(frame.open(condition));
+        ASSERT_TRUE(frame.openChild(condition));
         std::atomic<int> sleeping{0};
         std::atomic<bool> signalled{false};
         std::atomic<int> woken{0};
@@ -140,15 +145,15 @@ TEST_F(vxThreadTest, ConditionWakeupOneHoldsSleeperUntilUnlockAndWakeupAllWakesE
             waiter.join(); // a lost wake-up would hang here until the test's time-out
         }
         EXPECT_EQ(woken.load(), count);
-        EXPECT_TRUE(vxtest::testFrame::close(condition));
+        EXPECT_TRUE(vxtest::testFrame::closeChild(condition));
     }
     EXPECT_FALSE(vxBase::HaveStackTrace());
 }
 
-TEST_F(vxThreadTest, ThreadOpenOpensItsMembersAndConditionWakeupRefusesWhileLatched)
+TEST_F(vxThreadTest, ThreadOpenOpensItsMembersWhichCloseLeavesOpen)
 {
     vxThread thread;
-    ASSERT_TRUE(frame.open(thread));
+    ASSERT_TRUE(frame.openChild(thread));
     EXPECT_TRUE(thread.opened);
     EXPECT_FALSE(thread.threadCreated);
     for (const vxBase* member :
@@ -161,28 +166,32 @@ TEST_F(vxThreadTest, ThreadOpenOpensItsMembersAndConditionWakeupRefusesWhileLatc
     EXPECT_EQ(pthread_attr_getdetachstate(&thread.attributes, &detach), 0);
     EXPECT_EQ(detach, PTHREAD_CREATE_DETACHED);
     // Close does not touch the members.
-    EXPECT_TRUE(vxtest::testFrame::close(thread));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(thread));
     EXPECT_TRUE(thread.mutex.opened);
     EXPECT_TRUE(thread.condition.opened);
-    EXPECT_TRUE(vxtest::testFrame::close(thread.condition));
-    EXPECT_TRUE(vxtest::testFrame::close(thread.mutex));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(thread.condition));
+    EXPECT_TRUE(vxtest::testFrame::closeChild(thread.mutex));
     EXPECT_FALSE(vxBase::HaveStackTrace());
+}
+
+TEST_F(vxThreadTest, ConditionWakeupRefusesWhileLatchedWithoutTakingTheLock)
+{
     vxCondition condition;
     latchByFailure();
     EXPECT_FALSE(condition.WakeupOne());
     EXPECT_FALSE(condition.WakeupAll());
     const std::vector<std::string> messages = vxtest::trailMessages();
     ASSERT_EQ(messages.size(), 3U);
-    EXPECT_EQ(messages[1], unable);
-    EXPECT_EQ(messages[2], unable);
+    EXPECT_EQ(messages[1], vxtest::kRefusal);
+    EXPECT_EQ(messages[2], vxtest::kRefusal);
     EXPECT_EQ(pthread_mutex_trylock(&condition.mutex.mutex), 0) << "the inner mutex was not taken";
     EXPECT_EQ(pthread_mutex_unlock(&condition.mutex.mutex), 0);
 }
 
-TEST_F(vxThreadTest, ThreadStartMainStackSizeAndDestroyingWithOpenMembers)
+TEST_F(vxThreadTest, StartMainRunsTheEntryWithTheStackSizeSet)
 {
     vxThread thread;
-    ASSERT_TRUE(frame.open(thread));
+    ASSERT_TRUE(frame.openChild(thread));
     void (*entry)(void*) = recordStart;
     const size_t small = 256 * 1024;
     const size_t large = 1024 * 1024;
@@ -204,19 +213,23 @@ TEST_F(vxThreadTest, ThreadStartMainStackSizeAndDestroyingWithOpenMembers)
     EXPECT_FALSE(thread.StartMain(entry)) << "latched";
     EXPECT_EQ(waitForStart(), &thread); // started all the same
     ASSERT_EQ(vxGlobal.stackTrace.events.size(), before + 1);
-    EXPECT_EQ(vxtest::trailMessages().back(), unable);
+    EXPECT_EQ(vxtest::trailMessages().back(), vxtest::kRefusal);
     vxBase::lvxClearLastError();
     closeThread(thread);
+}
+
+TEST_F(vxThreadTest, DestroyingAThreadWithOpenMembersReportsTheFirstOnly)
+{
     // Members go in reverse order: the condition is reported first and latches, so the mutex
     // after it adds nothing.
     for (const char* member : {"vxCondition", "vxMutex"}) {
         vxBase::lvxClearLastError();
         {
             vxThread unclosed;
-            ASSERT_TRUE(frame.open(unclosed));
-            ASSERT_TRUE(vxtest::testFrame::close(unclosed));
+            ASSERT_TRUE(frame.openChild(unclosed));
+            ASSERT_TRUE(vxtest::testFrame::closeChild(unclosed));
             if (std::string(member) == "vxMutex") {
-                ASSERT_TRUE(vxtest::testFrame::close(unclosed.condition));
+                ASSERT_TRUE(vxtest::testFrame::closeChild(unclosed.condition));
             }
         }
         EXPECT_TRUE(vxtest::latched());
@@ -261,7 +274,7 @@ TEST_F(vxThreadTest, ConcurrentFailuresKeepTrailConsistent)
         if (message == "offset2 > offset1") {
             ++bounds;
         } else {
-            EXPECT_EQ(message, unable);
+            EXPECT_EQ(message, vxtest::kRefusal);
         }
     }
     // The first event is always a real failure; every thread may have seen a clear latch once.

@@ -22,7 +22,7 @@ std::regex traceLine(const std::string& message)
     return std::regex(R"(^\[\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\] -> )" + escaped + "\n$");
 }
 
-TEST_F(vxTraceTest, TraceLogAndVersionTable)
+TEST_F(vxTraceTest, SysLogAndTheTraceFlagsAcceptAnyText)
 {
     // A message is never taken as a format.
     EXPECT_TRUE(vxGlobal.traceLog.SysLog("libveltrix unit test %s%s%s%n"));
@@ -32,6 +32,11 @@ TEST_F(vxTraceTest, TraceLogAndVersionTable)
         EXPECT_TRUE(vxGlobal.traceLog.EnableTraceFlag(flag));
         EXPECT_TRUE(vxGlobal.traceLog.DisableTraceFlag(flag));
     }
+    EXPECT_QUIET();
+}
+
+TEST_F(vxTraceTest, AddMessageWritesOneStampedLineEvenWhileLatched)
+{
     for (const std::string message : {"text", "", "100% %s %n done", "two  blanks ", "latched"}) {
         if (message == "latched") {
             EXPECT_FALSE(vxBase::HaveStackTrace());
@@ -43,7 +48,10 @@ TEST_F(vxTraceTest, TraceLogAndVersionTable)
         EXPECT_TRUE(std::regex_match(written, traceLine(message))) << '"' << written << '"';
     }
     EXPECT_EQ(vxGlobal.stackTrace.events.size(), 1U);
-    vxBase::lvxClearLastError();
+}
+
+TEST_F(vxTraceTest, TheVersionTableListsTheApplicationThenLibrariesThenPlugIns)
+{
     using pairs = std::vector<std::pair<std::string, std::string>>;
     const std::string rule3 = "|------|-------------|---------|\n";
     const std::string head3 = rule3 + "| Name | Type        | Version |\n" + rule3;
