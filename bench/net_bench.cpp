@@ -61,7 +61,7 @@ public:
     bool open(benchFrame& frame)
     {
         int fds[2] = {-1, -1};
-        if (!vxtest::socketPair(fds)) {
+        if (!vxbench::socketPair(fds)) {
             return false;
         }
         // Each plain socket owns its descriptor from here on and closes it.
@@ -74,7 +74,7 @@ public:
         }
         return frame.openChild(sender, kCipher, kHash, &senderPlain) &&
                frame.openChild(receiver, kCipher, kHash, &receiverPlain) &&
-               vxtest::seedAlike(sender.keys, receiver.keys);
+               vxbench::seedAlike(sender.keys, receiver.keys);
     }
 
     bool close() { return closeAll({&senderPlain, &receiverPlain, &sender, &receiver}); }

@@ -48,9 +48,9 @@ bool checkAgreement(benchFrame& frame)
 
 void benchLibrarySend(benchmark::State& state, benchFrame& frame, size_t size)
 {
-    vxtest::transportPair ends;
+    vxbench::transportPair ends;
     const bool ready = ends.open(frame, kCipher.id);
-    vxtest::transportEnd& end = ends.server;
+    vxbench::transportEnd& end = ends.server;
     const vxBytes payload = asBytes(pattern(size, 1));
     timeSteps(state, ready, "the library send", size, end.wire.bytes.data(),
               [&] { return end.build(payload); });
@@ -71,7 +71,7 @@ void benchDirectSend(benchmark::State& state, size_t size)
  *  then received one per iteration. */
 template <class Receive>
 void timeReceives(benchmark::State& state, bool ready, const char* what, size_t size,
-                  vxtest::transportEnd& producer, Receive receive)
+                  vxbench::transportEnd& producer, Receive receive)
 {
     if (!ready) {
         state.SkipWithError((std::string("cannot set up ") + what).c_str());

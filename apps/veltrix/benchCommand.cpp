@@ -132,7 +132,7 @@ template <class Step> round steps(Step step)
 /** A round of receives: `producer` writes a batch of packets untimed, then `receive` reads them
  *  one by one, timed, until the budget is spent. */
 template <class Receive>
-round receives(vxtest::transportEnd& producer, const vxBytes& payload, Receive receive)
+round receives(vxbench::transportEnd& producer, const vxBytes& payload, Receive receive)
 {
     return [&producer, &payload, receive](double budget, sample& perUnit) mutable {
         const size_t batch = vxdirect::receiveBatch(payload.bytes.size());
@@ -1083,7 +1083,7 @@ public:
     explicit directRoundTrip(const vxdirect::cipherChoice& cipher)
     {
         int fds[2] = {-1, -1};
-        if (!vxtest::socketPair(fds)) {
+        if (!vxbench::socketPair(fds)) {
             throw failure("cannot create a socket pair: " + errnoText());
         }
         nearFd.fd = fds[0];

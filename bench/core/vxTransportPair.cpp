@@ -5,7 +5,7 @@
 
 #include <initializer_list>
 
-namespace vxtest {
+namespace vxbench {
 
 namespace {
 
@@ -130,4 +130,4 @@ bool socketPair(int (&fds)[2])
     return socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0;
 }
 
-} // namespace vxtest
+} // namespace vxbench

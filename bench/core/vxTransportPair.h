@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-namespace vxtest {
+namespace vxbench {
 
 /** One end: its keys, header and plain socket, all opened with the same side. */
 class transportEnd : public veltrix::vxBase
@@ -87,4 +87,4 @@ private:
     void closeUnadopted(const int (&fds)[2]) const;
 };
 
-} // namespace vxtest
+} // namespace vxbench

@@ -200,7 +200,7 @@ bool referenceEnd::open(const cipherChoice& cipher, bool side, const bytes& seed
 
 bool referenceEnd::openPaired(const cipherChoice& cipher, bool side)
 {
-    return open(cipher, side, vxtest::pairSeed0().bytes, vxtest::pairSeed1().bytes);
+    return open(cipher, side, vxbench::pairSeed0().bytes, vxbench::pairSeed1().bytes);
 }
 
 bool referenceEnd::openForSecret(const cipherChoice& cipher, bool side, const bytes& secret)

@@ -97,7 +97,7 @@ public:
     /** Keys as the library's ReSeed(seed0, seed1) derives them, for the end opened with
      *  `side`. */
     bool open(const cipherChoice& cipher, bool side, const bytes& seed0, const bytes& seed1);
-    /** Keys as the end of a vxtest::transportPair opened with `side`: seeded with its seeds. */
+    /** Keys as the end of a vxbench::transportPair opened with `side`: seeded with its seeds. */
     bool openPaired(const cipherChoice& cipher, bool side);
     /** Keys as a handshake derives them from the shared secret, before any challenge. */
     bool openForSecret(const cipherChoice& cipher, bool side, const bytes& secret);
@@ -147,7 +147,7 @@ public:
     int referenceFd() const { return pair.client.socket.sockFd; }
 
     bool ready = false;
-    vxtest::transportPair pair;
+    vxbench::transportPair pair;
     referenceEnd reference;
 
 private:

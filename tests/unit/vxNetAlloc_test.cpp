@@ -83,7 +83,7 @@ protected:
         return true;
     }
 
-    vxtest::transportPair pair;
+    vxbench::transportPair pair;
 };
 
 TEST_F(vxNetAllocTest, WarmedUpEndsExchangePacketsWithoutAllocating)

@@ -28,13 +28,13 @@ using veltrix::vxNetTransportHeader;
 using veltrix::vxNetTransportHmacIV;
 using veltrix::vxNetTransportKeyExpander;
 using veltrix::vxNetTransportKeys;
+using vxbench::transportEnd;
+using vxbench::transportPair;
 using vxtest::filled;
 using vxtest::fromHex;
 using vxtest::hexOf;
 using vxtest::payload;
 using vxtest::testFrame;
-using vxtest::transportEnd;
-using vxtest::transportPair;
 
 class vxNetTransportTest : public vxtest::vxCryptoTest
 {
